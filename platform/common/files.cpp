@@ -1,0 +1,117 @@
+#include "common/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+void LogFailure(const char* verb, const char* path) {
+  syslog(LOG_ERR, "%s %s: %s", verb, Printable(path).c_str(), std::strerror(errno));
+}
+
+bool IsPrivate(int file, const char* path) {
+  struct stat status = {};
+  if (fstat(file, &status) != 0) {
+    LogFailure("cannot read the mode of", path);
+    return false;
+  }
+  if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    syslog(LOG_ERR, "%s: a secret, but open to group or others", Printable(path).c_str());
+    return false;
+  }
+  return true;
+}
+
+ReadResult Read(const char* path, std::string& content, bool secret) {
+  content.clear();
+  const int file = open(path, O_RDONLY | O_CLOEXEC);
+  if (file < 0) {
+    if (errno == ENOENT) {
+      return ReadResult::kMissing;
+    }
+    LogFailure("cannot open", path);
+    return ReadResult::kFailed;
+  }
+  if (secret && !IsPrivate(file, path)) {
+    close(file);
+    return ReadResult::kFailed;
+  }
+  char block[8192];
+  ssize_t got = 0;
+  while ((got = read(file, block, sizeof block)) > 0 || (got < 0 && errno == EINTR)) {
+    content.append(block, got > 0 ? static_cast<std::size_t>(got) : 0);
+  }
+  if (got < 0) {
+    LogFailure("cannot read", path);
+    content.clear();
+  }
+  close(file);
+  return got < 0 ? ReadResult::kFailed : ReadResult::kOk;
+}
+
+}  // namespace
+
+ReadResult ReadFile(const char* path, std::string& content) { return Read(path, content, false); }
+
+ReadResult ReadSecretFile(const char* path, std::string& content) { return Read(path, content, true); }
+
+bool WriteAll(int file, std::string_view content) {
+  while (!content.empty()) {
+    const ssize_t written = write(file, content.data(), content.size());
+    if (written > 0) {
+      content.remove_prefix(static_cast<std::size_t>(written));
+    } else if (written == 0 || errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
+int WriteFile(const char* path, std::string_view content) {
+  const int file = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  const bool written = file >= 0 && WriteAll(file, content);
+  const int reason = errno;
+  const bool closed = file >= 0 && close(file) == 0;
+  if (written && closed) {
+    return 0;
+  }
+  errno = written ? errno : reason;
+  LogFailure("cannot write", path);
+  return -1;
+}
+
+int ReplaceFile(const char* path, std::string_view content, mode_t mode) {
+  std::string temp = std::string(path) + "XXXXXX";
+  const int file = mkostemp(temp.data(), O_CLOEXEC);
+  if (file < 0) {
+    LogFailure("cannot create a file beside", path);
+    return -1;
+  }
+  // On disk before it is renamed: a power cut must not leave an empty file in the old one's place.
+  const bool written = WriteAll(file, content) && fchmod(file, mode) == 0 && fsync(file) == 0;
+  const int reason = errno;
+  const bool closed = close(file) == 0;
+  if (written && closed && rename(temp.c_str(), path) == 0) {
+    return 0;
+  }
+  errno = written ? errno : reason;
+  LogFailure("cannot replace", path);
+  (void)unlink(temp.c_str());  // one failure, one line: the first is the cause
+  return -1;
+}
+
+std::string Printable(std::string_view text) {
+  std::string printable(text);
+  for (char& c : printable) {
+    const auto byte = static_cast<unsigned char>(c);
+    c = byte < 0x20 || byte == 0x7f ? '?' : c;
+  }
+  return printable;
+}

@@ -1,0 +1,60 @@
+/// The alias table: an object of alias names, each with its recipients,
+///
+///     {"postmaster": ["root"], "sales": ["alice", "bob@example.com"]}
+///
+/// and the same as aliases(5) has it.
+#include "common/files.h"
+#include "libbrindlecot/json_file.h"
+#include "platform/brindlecot.h"
+
+namespace {
+
+/// `text` as a double-quoted string when one of its characters would not stand for itself.
+std::string Quoted(const std::string& text, const char* specials) {
+  if (text.find_first_of(specials) == std::string::npos) {
+    return text;
+  }
+  std::string quoted = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') {
+      quoted += '\\';
+    }
+    quoted += c;
+  }
+  return quoted + '"';
+}
+
+}  // namespace
+
+int Alias::load() {
+  JsonFile file("/var/packages/Brindlecot/etc/settings/aliases.json");
+  std::map<std::string, std::vector<std::string>> aliases;
+  if (file.Missing()) {
+    aliases["postmaster"] = {"root"};
+  }
+  for (const std::string& name : file.Names()) {
+    const Json::Value& recipients = file.Object()[name];
+    aliases[name] = file.Texts(name, recipients, 1);
+    if (recipients.isArray() && recipients.empty()) {
+      file.Expected(name, "at least one recipient");
+    }
+  }
+  if (file.Result() == 0) {
+    aliases_.swap(aliases);
+  }
+  return file.Result();
+}
+
+int Alias::ExportAlias(const std::string& path) {
+  std::string lines;
+  for (const auto& [name, recipients] : aliases_) {
+    const char* separator = ": ";
+    lines += Quoted(name, " \"#%(),:;<>@[\\]");
+    for (const std::string& recipient : recipients) {
+      lines += separator + Quoted(recipient, " \"#%(),:;<>[\\]");  // an address keeps its `@` bare
+      separator = ", ";
+    }
+    lines += '\n';
+  }
+  return WriteFile(path.c_str(), lines);
+}

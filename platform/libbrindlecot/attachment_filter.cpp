@@ -1,0 +1,48 @@
+/// The attachment filter: extensions that no attachment's name may end in,
+///
+///     {"deny_extensions": ["exe", "tar.gz"]}
+///
+/// written as MailScanner's filename rules. A rule is one line of four fields with a tab between them:
+/// action, Perl regular expression, text for the log and text for the recipient ("-" is none). The first
+/// rule that matches decides.
+#include "common/files.h"
+#include "libbrindlecot/json_file.h"
+#include "platform/brindlecot.h"
+
+namespace {
+
+/// A regular expression in which every character of `text` stands for itself.
+std::string Literal(const std::string& text) {
+  std::string literal;
+  for (const char c : text) {
+    const bool plain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                       static_cast<unsigned char>(c) >= 0x80;
+    if (c == ' ') {
+      literal += "\\x20";  // would be trimmed off, or end the field
+    } else if (c == '#') {
+      literal += "\\x23";  // would begin a comment
+    } else {
+      literal += plain ? "" : "\\";
+      literal += c;
+    }
+  }
+  return literal;
+}
+
+}  // namespace
+
+int AttachmentFilter::GenerateConfig() {
+  JsonFile file("/var/packages/Brindlecot/etc/settings/attachment_filter.json");
+  const auto extensions = file.Texts("deny_extensions", file.Take("deny_extensions", Json::arrayValue), 1);
+  file.RejectRest();
+  if (file.Result() != 0) {
+    return -1;
+  }
+  std::string rules;
+  for (const std::string& extension : extensions) {
+    rules += "deny\t(?i)\\." + Literal(extension) +
+             "$\tDenied attachment extension\tThis kind of attachment is not accepted\n";
+  }
+  rules += "allow\t.*\t-\t-\n";
+  return ReplaceFile("/var/packages/Brindlecot/target/etc/MailScanner/filename.rules.conf", rules, 0644);
+}

@@ -1,0 +1,127 @@
+#include "libbrindlecot/json_file.h"
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <memory>
+
+#include "common/files.h"
+#include "libbrindlecot/utf8.h"
+
+JsonFile::JsonFile(const char* path) : path_(path) {
+  std::string content;
+  const ReadResult result = ReadFile(path, content);
+  missing_ = result == ReadResult::kMissing;
+  faulty_ = result == ReadResult::kFailed;
+  if (result == ReadResult::kOk) {
+    // JsonCpp takes a NUL for the end of the text; any other control character is a fault to it, or here.
+    std::replace(content.begin(), content.end(), '\0', '\1');
+    Parse(content);
+  }
+}
+
+void JsonFile::Parse(const std::string& content) {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  builder["allowComments"] = true;
+  builder["collectComments"] = false;
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value root;
+  std::string errors;
+  try {
+    if (!reader->parse(content.data(), content.data() + content.size(), &root, &errors)) {
+      // Only the first error counts, the others follow from it. Its wording may quote the file.
+      int line = 1;
+      int column = 1;
+      std::sscanf(errors.c_str(), "* Line %d, Column %d", &line, &column);
+      const bool duplicate = errors.find("\n  Duplicate key: ") == errors.find('\n');
+      SyntaxError(line, column, duplicate ? "duplicate key" : "syntax error");
+    } else if (!root.isObject()) {
+      SyntaxError(1, 1, "not an object");
+    } else {
+      object_.swap(root);
+    }
+  } catch (const Json::Exception&) {
+    SyntaxError(1, 1, "nested too deeply");
+  }
+}
+
+void JsonFile::SyntaxError(int line, int column, const char* what) {
+  syslog(LOG_ERR, "%s:%d:%d: %s", path_, line, column, what);
+  faulty_ = true;
+}
+
+void JsonFile::Expected(std::string_view key, std::string_view what) {
+  syslog(LOG_ERR, "%s: %s: expected %s", path_, Printable(key).c_str(), Printable(what).c_str());
+  faulty_ = true;
+}
+
+Json::Value JsonFile::Take(const char* key, const Json::Value& otherwise) {
+  Json::Value value;
+  return object_.removeMember(key, &value) ? value : otherwise;
+}
+
+void JsonFile::RejectRest() {
+  for (const std::string& key : object_.getMemberNames()) {
+    Expected(key, "a known key");
+  }
+}
+
+std::vector<std::string> JsonFile::Names() {
+  std::vector<std::string> names = object_.getMemberNames();
+  std::map<std::u32string, std::string> seen;
+  for (const std::string& name : names) {
+    if (name.empty() || !IsText(name)) {
+      Expected(name, "a non-empty name of UTF-8 without control characters");
+      continue;
+    }
+    const auto [first, added] = seen.emplace(FoldCase(name), name);
+    if (!added) {
+      Expected(name, "a name that differs from " + first->second + " in more than case");
+    }
+  }
+  return names;
+}
+
+bool JsonFile::Bool(std::string_view key, const Json::Value& value) {
+  if (!value.isBool()) {
+    Expected(key, "true or false");
+    return false;
+  }
+  return value.asBool();
+}
+
+int JsonFile::Integer(std::string_view key, const Json::Value& value, int lowest, int highest) {
+  // isInt() alone also takes 25.0 and 1e3.
+  if (value.type() == Json::realValue || !value.isInt() || value.asInt() < lowest ||
+      value.asInt() > highest) {
+    Expected(key, "an integer from " + std::to_string(lowest) + " to " + std::to_string(highest));
+    return lowest;
+  }
+  return value.asInt();
+}
+
+std::string JsonFile::Text(std::string_view key, const Json::Value& value, std::size_t shortest,
+                           const std::string& item) {
+  std::string text = value.isString() ? value.asString() : "";
+  if (!value.isString() || text.size() < shortest || !IsText(text)) {
+    const std::string what = shortest > 0 ? "a non-empty string" : "a string";
+    Expected(key, item + what + " of UTF-8 without control characters");
+  }
+  return text;
+}
+
+std::vector<std::string> JsonFile::Texts(std::string_view key, const Json::Value& value,
+                                         std::size_t shortest) {
+  std::vector<std::string> texts;
+  if (!value.isArray()) {
+    Expected(key, "an array of strings");
+    return texts;
+  }
+  for (const Json::Value& item : value) {
+    texts.push_back(Text(key, item, shortest, "item " + std::to_string(texts.size() + 1) + " to be "));
+  }
+  return texts;
+}

@@ -1,0 +1,89 @@
+/// The three settings groups. Each file is an object of keys and values, all optional:
+///
+///     {"smtp_hostname": "mail.example.com", "smtp_port": 25, "additional_domains": ["example.org"],
+///      "dnsbl": [{"zone": "zen.example.net", "kind": "RBL"}]}
+#include "libbrindlecot/json_file.h"
+#include "libbrindlecot/setting_keys.h"
+#include "platform/brindlecot.h"
+
+namespace {
+
+using Values = std::map<std::string, boost::any>;
+using PairList = std::list<std::pair<std::string, std::string>>;
+
+/// Replaces `values` by what the file holds, or defaults. -1, with `values` as they were, when the file
+/// has a fault.
+int LoadValues(JsonFile& file, const std::vector<SettingKey>& keys, Values& values) {
+  Values loaded;
+  for (const SettingKey& setting : keys) {
+    const Json::Value value = file.Take(setting.key, setting.defaultValue);
+    if (setting.defaultValue.isBool()) {
+      loaded[setting.key] = Value<bool>{file.Bool(setting.key, value)};
+    } else if (setting.defaultValue.isInt()) {
+      loaded[setting.key] = Value<int>{file.Integer(setting.key, value, setting.lowest, setting.highest)};
+    } else {
+      loaded[setting.key] = Value<std::string>{file.Text(setting.key, value)};
+    }
+  }
+  file.RejectRest();
+  if (file.Result() == 0) {
+    values.swap(loaded);
+  }
+  return file.Result();
+}
+
+PairList TakeBlocklists(JsonFile& file) {
+  const char* const key = "dnsbl";
+  const Json::Value lists = file.Take(key, Json::arrayValue);
+  PairList blocklists;
+  if (!lists.isArray()) {
+    file.Expected(key, "an array of objects");
+    return blocklists;
+  }
+  for (const Json::Value& list : lists) {
+    const std::string item = "item " + std::to_string(blocklists.size() + 1) + " to ";
+    blocklists.emplace_back();
+    if (!list.isObject()) {
+      file.Expected(key, item + "be an object");
+      continue;
+    }
+    for (const std::string& member : list.getMemberNames()) {
+      if (member != "zone" && member != "kind") {
+        file.Expected(key, (item + "have no member ").append(member));
+      }
+    }
+    blocklists.back().first = file.Text(key, list["zone"], 0, item + "have as zone ");
+    blocklists.back().second = file.Text(key, list["kind"], 0, item + "have as kind ");
+  }
+  return blocklists;
+}
+
+}  // namespace
+
+boost::any& Config::Get(const std::string& key) { return values_[key]; }
+
+int Postfix::LoadSettings() {
+  JsonFile file("/var/packages/Brindlecot/etc/settings/smtp.json");
+  const auto domains = file.Texts("additional_domains", file.Take("additional_domains", Json::arrayValue));
+  PairList blocklists = TakeBlocklists(file);
+  const int result = LoadValues(file, kSmtpKeys, values_);
+  if (result == 0) {
+    additionDomains_.assign(domains.begin(), domains.end());
+    dnsblList_.swap(blocklists);
+  }
+  return result;
+}
+
+std::list<std::string>& Postfix::GetAdditionDomain() { return additionDomains_; }
+
+std::list<std::pair<std::string, std::string>>& Postfix::GetDNSBLList() { return dnsblList_; }
+
+int MailScanner::LoadSettings() {
+  JsonFile file("/var/packages/Brindlecot/etc/settings/scanner.json");
+  return LoadValues(file, kScannerKeys, values_);
+}
+
+int ImapPop3::LoadSettings() {
+  JsonFile file("/var/packages/Brindlecot/etc/settings/imap_pop3.json");
+  return LoadValues(file, kImapPop3Keys, values_);
+}

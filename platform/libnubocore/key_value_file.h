@@ -1,0 +1,10 @@
+/// Key/value files, for the libraries that keep values in one.
+#pragma once
+
+#include <string_view>
+
+#include "libnubocore/string_hash.h"
+
+/// Adds the pairs of `content`, the text of the key/value file at `path`, to `hash`. False when a line is
+/// no pair: logged with its number and what was expected there, never with its text, which may be a secret.
+bool ParsePairs(const char* path, std::string_view content, ZELBCSzHash& hash);

@@ -1,0 +1,63 @@
+#include <pwd.h>
+#include <strings.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <string>
+
+#include "libnubocore/string_list.h"
+#include "platform/nubocore.h"
+
+namespace {
+
+constexpr int kWindowsDomain = 2;
+
+/// Tells whether `error`, left by the database after its last user, means that users are missing. What
+/// its sources leave at a plain end varies (ENOENT, ECONNREFUSED, ...), so an error that getpwent(3) does
+/// not document counts only when there was no user at all.
+bool IsReadError(int error, bool anyUser) {
+  constexpr int kErrors[] = {EAGAIN, EINTR, EIO, EMFILE, ENFILE, ENOMEM, ERANGE};
+  const bool documented = std::find(std::begin(kErrors), std::end(kErrors), error) != std::end(kErrors);
+  return documented || (error != 0 && !anyUser);
+}
+
+/// Appends the users whose names begin with `prefix`. 0, or an error number.
+int AppendUsers(ZELBCSzList& list, const std::string& prefix) {
+  errno = 0;
+  setpwent();
+  const int openError = errno;
+  bool anyUser = false;
+  errno = 0;
+  while (const passwd* user = getpwent()) {
+    anyUser = true;
+    if (strncasecmp(user->pw_name, prefix.c_str(), prefix.size()) == 0 &&
+        !AppendToList(list, user->pw_name)) {
+      return ENOMEM;
+    }
+    errno = 0;
+  }
+  const int readError = errno;
+  if (IsReadError(openError, anyUser)) {
+    return openError;
+  }
+  return IsReadError(readError, anyUser) ? readError : 0;
+}
+
+}  // namespace
+
+int ZELBUserEnum(ZELBCSzList** list, int type, const char* domain) {
+  if (type != kWindowsDomain || domain == nullptr || *domain == '\0') {
+    syslog(LOG_ERR, "users of type %d can only be listed for a Windows domain with a short name", type);
+    return -1;
+  }
+  const int error = AppendUsers(**list, std::string(domain) + '\\');
+  endpwent();
+  if (error != 0) {
+    syslog(LOG_ERR, "cannot read the user database: %s", std::strerror(error));
+    return -1;
+  }
+  return 0;
+}

@@ -1,0 +1,69 @@
+#include <strings.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+#include "common/files.h"
+#include "common/text.h"
+#include "platform/nubosdk.h"
+
+namespace {
+
+bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+/// Takes the first word off `text`, with the blanks behind it.
+std::string_view TakeWord(std::string_view& text) {
+  const std::string_view word = text.substr(0, text.find_first_of(" \t"));
+  text = Trim(text.substr(word.size()));
+  return word;
+}
+
+/// Tells whether `word` is one of the maps of nslcd.conf(5), for which `base` can be set apart.
+bool IsMapName(std::string_view word) {
+  constexpr std::string_view kMaps[] = {"aliases", "ethers",    "group", "hosts",    "netgroup", "networks",
+                                        "passwd",  "protocols", "rpc",   "services", "shadow"};
+  return std::any_of(std::begin(kMaps), std::end(kMaps),
+                     [=](std::string_view map) { return EqualsIgnoringCase(word, map); });
+}
+
+/// The value of `key`; empty when it is missing.
+std::string_view FindValue(std::string_view content, std::string_view key) {
+  while (!content.empty()) {
+    std::string_view value = Trim(TakeLine(content));
+    if (!EqualsIgnoringCase(TakeWord(value), key)) {
+      continue;
+    }
+    std::string_view rest = value;
+    const std::string_view word = TakeWord(rest);
+    if (EqualsIgnoringCase(key, "uri")) {
+      return word;
+    }
+    if (!EqualsIgnoringCase(key, "base") || !IsMapName(word)) {
+      return value;
+    }
+  }
+  return {};
+}
+
+}  // namespace
+
+int NUBOLDAPInfoGetFromConf(const char* path, const char* key, char* value, int size) {
+  CopyToBuffer({}, value, size);
+  std::string content;
+  if (ReadFile(path, content) == ReadResult::kFailed) {
+    return -1;
+  }
+  const std::string_view found = FindValue(content, key);
+  const int length = CopyToBuffer(found, value, size);
+  if (found.empty()) {
+    syslog(LOG_ERR, "%s is missing or has no %s", path, key);
+  } else if (length < 0) {
+    syslog(LOG_ERR, "%s: %s: expected a text of less than %d bytes", path, key, size);
+  }
+  return length;
+}

@@ -1,0 +1,92 @@
+/// The package's settings library, libbrindlecot: the administrator's choices, and the files that the
+/// library writes from them itself. Declarations of what this program uses; the library implements
+/// them.
+///
+/// Results: 0 or more is success and a negative value a failure, except where a call says otherwise.
+/// The library logs its own failures, one line at LOG_ERR each.
+#pragma once
+
+#include <boost/any.hpp>
+#include <cstdio>
+#include <list>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+/// A setting's value as a settings object holds it: `bool`, `int` or `std::string`.
+template <typename T>
+struct Value {
+  T value;
+};
+
+/// A group of settings, read by key.
+class Config {
+ public:
+  /// The value of `key`, a `Value<T>` of the key's own type; empty when there is no such key. Valid
+  /// until the settings are loaded again.
+  boost::any& Get(const std::string& key);
+
+ protected:
+  std::map<std::string, boost::any> values_;
+};
+
+/// The SMTP server's settings.
+class Postfix : public Config {
+ public:
+  /// Fills the object from the stored settings. On failure the object is not to be read.
+  int LoadSettings();
+
+  /// Mail domains beside the host name's own, in the administrator's order.
+  std::list<std::string>& GetAdditionDomain();
+
+  /// DNS blocklists in the administrator's order: the DNS zone, and its kind ("RBL" lists client
+  /// addresses, anything else domain names).
+  std::list<std::pair<std::string, std::string>>& GetDNSBLList();
+
+ private:
+  std::list<std::string> additionDomains_;
+  std::list<std::pair<std::string, std::string>> dnsblList_;
+};
+
+/// Content-scanning settings.
+class MailScanner : public Config {
+ public:
+  int LoadSettings();
+};
+
+/// IMAP and POP3 settings.
+class ImapPop3 : public Config {
+ public:
+  int LoadSettings();
+};
+
+/// The local alias table.
+class Alias {
+ public:
+  int load();
+
+  /// Writes the loaded aliases to `path`, one a line, in the format of Postfix's aliases(5).
+  int ExportAlias(const std::string& path);
+
+ private:
+  std::map<std::string, std::vector<std::string>> aliases_;  ///< recipients by alias name
+};
+
+/// What each sender may send.
+class SenderQuota {
+ public:
+  /// Writes, installs and compiles the sender quota map that main.cf names.
+  static int GenerateConfig();
+};
+
+/// Attachments that MailScanner refuses.
+class AttachmentFilter {
+ public:
+  /// Writes and installs MailScanner's filename rules.
+  static int GenerateConfig();
+};
+
+/// Writes each `Name of field: value` line of `stream` as `Name_of_field=value` to the file at `path`,
+/// opened with fopen(3)'s `mode`. 0 on success, any other value on failure. Leaves `stream` open.
+int PopenToFile(FILE* stream, const char* path, const char* mode);

@@ -1,0 +1,12 @@
+/// The appliance's SDK, libnubosdk: the LDAP client's settings and bind secret. Declarations of what
+/// this program uses; the library implements them.
+#pragma once
+
+/// Copies the value of `key` ("uri", "base", "binddn") of an nslcd.conf(5) file into `value` (of `size`
+/// bytes), NUL-terminated. Returns a value above 0 on success; 0 or below when the option is missing or
+/// empty, its value does not fit, or the file cannot be read.
+int NUBOLDAPInfoGetFromConf(const char* path, const char* key, char* value, int size);
+
+/// Copies the LDAP bind secret into `secret` (of `size` bytes), NUL-terminated. Negative when there is
+/// none, it does not fit, or its file is open to others; ZELBCErrGet() then tells why.
+int NUBOLDAPSecretGet(char* secret, int size);
