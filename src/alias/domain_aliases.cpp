@@ -1,0 +1,46 @@
+#include <syslog.h>
+
+#include <cstring>
+
+#include "core/config_generator.h"
+#include "core/owned.h"
+#include "core/paths.h"
+
+int ConfigGenerator::GenerateDomainAliases() {
+  const std::string domain = GetString(smtp, "win_domain_short_name");
+  if (GetString(smtp, "account_type") != "win") return 0;
+
+  char temp[] = "/var/packages/Brindlecot/target/etc/domain-aliasesXXXXXX";
+  const RemovedFile removed(temp);
+  if (!Written(MakeTempFile(temp) == 0, temp)) return -1;
+
+  constexpr int kDomainUsers = 2;  // the core library's type of a Windows domain's users
+  OwnedList users;
+  users.handle = ZELBCSzListAlloc(1024);
+  if (users.handle == nullptr) {
+    syslog(LOG_ERR, "%s:%d Out of memory", kLogSource, 1037);
+    return -1;
+  }
+  if (ZELBUserEnum(&users.handle, kDomainUsers, domain.c_str()) < 0) {
+    syslog(LOG_ERR, "%s:%d ZELBUserEnum(type=%d) failed", kLogSource, 1042, kDomainUsers);
+    return -1;
+  }
+
+  std::ofstream domainAliases(temp);
+  if (!Written(domainAliases.good(), temp)) return -1;
+  for (int i = 0; i < users.handle->count; ++i) {
+    const char* name = users.handle->items[i];
+    const char* backslash = std::strchr(name, '\\');
+    // Without a bare name there is no key, and a line without one would spoil the table.
+    if (backslash == nullptr || backslash[1] == '\0') continue;
+    const char* user = backslash + 1;
+    domainAliases << user << " : ";
+    domainAliases.write(name, backslash - name) << "\\\\" << user << std::endl;
+    if (!Written(domainAliases.good(), temp)) return -1;
+  }
+  CloseStream(domainAliases);
+  if (!Written(domainAliases.good(), temp)) return -1;
+
+  std::ignore = InstallFile(temp, "/var/packages/Brindlecot/target/etc/domain-aliases");
+  return CompileMap(kPostalias, "/var/packages/Brindlecot/target/etc/domain-aliases") < 0 ? -1 : 0;
+}

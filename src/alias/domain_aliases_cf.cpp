@@ -1,0 +1,89 @@
+#include <cstring>
+#include <tuple>
+
+#include "core/config_generator.h"
+#include "core/owned.h"
+#include "platform/nubowins.h"
+
+namespace {
+
+constexpr const char* kNet = "/usr/bin/net";
+constexpr int kLineSize = 512;
+
+// Adds the domain's server, port and search base to `domain`, under the names that `net ads info` prints,
+// and the distinguished name of `user` as "bind_dn". The scratch file goes before the programs are waited
+// for.
+bool GetDomainInfo(OwnedHash& domain, const char* user) {
+  OwnedOutput info;
+  OwnedOutput search;
+  char scratch[] = "/tmp/ad_infoXXXXXX";
+  const RemovedFile removed(scratch);
+  if (!Written(MakeTempFile(scratch) == 0, scratch)) return false;
+  info.stream = ZELBCPopen(kNet, "r", "ads", "info", static_cast<char*>(nullptr));
+  if (info.stream == nullptr) return false;
+  if (PopenToFile(info.stream, scratch, "w") != 0) return false;
+  if (ZELBCFileGetPair(scratch, &domain.handle) < 0) return false;
+
+  const std::string filter = std::string("(samaccountname=") + user + ")";
+  // -P: as the machine account
+  search.stream = ZELBCPopen(kNet, "r", "ads", "search", filter.c_str(), "-P", static_cast<char*>(nullptr));
+  if (search.stream == nullptr) return false;
+  char line[kLineSize] = {};
+  char kept[kLineSize] = {};
+  while (std::fgets(line, sizeof line, search.stream) != nullptr) {
+    if (std::strstr(line, "distinguishedName") == nullptr) continue;
+    // Other attributes may quote the word; the name itself is the last of an entry.
+    std::memcpy(kept, line, sizeof kept);
+    std::ignore = ZELBCStrTrimSpace(kept, 0);
+  }
+  constexpr size_t kPrefixLength = 19;  // "distinguishedName:" and the blank after it
+  if (std::strstr(kept, "distinguishedName:") == nullptr || std::strlen(kept) <= kPrefixLength) {
+    return false;
+  }
+  std::ignore = ZELBCSzHashSetValue(&domain.handle, "bind_dn", kept + kPrefixLength);
+  return true;
+}
+
+}  // namespace
+
+int ConfigGenerator::GenerateDomainLdapAliasMap() {
+  char unused[128] = {};
+  char user[1024] = {};
+  char password[1024] = {};
+
+  char temp[] = "/var/packages/Brindlecot/target/etc/domain-aliases.cfXXXXXX";
+  const RemovedFile removed(temp);
+  OwnedHash domain;
+  if (!Written(MakeTempFile(temp) == 0, temp)) return -1;
+  std::ofstream domainAliases(temp);
+  if (!Written(domainAliases.good(), temp)) return -1;
+  domain.handle = ZELBCSzHashAlloc(1024);
+  if (domain.handle == nullptr) return -1;
+  domainAliases << "query_filter=(&(samaccountname=%s))" << std::endl;
+  domainAliases << "result_attribute=samaccountname" << std::endl;
+  domainAliases << "version=3" << std::endl;
+  if (!Written(domainAliases.good(), temp)) return -1;
+
+  if (NUBOWinsGetAuthUser(unused, sizeof unused, user, sizeof user, password, sizeof password) < 0) return -1;
+  if (!GetDomainInfo(domain, user)) return -1;
+
+  const struct {
+    const char* parameter;
+    const char* key;
+  } lines[] = {{"server_host=", "LDAP_server"},
+               {"server_port=", "LDAP_port"},
+               {"search_base=", "Bind_Path"},
+               {"bind_dn=", "bind_dn"}};
+  for (const auto& line : lines) {
+    const char* value = ZELBCSzHashGetValue(domain.handle, line.key);
+    if (value == nullptr) return -1;
+    domainAliases << line.parameter << value << std::endl;
+    if (!Written(domainAliases.good(), temp)) return -1;
+  }
+  domainAliases << "bind_pw=" << password << std::endl;
+  CloseStream(domainAliases);
+  if (!Written(domainAliases.good(), temp)) return -1;
+
+  std::ignore = InstallFile(temp, "/var/packages/Brindlecot/target/etc/domain-aliases.cf");
+  return 0;
+}

@@ -1,0 +1,72 @@
+#include <syslog.h>
+
+#include <string_view>
+#include <tuple>
+
+#include "core/config_generator.h"
+#include "core/owned.h"
+#include "platform/nubosdk.h"
+
+namespace {
+
+constexpr int kValueSize = 1024;
+
+bool GetClientValue(const char* key, char (&value)[kValueSize], int line) {
+  if (NUBOLDAPInfoGetFromConf("/usr/nubo/etc/nslcd.conf", key, value, kValueSize) > 0) return true;
+  syslog(LOG_ERR, "%s:%d NUBOLDAPInfoGetFromConf(%s) failed", kLogSource, line, key);
+  return false;
+}
+
+// The text behind "scheme://", port and path included; empty when nothing follows the scheme. False
+// when there is no scheme.
+bool FindHostPart(std::string_view uri, std::string_view& host) {
+  const size_t scheme = uri.find_first_not_of('/');
+  if (scheme == std::string_view::npos) return false;
+  const size_t slash = uri.find('/', scheme);
+  const size_t start = slash == std::string_view::npos ? uri.size() : slash + 2;
+  host = uri.substr(start < uri.size() ? start : uri.size());
+  return true;
+}
+
+}  // namespace
+
+int ConfigGenerator::GenerateLdapAliasMap() {
+  char uri[kValueSize] = {};
+  char base[kValueSize] = {};
+  char bindDn[kValueSize] = {};
+  char secret[kValueSize] = {};
+
+  char temp[] = "/var/packages/Brindlecot/target/etc/ldap-aliases.cfXXXXXX";
+  const RemovedFile removed(temp);
+  if (!Written(MakeTempFile(temp) == 0, temp)) return -1;
+  std::ofstream ldapAliases(temp);
+  ldapAliases << "query_filter=(&(cn=%s))" << std::endl;
+  ldapAliases << "result_attribute=cn" << std::endl;
+  ldapAliases << "version=3" << std::endl;
+  if (!Written(ldapAliases.good(), temp)) return -1;
+
+  std::string_view host;
+  if (!GetClientValue("uri", uri, 574)) return -1;
+  if (!FindHostPart(uri, host)) return -1;
+  ldapAliases << "server_host=ldap://" << host << ",ldaps://" << host << ":636" << std::endl;
+  if (!Written(ldapAliases.good(), temp)) return -1;
+
+  if (!GetClientValue("base", base, 585)) return -1;
+  ldapAliases << "search_base=" << base << std::endl;
+  if (!Written(ldapAliases.good(), temp)) return -1;
+
+  if (!GetClientValue("binddn", bindDn, 591)) return -1;
+  ldapAliases << "bind_dn=" << bindDn << std::endl;
+  if (!Written(ldapAliases.good(), temp)) return -1;
+
+  if (NUBOLDAPSecretGet(secret, kValueSize) < 0) {
+    syslog(LOG_ERR, "%s:%d NUBOLDAPSecretGet() failed, error=%X", kLogSource, 597, ZELBCErrGet());
+    return -1;
+  }
+  ldapAliases << "bind_pw=" << secret << std::endl;
+  CloseStream(ldapAliases);
+  if (!Written(ldapAliases.good(), temp)) return -1;
+
+  std::ignore = InstallFile(temp, "/var/packages/Brindlecot/target/etc/ldap-aliases.cf");
+  return 0;
+}

@@ -1,0 +1,54 @@
+#include <tuple>
+
+#include "core/config_generator.h"
+
+namespace {
+
+// MailScanner's word for how the report goes with the message; the empty one sends none.
+const char* ReportAction(int mechanism) {
+  switch (mechanism) {
+    case 1:
+      return "attachment";
+    case 2:
+      return "striphtml";
+    default:
+      return "";
+  }
+}
+
+}  // namespace
+
+int ConfigGenerator::GenerateMailScannerConfig() {
+  char temp[] = "/var/packages/Brindlecot/target/etc/MailScanner/MailScanner.confXXXXXX";
+  OpenFromTemplate(mailScannerConf, temp,
+                   "/var/packages/Brindlecot/target/etc/template/mailscanner.template");
+
+  mailScannerConf << "Virus Scanning = " << YesNo(GetBool(scanner, "anti_virus_enable")) << std::endl;
+  mailScannerConf << "Spam Checks = " << YesNo(GetBool(scanner, "spam_enable")) << std::endl;
+  mailScannerConf << "Required SpamAssassin Score = " << GetInt(scanner, "spam_required_score") << std::endl;
+  mailScannerConf << "High SpamAssassin Score = " << GetInt(scanner, "spam_required_score") << std::endl;
+  if (GetBool(scanner, "spam_enable_rewrite")) {
+    mailScannerConf << "Spam Modify Subject = start" << std::endl;
+    mailScannerConf << "Spam Subject Text = " << GetString(scanner, "spam_rewrite_subject") << std::endl;
+    mailScannerConf << "High Scoring Spam Modify Subject = start" << std::endl;
+    mailScannerConf << "High Scoring Spam Subject Text = " << GetString(scanner, "spam_rewrite_subject")
+                    << std::endl;
+  } else {
+    mailScannerConf << "Spam Modify Subject = no" << std::endl;
+    mailScannerConf << "High Scoring Spam Modify Subject = no" << std::endl;
+  }
+  const char* action = ReportAction(GetInt(scanner, "spam_report_machanism"));
+  mailScannerConf << "Spam Actions = " << action << " deliver header \"X-Spam-Flag: Yes\"" << std::endl;
+  mailScannerConf << "High Scoring Spam Actions = " << action << " deliver header \"X-Spam-Flag: Yes\""
+                  << std::endl;
+  mailScannerConf << "SpamAssassin Auto Whitelist = " << YesNo(GetBool(scanner, "spam_auto_whitelist"))
+                  << std::endl;
+  std::ignore = WriteContentRules();
+
+  std::ignore = GenerateSpamAssassinConfig();
+
+  CloseStream(mailScannerConf);
+  std::ignore =
+      ApplyCustomization(temp, "/var/packages/Brindlecot/etc/customize/MailScanner/MailScanner.conf");
+  return InstallFile(temp, "/var/packages/Brindlecot/target/etc/MailScanner/MailScanner.conf");
+}

@@ -1,0 +1,42 @@
+#include <json/json.h>
+#include <syslog.h>
+
+#include "core/config_generator.h"
+#include "platform/nubocore.h"
+
+namespace {
+
+// One compact line that ends in a newline: what the helper reads as its last argument.
+std::string WriteLine(const Json::Value& value) {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"  // the newer writers end without the newline
+  Json::FastWriter writer;
+#pragma GCC diagnostic pop
+  return writer.write(value);
+}
+
+}  // namespace
+
+int ConfigGenerator::UpdatePamConfig() {
+  const std::string accountType = GetString(smtp, "account_type");
+  Json::Value ids(Json::objectValue);
+  ids["id-list"] = Json::Value(Json::arrayValue);
+  if (accountType == "ldap") {
+    ids["id-list"].append("dovecot.ldap");
+    ids["id-list"].append("smtp.ldap");
+  } else if (accountType == "win") {
+    ids["id-list"].append("dovecot.domain");
+    ids["id-list"].append("smtp.domain");
+  } else {
+    ids["id-list"].append("dovecot.local");
+    ids["id-list"].append("smtp.local");
+  }
+  const std::string json = WriteLine(ids);
+  constexpr int kOptions = 187;  // the core library's own flags for a package helper
+  if (ZELBCExecl("/usr/nubo/sbin/nubopkghelper", kOptions, "update", "Brindlecot", "pam-config", json.c_str(),
+                 static_cast<char*>(nullptr)) != 0) {
+    syslog(LOG_ERR, "%s:%d Cannot generate new pam-config for [%s]", kLogSource, 547, json.c_str());
+    return -1;
+  }
+  return 0;
+}

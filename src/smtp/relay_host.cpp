@@ -1,0 +1,32 @@
+#include <unistd.h>
+
+#include <tuple>
+
+#include "core/config_generator.h"
+#include "core/paths.h"
+
+int ConfigGenerator::WriteRelayHost() {
+  constexpr const char* kSaslPasswd = "/var/packages/Brindlecot/target/etc/sasl_passwd";
+
+  std::ofstream saslPasswd(kSaslPasswd);
+  mainCf << "relayhost = " << GetString(smtp, "smtp_relay_server") << ":"
+         << GetInt(smtp, "smtp_relay_server_port") << std::endl;
+  if (GetBool(smtp, "smtp_relay_secure_conn")) {
+    mainCf << "smtp_use_tls = yes" << std::endl;
+    mainCf << "smtp_sasl_tls_security_options = noanonymous" << std::endl;
+  }
+  if (GetBool(smtp, "smtp_relay_auth_enabled")) {
+    mainCf << "smtp_sasl_auth_enable = yes" << std::endl;
+    mainCf << "smtp_sasl_password_maps = hash:/var/packages/Brindlecot/target/etc/sasl_passwd" << std::endl;
+    mainCf << "smtp_sasl_security_options = noanonymous" << std::endl;
+  }
+  // The key is the value of relayhost, character for character: that is what Postfix looks up.
+  saslPasswd << GetString(smtp, "smtp_relay_server") << ":" << GetInt(smtp, "smtp_relay_server_port") << " "
+             << GetString(smtp, "smtp_relay_account") << ":" << GetString(smtp, "smtp_relay_password")
+             << std::endl;
+  CloseStream(saslPasswd);
+
+  const int compiled = CompileMap(kPostmap, kSaslPasswd);
+  std::ignore = unlink(kSaslPasswd);  // the password stays in the compiled map alone
+  return compiled < 0 ? -1 : 0;
+}
