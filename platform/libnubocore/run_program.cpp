@@ -115,13 +115,6 @@ int Run(const std::vector<const char*>& arguments) {
   return -1;
 }
 
-/// Appends the arguments of a variadic call up to the null one that closes them.
-void Append(std::vector<const char*>& arguments, va_list& rest) {
-  while (const char* argument = va_arg(rest, const char*)) {
-    arguments.push_back(argument);
-  }
-}
-
 /// ZELBCPopen, for "r". Null with the reason in errno.
 FILE* OpenStreamOn(const std::vector<const char*>& arguments) {
   int ends[2];
@@ -170,7 +163,9 @@ int ZELBCExecl(const char* program, int options, ...) {
   std::vector<const char*> arguments = {program};
   va_list rest;
   va_start(rest, options);
-  Append(arguments, rest);
+  while (const char* argument = va_arg(rest, const char*)) {
+    arguments.push_back(argument);
+  }
   va_end(rest);
   return Run(arguments);
 }
@@ -179,7 +174,9 @@ FILE* ZELBCPopen(const char* program, const char* mode, ...) {
   std::vector<const char*> arguments = {program};
   va_list rest;
   va_start(rest, mode);
-  Append(arguments, rest);
+  while (const char* argument = va_arg(rest, const char*)) {
+    arguments.push_back(argument);
+  }
   va_end(rest);
   errno = EINVAL;
   FILE* stream = std::strcmp(mode, "r") == 0 ? OpenStreamOn(arguments) : nullptr;

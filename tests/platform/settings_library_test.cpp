@@ -162,6 +162,8 @@ TEST(SenderQuota, Map) {
     Put(kTarget + "etc/sender_quota_map", "old", 0600);
     const bool compiled = SenderQuota::GenerateConfig() == 0;
     EXPECT_EQ(Slurp(kTarget + "etc/sender_quota_map"), c.wanted);
+    const auto mode = std::filesystem::status(kTarget + "etc/sender_quota_map").permissions();
+    EXPECT_EQ(mode, std::filesystem::perms(c.wanted == "old"s ? 0600 : 0644));
     EXPECT_EQ(Slurp(kTarget + "etc/sender_quota_map.db"), compiled ? c.wanted : "(missing)") << c.settings;
     EXPECT_EQ(RecordedLog().size(), compiled ? 0U : 1U) << c.settings;
   }
