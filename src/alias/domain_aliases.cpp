@@ -41,6 +41,8 @@ int ConfigGenerator::GenerateDomainAliases() {
   CloseStream(domainAliases);
   if (!Written(domainAliases.good(), temp)) return -1;
 
-  std::ignore = InstallFile(temp, "/var/packages/Brindlecot/target/etc/domain-aliases");
+  if (InstallFile(temp, "/var/packages/Brindlecot/target/etc/domain-aliases") < 0) {
+    unlink(temp);  // not to be seen while the old table is compiled
+  }
   return CompileMap(kPostalias, "/var/packages/Brindlecot/target/etc/domain-aliases") < 0 ? -1 : 0;
 }
