@@ -12,18 +12,18 @@
 
 namespace {
 
-void LogFailure(const char* verb, const char* path) {
-  syslog(LOG_ERR, "%s %s: %s", verb, Printable(path).c_str(), std::strerror(errno));
+void LogFailure(const char* path, const char* what) {
+  syslog(LOG_ERR, "%s: %s: %s", Printable(path).c_str(), what, std::strerror(errno));
 }
 
 bool IsPrivate(int file, const char* path) {
   struct stat status = {};
   if (fstat(file, &status) != 0) {
-    LogFailure("cannot read the mode of", path);
+    LogFailure(path, "expected a readable mode");
     return false;
   }
   if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-    syslog(LOG_ERR, "%s: a secret, but open to group or others", Printable(path).c_str());
+    syslog(LOG_ERR, "%s: expected a mode without rights for group or others", Printable(path).c_str());
     return false;
   }
   return true;
@@ -36,7 +36,7 @@ ReadResult Read(const char* path, std::string& content, bool secret) {
     if (errno == ENOENT) {
       return ReadResult::kMissing;
     }
-    LogFailure("cannot open", path);
+    LogFailure(path, "expected a readable file");
     return ReadResult::kFailed;
   }
   if (secret && !IsPrivate(file, path)) {
@@ -49,7 +49,7 @@ ReadResult Read(const char* path, std::string& content, bool secret) {
     content.append(block, got > 0 ? static_cast<std::size_t>(got) : 0);
   }
   if (got < 0) {
-    LogFailure("cannot read", path);
+    LogFailure(path, "expected a readable file");
     content.clear();
   }
   close(file);
@@ -83,7 +83,7 @@ int WriteFile(const char* path, std::string_view content) {
     return 0;
   }
   errno = written ? errno : reason;
-  LogFailure("cannot write", path);
+  LogFailure(path, "cannot be written");
   return -1;
 }
 
@@ -91,7 +91,7 @@ int ReplaceFile(const char* path, std::string_view content, mode_t mode) {
   std::string temp = std::string(path) + "XXXXXX";
   const int file = mkostemp(temp.data(), O_CLOEXEC);
   if (file < 0) {
-    LogFailure("cannot create a file beside", path);
+    LogFailure(path, "cannot create a file beside it");
     return -1;
   }
   // On disk before it is renamed: a power cut must not leave an empty file in the old one's place.
@@ -102,7 +102,7 @@ int ReplaceFile(const char* path, std::string_view content, mode_t mode) {
     return 0;
   }
   errno = written ? errno : reason;
-  LogFailure("cannot replace", path);
+  LogFailure(path, "cannot be replaced");
   (void)unlink(temp.c_str());  // one failure, one line: the first is the cause
   return -1;
 }

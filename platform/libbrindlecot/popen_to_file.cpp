@@ -56,7 +56,7 @@ int PopenToFile(FILE* stream, const char* path, const char* mode) {
   if (read && Write(path, mode, pairs)) {
     return 0;
   }
-  syslog(LOG_ERR, "cannot %s %s: %s", read ? "write" : "read the output for", Printable(path).c_str(),
-         std::strerror(errno));
+  syslog(LOG_ERR, "%s: %s: %s", Printable(path).c_str(),
+         read ? "cannot be written" : "expected readable output for it", std::strerror(errno));
   return -1;
 }

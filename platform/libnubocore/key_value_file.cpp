@@ -64,7 +64,7 @@ const char* Expected(const Line& line, bool first) {
 bool ReadExisting(const char* path, std::string& content) {
   const ReadResult result = ReadFile(path, content);
   if (result == ReadResult::kMissing) {
-    syslog(LOG_ERR, "cannot open %s: %s", path, std::strerror(ENOENT));
+    syslog(LOG_ERR, "%s: expected a readable file: %s", path, std::strerror(ENOENT));
   }
   return result == ReadResult::kOk;
 }
@@ -167,7 +167,7 @@ int ZELBCFileSetKeys(const char* path, ZELBCSzHash* hash, int /*flags*/, const c
   }
   struct stat status = {};
   if (stat(path, &status) != 0) {
-    syslog(LOG_ERR, "cannot read the mode of %s: %s", path, std::strerror(errno));
+    syslog(LOG_ERR, "%s: expected a readable mode: %s", path, std::strerror(errno));
     return -1;
   }
   return ReplaceFile(path, WithKeys(content, *hash, format), status.st_mode & 07777);

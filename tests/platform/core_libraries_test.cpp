@@ -104,10 +104,10 @@ TEST(CoreLibraries, Answers) {
       {LdapInfo, "uri", nslcd, "uri\nuri a\n", nslcd + " is missing or has no uri"},
       {LdapSecret, "", ldap, " a b cd \r\nc\n", " a b cd "},
       {LdapSecret, "", ldap, "123456789", ldap + ": expected a text of less than 9 bytes 3"},
-      {LdapSecret, "", ldap, "a\n", ldap + ": a secret, but open to group or others 2", 0640},
+      {LdapSecret, "", ldap, "a\n", ldap + ": expected a mode without rights for group or others 2", 0640},
       {LdapSecret, "", ldap, "\r\nc\n", ldap + " is missing or empty 1"},
       {DomainUser, "", wins, "domain=D\nuser = s m\npassword = s =#3t\r\n", "D|s m|s =#3t"},
-      {DomainUser, "", wins, "", wins + ": a secret, but open to group or others", 0602},
+      {DomainUser, "", wins, "", wins + ": expected a mode without rights for group or others", 0602},
       {DomainUser, "", wins, "domain=D\nuser=\npassword=p", wins + " is missing or has no user"},
       {DomainUser, "", wins, "domain=D\nuser=u\ns3t", wins + ":3: expected a pair, key = value"},
       {Joined, "", net, "#!/bin/sh\nexit 255\n", "no", 0755},
@@ -143,7 +143,7 @@ TEST(CoreLibraries, Failures) {
   ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "size=8k"), 0);
   Put("/tmp/file", "a = 1\n");
   RecordedLog().clear();
-  EXPECT_EQ(SetKeys("/tmp/file", "a = 2"), "cannot replace /tmp/file: No space left on device");
+  EXPECT_EQ(SetKeys("/tmp/file", "a = 2"), "/tmp/file: cannot be replaced: No space left on device");
   EXPECT_EQ(Slurp("/tmp/file"), "a = 1\n");
   EXPECT_EQ(umount("/tmp"), 0);
 }

@@ -102,7 +102,7 @@ TEST(Settings, DefaultsAndFailedReload) {
   std::filesystem::remove(kSettings + "smtp.json");
   std::filesystem::create_directory(kSettings + "smtp.json");  // not missing
   EXPECT_LT(smtp.LoadSettings(), 0);
-  EXPECT_EQ(RecordedLog().back(), "cannot read " + kSettings + "smtp.json: Is a directory");
+  EXPECT_EQ(RecordedLog().back(), kSettings + "smtp.json: expected a readable file: Is a directory");
 }
 
 /// What the loaded aliases are exported as.
@@ -199,9 +199,10 @@ TEST(PopenToFile, Lines) {
       {"/tmp/in", "/tmp/out", "LDAP_server=10.0.0.1\nBind__Path=dc=a: b\na\0b=c\0d\nlast="s + value + '\n',
        ""},
       {"/dev/null", "/tmp/out", "", ""},
-      {"/tmp", "/tmp/none", "(missing)", "cannot read the output for /tmp/none: Is a directory"},
-      {"/tmp/in", "/dev/full", "", "cannot write /dev/full: No space left on device"},
-      {"/tmp/in", "/tmp/none/out", "(missing)", "cannot write /tmp/none/out: No such file or directory"},
+      {"/tmp", "/tmp/none", "(missing)", "/tmp/none: expected readable output for it: Is a directory"},
+      {"/tmp/in", "/dev/full", "", "/dev/full: cannot be written: No space left on device"},
+      {"/tmp/in", "/tmp/none/out", "(missing)",
+       "/tmp/none/out: cannot be written: No such file or directory"},
   };
   for (const auto& c : kCases) {
     RecordedLog() = {""};
