@@ -10,7 +10,6 @@
 // "value" keys: uri, base, binddn, secret of the LDAP client; domain_alias_map; user, password, joined of the
 // Windows domain. "info" and "search" lines are what PopenToFile stores and what `net ads search` prints.
 #include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -28,6 +27,7 @@
 #include "platform/nubocore.h"
 #include "platform/nubosdk.h"
 #include "platform/nubowins.h"
+#include "recorded_syslog.h"
 
 struct ZELBCSzHash {
   std::vector<std::pair<std::string, std::string>> pairs;
@@ -108,9 +108,23 @@ Scene& TheScene() {
 std::map<const Config*, std::string> objects;
 std::string reading;  // the object whose reads share the last line
 
-void Print(const std::string& line) {
-  std::cout << (reading.empty() ? "" : "\n") << line << std::endl;
+void EndLine() {
+  std::cout << (reading.empty() ? "" : "\n");
   reading.clear();
+}
+
+void PrintLog() {
+  for (const std::string& line : RecordedLog()) {
+    EndLine();
+    std::cout << "log " << line << std::endl;
+  }
+  RecordedLog().clear();
+}
+
+void Print(const std::string& line) {
+  PrintLog();
+  EndLine();
+  std::cout << line << std::endl;
 }
 
 bool Fails(const std::string& name, const std::string& arguments) {
@@ -137,39 +151,27 @@ int Answer(const std::string& key, char* value, int size) {
   return static_cast<int>(found->second.copy(value, found->second.size()));
 }
 
-void Log(int priority, const char* format, va_list arguments) {
-  char line[8192];
-  std::vsnprintf(line, sizeof line, format, arguments);
-  Print((priority == LOG_ERR ? "log " : "log, no error: ") + std::string(line));
-}
-
 }  // namespace
 
-// The C library's own names; the second is what fortified code calls.
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-inconsistent-*)
-extern "C" void syslog(int priority, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  Log(priority, format, arguments);
-  va_end(arguments);
-}
+// The program's entry, under another name (CMakeLists.txt).
+int ProgramMain(int argc, char* argv[]);
 
-extern "C" void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  Log(priority, format, arguments);
-  va_end(arguments);
+int main(int argc, char* argv[]) {
+  const int status = ProgramMain(argc, argv);
+  PrintLog();
+  EndLine();
+  return status;
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-inconsistent-*)
 
 boost::any& Config::Get(const std::string& key) {
   const std::string& object = objects[this];
-  if (reading == object) {
-    std::cout << " " << key << std::flush;
-  } else {
-    std::cout << (reading.empty() ? "" : "\n") << "read " << object << ": " << key << std::flush;
+  PrintLog();
+  if (reading != object) {
+    EndLine();
+    std::cout << "read " << object << ":";
     reading = object;
   }
+  std::cout << " " << key << std::flush;
   return TheScene().settings[object][key];
 }
 

@@ -137,7 +137,6 @@ def transcript(program, lines, take_log):
     run = subprocess.run([program, *arguments], stdin=subprocess.DEVNULL, capture_output=True, check=False,
                          env={"NUBO_SCENE": "\n".join(lines)}, timeout=60)
     shown = (run.stdout + run.stderr).decode(errors="surrogateescape")
-    shown += "" if shown.endswith("\n") or not shown else "\n"
     if "reads" in brief:
         shown = re.sub(r"(?m)^read .*\n", "", shown)
     with open("/run/trace", encoding="utf-8", errors="surrogateescape") as trace:
