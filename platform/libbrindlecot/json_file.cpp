@@ -11,18 +11,20 @@
 #include "libbrindlecot/utf8.h"
 
 JsonFile::JsonFile(const char* path) : path_(path) {
-  std::string content;
-  const ReadResult result = ReadFile(path, content);
+  const ReadResult result = ReadFile(path, content_);
   missing_ = result == ReadResult::kMissing;
   faulty_ = result == ReadResult::kFailed;
   if (result == ReadResult::kOk) {
     // JsonCpp takes a NUL for the end of the text; any other control character is a fault to it, or here.
-    std::replace(content.begin(), content.end(), '\0', '\1');
-    Parse(content);
+    std::replace(content_.begin(), content_.end(), '\0', '\1');
+    if (content_.rfind("\xef\xbb\xbf", 0) == 0) {
+      content_.erase(0, 3);  // a byte order mark, which its offsets do not count
+    }
+    Parse();
   }
 }
 
-void JsonFile::Parse(const std::string& content) {
+void JsonFile::Parse() {
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   builder["allowComments"] = true;
@@ -31,7 +33,7 @@ void JsonFile::Parse(const std::string& content) {
   Json::Value root;
   std::string errors;
   try {
-    if (!reader->parse(content.data(), content.data() + content.size(), &root, &errors)) {
+    if (!reader->parse(content_.data(), content_.data() + content_.size(), &root, &errors)) {
       // Only the first error counts, the others follow from it. Its wording may quote the file.
       int line = 1;
       int column = 1;
@@ -93,10 +95,17 @@ bool JsonFile::Bool(std::string_view key, const Json::Value& value) {
   return value.asBool();
 }
 
+// JsonCpp reads "-" and "01" as well, which are no JSON. A default has no text.
+bool JsonFile::IsPlain(const Json::Value& integer) const {
+  const auto start = static_cast<std::size_t>(integer.getOffsetStart());
+  const std::string text = content_.substr(start, static_cast<std::size_t>(integer.getOffsetLimit()) - start);
+  return text.empty() || text == "-0" || text == std::to_string(integer.asInt());
+}
+
 int JsonFile::Integer(std::string_view key, const Json::Value& value, int lowest, int highest) {
   // isInt() alone also takes 25.0 and 1e3.
   if (value.type() == Json::realValue || !value.isInt() || value.asInt() < lowest ||
-      value.asInt() > highest) {
+      value.asInt() > highest || !IsPlain(value)) {
     Expected(key, "an integer from " + std::to_string(lowest) + " to " + std::to_string(highest));
     return lowest;
   }

@@ -53,10 +53,13 @@ class JsonFile {
   std::vector<std::string> Texts(std::string_view key, const Json::Value& value, std::size_t shortest = 0);
 
  private:
-  void Parse(const std::string& content);
+  void Parse();
   void SyntaxError(int line, int column, const char* what);
 
+  bool IsPlain(const Json::Value& integer) const;
+
   const char* path_;
+  std::string content_;
   Json::Value object_{Json::objectValue};
   bool missing_ = false;
   bool faulty_ = false;
