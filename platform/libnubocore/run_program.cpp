@@ -124,7 +124,9 @@ FILE* OpenStreamOn(const std::vector<const char*>& arguments) {
   FILE* stream = fdopen(ends[0], "r");
   pid_t program = 0;
   const int error = stream == nullptr ? errno : Start(arguments, ends[1], program);
-  close(ends[1]);
+  if (close(ends[1]) != 0) {
+    dup2(ends[0], ends[1]);  // a writing end that stayed open would keep the reader waiting for ever
+  }
   if (error == 0) {
     openStreams.push_back({stream, program});
     return stream;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <iterator>
 #include <string>
@@ -24,26 +25,41 @@ bool IsReadError(int error, bool anyUser) {
   return documented || (error != 0 && !anyUser);
 }
 
-/// Appends the users whose names begin with `prefix`. 0, or an error number.
-int AppendUsers(ZELBCSzList& list, const std::string& prefix) {
+/// Reads the database: counts its users in `count` and appends those whose names begin with `prefix` to
+/// `list`, unless that is null. 0, or an error number.
+int ReadUsers(ZELBCSzList* list, const std::string& prefix, std::size_t& count) {
+  count = 0;
   errno = 0;
   setpwent();
   const int openError = errno;
-  bool anyUser = false;
   errno = 0;
   while (const passwd* user = getpwent()) {
-    anyUser = true;
-    if (strncasecmp(user->pw_name, prefix.c_str(), prefix.size()) == 0 &&
-        !AppendToList(list, user->pw_name)) {
+    ++count;
+    if (list != nullptr && strncasecmp(user->pw_name, prefix.c_str(), prefix.size()) == 0 &&
+        !AppendToList(*list, user->pw_name)) {
       return ENOMEM;
     }
     errno = 0;
   }
   const int readError = errno;
-  if (IsReadError(openError, anyUser)) {
+  if (IsReadError(openError, count > 0)) {
     return openError;
   }
-  return IsReadError(readError, anyUser) ? readError : 0;
+  return IsReadError(readError, count > 0) ? readError : 0;
+}
+
+/// Appends the users whose names begin with `prefix`. 0, or an error number.
+int AppendUsers(ZELBCSzList& list, const std::string& prefix) {
+  // When a source of the database fails half-way, getpwent(3) goes on to the next one and may end without
+  // an error. A second look shows that users were missing from the first.
+  std::size_t first = 0;
+  std::size_t second = 0;
+  const int error = ReadUsers(&list, prefix, first);
+  if (error != 0) {
+    return error;
+  }
+  const int secondError = ReadUsers(nullptr, prefix, second);
+  return secondError == 0 && first != second ? EIO : secondError;
 }
 
 }  // namespace

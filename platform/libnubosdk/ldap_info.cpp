@@ -18,7 +18,7 @@ bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
 
 /// Takes the first word off `text`, with the blanks behind it.
 std::string_view TakeWord(std::string_view& text) {
-  const std::string_view word = text.substr(0, text.find_first_of(" \t"));
+  const std::string_view word = text.substr(0, text.find_first_of(" \t\r"));
   text = Trim(text.substr(word.size()));
   return word;
 }
