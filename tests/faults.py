@@ -1,22 +1,21 @@
 #!/usr/bin/env python3
-"""Nothing lost, whatever fails: faults.py PROGRAM RENAME_BY_COPY
-
-Every command runs on the local platform, on a private machine, with each of its system calls made to fail
-in turn, on a disk where no file can grow beyond a size, and killed at each call that changes a file. After
-each run every target holds what it held or what it may hold, the run ended by itself with a documented
-status, and nothing stands where nothing belongs. RENAME_BY_COPY, a library that takes the atomic rename
-away, proves that the suite sees damage. Then: fifty runs at once, a million users, what the children get,
-how the binary was built.
-"""
+# Nothing lost, whatever fails: faults.py PROGRAM RENAME_BY_COPY
+#
+# Every command runs on the local platform, on a private machine, with each of its system calls made to fail
+# in turn, on a disk where no file can grow beyond a size, and killed at each call that changes a file. After
+# each run every target holds what it held or what it may hold, the run ended by itself with a documented
+# status, and nothing stands where nothing belongs. RENAME_BY_COPY, a library that takes the atomic rename
+# away, proves that the suite sees damage. Then: fifty runs at once, a million users, what the children get,
+# how the binary was built.
 import collections
 import json
 import os
-import queue
 import re
-import socket
+import shutil
 import subprocess
 import sys
-import threading
+
+from run_cases import cover, listen, put, read
 
 PACKAGE = "/var/packages/Brindlecot"
 ETC, PROGRAM, LIBRARY = PACKAGE + "/target/etc/", PACKAGE + "/target/bin/nubo_set_config", "/run/library.so"
@@ -64,21 +63,7 @@ STAND_IN = r"""#!/bin/sh
 [ "$2" != search ] || printf 'cn: svc\ndistinguishedName: CN=svc,DC=EXAMPLE\n\n'
 """
 NULL = subprocess.DEVNULL
-log_lines = queue.SimpleQueue()
-
-
-def read(path):
-    with open(path, encoding="latin-1", newline="") as file:
-        return file.read()
-
-
-def put(path, text, mode=0o600):
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    if os.path.exists(path):
-        os.unlink(path)  # may be another's
-    with open(path, "w", encoding="latin-1", newline="") as file:
-        file.write(text)
-    os.chmod(path, mode)
+take_log = None  # takes the lines logged so far
 
 
 def put_users(count, comment=""):
@@ -94,19 +79,16 @@ def files():
 
 def lay_out(program, library):
     """Makes the appliance, with stand-ins for the programs that it runs."""
+    global take_log
     os.umask(0o022)
-    os.makedirs("/run/upper")
-    os.makedirs("/run/work")
-    layers = "lowerdir=/usr/bin,upperdir=/run/upper,workdir=/run/work"  # where net goes, without root too
-    subprocess.run(["mount", "-t", "overlay", "-o", layers, "overlay", "/usr/bin"], check=True)
-    for path, text in (*INPUTS.items(), (PROGRAM, read(program)), (LIBRARY, read(library)),
-                       *((path, STAND_IN) for path in CHILDREN)):
+    take_log = listen()
+    for path, copy in ((program, PROGRAM), (library, LIBRARY)):
+        os.makedirs(os.path.dirname(copy), exist_ok=True)
+        shutil.copy(path, copy)
+    cover()
+    for path, text in (*INPUTS.items(), *((path, STAND_IN) for path in CHILDREN)):
         put(path, text, 0o600 if path in INPUTS else 0o755)
-    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/tmp"], check=True)
     put_users(20, "x" * 300)  # more than is read at once
-    log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-    log.bind("/dev/log")
-    threading.Thread(target=lambda: [log_lines.put(log.recv(65536)) for _ in iter(int, 1)], daemon=True).start()
 
 
 def restore():
@@ -114,11 +96,6 @@ def restore():
         os.unlink(path)
     for target in (*LINES, *WHOLE):
         put(ETC + target, OLD[1], OLD[0])
-
-
-def logged():
-    socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM).sendto(b"", "/dev/log")  # comes after all others
-    return [line.decode("latin-1") for line in iter(log_lines.get, b"")]
 
 
 def run(case, fault="", *options):
@@ -133,7 +110,7 @@ def run(case, fault="", *options):
         status = subprocess.run(argv, stdin=NULL, stdout=NULL, stderr=NULL, timeout=10).returncode
     except subprocess.TimeoutExpired:
         status = "does not end"
-    return status, read("/run/trace") if argv[0] == "strace" else "", logged()
+    return status, read("/run/trace") if argv[0] == "strace" else "", take_log()
 
 
 def faults(trace):
@@ -179,7 +156,7 @@ def prepare(case):
     """What each target of the command may hold afterwards, the content after a run without faults first
     (None: not written then)."""
     allowed = {}
-    put(PACKAGE + "/etc/settings/smtp.json", json.dumps(SMTP | {"account_type": case.split()[-1]}))
+    put(PACKAGE + "/etc/settings/smtp.json", json.dumps(SMTP | {"account_type": case.split()[-1]}), 0o600)
     os.rename(PACKAGE + "/etc/customize", PACKAGE + "/off")
     for mode in (0o755, 0):  # without `net`, the machine counts as not joined to the domain
         os.chmod(NET, mode)
@@ -243,7 +220,7 @@ def fifty_at_once():
         allowed = prepare(case)
         restore()
         runs = [subprocess.Popen([PROGRAM, case.split()[0]]) for _ in range(50)]
-        yield from damage(case, allowed, "", max(run.wait() for run in runs), "", logged())
+        yield from damage(case, allowed, "", max(run.wait() for run in runs), "", take_log())
 
 
 def damage_is_seen():

@@ -1,23 +1,22 @@
 #!/usr/bin/env python3
-"""Whole runs as text: run_cases.py PROGRAM... FILE.case...
-
-A case sets the scene, runs one command, and names all that comes of it: what was printed, calls and log lines,
-the status, and every file that is new, changed or gone, with its mode and bytes. What it does not name makes
-it fail. Cases in cases/fake run the program with the platform of fake_platform.cpp, which explains the lines
-set, domain, dnsbl, user, value, info, search and fail; those in cases/local run it as it is shipped.
-
-    case TITLE
-    file PATH CONTENT         a file in place (\\n, \\t, \\r, \\xHH and \\\\ as in C); secret: with mode 0600
-    script PATH COMMAND       a program in place; postmap, postalias, nubopkghelper and net do nothing by default
-    dir PATH / remove PATH    a directory in place; nothing there
-    brief NAME...             files whose bytes other cases show; "reads", "trace" for such calls, all calls
-    run COMMAND...            the program's arguments
-    expect
-    (the transcript; $E is the package's target/etc, $P the package, XXXXXX a temporary name's suffix)
-
-Runs on a private machine only (scripts/private_root). What differs is printed as a patch: once reviewed, it can
-be applied to the cases with `patch -p1`.
-"""
+# Whole runs as text: run_cases.py PROGRAM... FILE.case...
+#
+# A case sets the scene, runs one command, and names all that comes of it: what was printed, calls and log lines,
+# the status, and every file that is new, changed or gone, with its mode and bytes. What it does not name makes
+# it fail. Cases in cases/fake run the program with the platform of fake_platform.cpp, which explains the lines
+# set, domain, dnsbl, user, value, info, search and fail; those in cases/local run it as it is shipped.
+#
+#     case TITLE
+#     file PATH CONTENT         a file in place (\n, \t, \r, \xHH and \\ as in C); secret: with mode 0600
+#     script PATH COMMAND       a program in place; postmap, postalias, nubopkghelper and net do nothing by default
+#     dir PATH / remove PATH    a directory in place; nothing there
+#     brief NAME...             files whose bytes other cases show; "reads", "trace" for such calls, all calls
+#     run COMMAND...            the program's arguments
+#     expect
+#     (the transcript; $E is the package's target/etc, $P the package, XXXXXX a temporary name's suffix)
+#
+# Runs on a private machine only (scripts/private_root). What differs is printed as a patch: once reviewed, it can
+# be applied to the cases with `patch -p1`.
 import difflib
 import os
 import queue
@@ -32,6 +31,7 @@ PACKAGE = "/var/packages/Brindlecot"
 ETC = PACKAGE + "/target/etc"
 NAMES = ("main.cf|master.cf|header_checks|opendkim.conf|KeyTable|SigningTable|TrustedHosts|opendmarc.conf|"
          "10-master.conf|10-mail.conf|MailScanner.conf|local.cf|aliases|aliases.cf|quota_memcache.cf|ad_info")
+OWN = re.compile(r"^<11>.{15} nubo_set_config: ")  # LOG_USER and LOG_ERR
 ESCAPES = {"n": "\n", "t": "\t", "r": "\r", "\\": "\\"}
 PROGRAMS = (PACKAGE + "/target/sbin/postmap", PACKAGE + "/target/sbin/postalias", "/usr/nubo/sbin/nubopkghelper",
             "/usr/bin/net")
@@ -48,6 +48,11 @@ def expand(text):
 def shorten(text):
     text = re.sub(rf"({NAMES})[A-Za-z0-9]{{6}}\b", r"\1XXXXXX", text)
     return text.replace(ETC, "$E").replace(PACKAGE, "$P")
+
+
+def read(path):
+    with open(path, encoding="utf-8", errors="surrogateescape", newline="") as file:
+        return file.read()
 
 
 def put(path, content, mode=0o644):
@@ -69,8 +74,7 @@ def tree():
     for top in ("/tmp", PACKAGE, "/usr/nubo"):
         for folder, _, names in os.walk(top):
             for path in (os.path.join(folder, name) for name in names):
-                with open(path, encoding="utf-8", errors="surrogateescape", newline="") as file:
-                    found[path] = f"{os.stat(path).st_mode & 0o7777:o}", file.read()
+                found[path] = f"{os.stat(path).st_mode & 0o7777:o}", read(path)
     return found
 
 
@@ -109,24 +113,31 @@ def set_scene(lines):
     return arguments, brief
 
 
+def cover():
+    """Makes /tmp, and /usr/bin, where net goes, the test's own; without root too."""
+    os.makedirs("/run/upper")
+    os.makedirs("/run/work")
+    layers = "lowerdir=/usr/bin,upperdir=/run/upper,workdir=/run/work"
+    subprocess.run(["mount", "-t", "overlay", "-o", layers, "overlay", "/usr/bin"], check=True)
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/tmp"], check=True)
+
+
 def listen():
     """Collects what is sent to the system log, whose queue is short. Returns what takes the lines so far."""
     log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     log.bind("/dev/log")
     lines = queue.SimpleQueue()
-    own = re.compile(r"<11>.{15} nubo_set_config: ")  # LOG_USER and LOG_ERR
 
     def receive():
         while True:
-            lines.put(own.sub("", log.recv(65536).decode(errors="surrogateescape")))
-
-    threading.Thread(target=receive, daemon=True).start()
+            lines.put(log.recv(65536).decode(errors="surrogateescape"))
 
     def take():
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as end:
-            end.sendto(b"end", "/dev/log")
-        return iter(lines.get, "end")
+            end.sendto(b"", "/dev/log")  # comes after all others
+        return list(iter(lines.get, ""))
 
+    threading.Thread(target=receive, daemon=True).start()
     return take
 
 
@@ -139,9 +150,8 @@ def transcript(program, lines, take_log):
     shown = (run.stdout + run.stderr).decode(errors="surrogateescape")
     if "reads" in brief:
         shown = re.sub(r"(?m)^read .*\n", "", shown)
-    with open("/run/trace", encoding="utf-8", errors="surrogateescape") as trace:
-        shown += "".join("runs " + line for line in trace)
-    shown += "".join(f"log {line}\n" for line in take_log())
+    shown += "".join("runs " + line for line in read("/run/trace").splitlines(True))
+    shown += "".join("log " + OWN.sub("", line) + "\n" for line in take_log())
     shown = ("" if "trace" in brief else shorten(shown)) + f"status {run.returncode}\n"
     after = tree()
     for path in sorted(before.keys() | after.keys()):
@@ -161,15 +171,8 @@ def main(*paths):
     for name, path in zip(("fake", "local"), paths):
         os.mkdir("/run/" + name)
         shutil.copy(path, f"/run/{name}/nubo_set_config")
-    texts = {}
-    for path in paths[2:]:
-        with open(path, encoding="utf-8", errors="surrogateescape", newline="") as file:
-            texts[path] = file.read()
-    os.makedirs("/run/upper")
-    os.makedirs("/run/work")
-    layers = "lowerdir=/usr/bin,upperdir=/run/upper,workdir=/run/work"  # where net goes, without root too
-    subprocess.run(["mount", "-t", "overlay", "-o", layers, "overlay", "/usr/bin"], check=True)
-    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/tmp"], check=True)
+    texts = {path: read(path) for path in paths[2:]}
+    cover()
     put("/etc/nsswitch.conf", "passwd: files\n")
     take_log = listen()
     passed = failed = 0
@@ -194,5 +197,6 @@ def main(*paths):
     return failed != 0 or passed == 0
 
 
-sys.stdout.reconfigure(errors="surrogateescape")
-sys.exit(main(*sys.argv[1:]))
+if __name__ == "__main__":
+    sys.stdout.reconfigure(errors="surrogateescape")
+    sys.exit(main(*sys.argv[1:]))
