@@ -107,7 +107,7 @@ def run(case, fault="", *options):
         inject = ("-e", "trace=" + fault.split(":")[0], "-e", "inject=" + fault) if fault else ()
         argv = ["strace", "-qq", "-s", "400", "-o", "/run/trace", *inject, *options, *argv]
     try:
-        status = subprocess.run(argv, stdin=NULL, stdout=NULL, stderr=NULL, timeout=10).returncode
+        status = subprocess.run(argv, stdin=NULL, stdout=NULL, stderr=NULL, timeout=30).returncode
     except subprocess.TimeoutExpired:
         status = "does not end"
     return status, read("/run/trace") if argv[0] == "strace" else "", take_log()

@@ -1,0 +1,204 @@
+"""A mail appliance on a private machine (scripts/private_root): its settings, its commands, its daemons."""
+
+import contextlib
+import functools
+import glob
+import json
+import os
+import smtplib
+import socket
+import ssl
+import subprocess
+import threading
+import time
+
+PACKAGE = "/var/packages/Brindlecot"
+ETC = PACKAGE + "/target/etc"
+PROGRAM = PACKAGE + "/target/bin/nubo_set_config"
+POSTMAP = PACKAGE + "/target/sbin/postmap"
+COMMANDS = ("smtp", "dovecot", "mailscanner", "alias", "domain_alias", "sender_quota_map")
+DOVECOT = ETC + "/dovecot/dovecot.conf"
+HERE = "192.0.2.1"  # the appliance as other machines see it
+CLIENT = "192.0.2.10"  # another machine
+log_lines = []
+message_id = ["0"]
+
+
+def run(*command, text=None, check=False):
+    """Runs a program that ends by itself; its stdout and stderr are in the result."""
+    result = subprocess.run(command, input=text or "", capture_output=True, text=True, check=False)
+    if check and result.returncode:
+        raise RuntimeError(f"{' '.join(command)}: exit {result.returncode}, {result.stderr}")
+    return result
+
+
+def write(path, text, mode=0o644):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "w", encoding="utf-8", opener=lambda p, flags: os.open(p, flags, mode)) as file:
+        file.write(text)
+
+
+def read(path):
+    with open(path, encoding="utf-8", errors="surrogateescape") as file:
+        return file.read()
+
+
+def lay_out(stage, users=("alice", "bob")):
+    """Installs the staged package and lets the machine have a network, a system log and users."""
+    run("sh", "-c", 'cp -a "$0"/* /', stage, check=True)
+    run(os.path.dirname(os.path.abspath(__file__)) + "/../packaging/postinst", check=True)
+    write("/etc/hosts", f"127.0.0.1 localhost\n::1 localhost\n{HERE} mail.example.com mail\n")
+    write("/etc/resolv.conf", "nameserver 127.0.0.53\n")
+    # A network all of whose addresses are answered here; who names none of its own comes from CLIENT.
+    run("ip", "route", "add", "local", "192.0.2.0/24", "dev", "lo", check=True)
+    run("ip", "route", "change", "local", "192.0.2.0/24", "dev", "lo", "src", CLIENT, check=True)
+    for user in users:
+        run("useradd", "--create-home", user, check=True)
+        run("chpasswd", text=f"{user}:{user}-secret", check=True)
+    threading.Thread(target=system_log, daemon=True).start()
+    wait_for(lambda: os.path.exists("/dev/log"), "the system log")
+
+
+def system_log():
+    """Takes what all programs log, and keeps what nubo_set_config does."""
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as log:
+        log.bind("/dev/log")
+        os.chmod("/dev/log", 0o666)
+        while True:
+            line = log.recv(65536).decode(errors="replace").rstrip("\n")
+            if " nubo_set_config: " in line:
+                log_lines.append(line.split(" nubo_set_config: ", 1)[1])
+
+
+def settings(**files):
+    """Replaces the settings: one argument a file, its object as a dict; a file not named is removed."""
+    for path in glob.glob(PACKAGE + "/etc/settings/*.json"):
+        os.unlink(path)
+    for name, values in files.items():
+        write(f"{PACKAGE}/etc/settings/{name}.json", json.dumps(values, ensure_ascii=False), 0o600)
+
+
+def command(word):
+    """Runs one command; its exit status and the lines that it logged."""
+    log_lines.clear()
+    status = run(PROGRAM, word).returncode
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as log:
+        log.sendto(b" nubo_set_config: end", "/dev/log")
+    wait_for(lambda: log_lines[-1:] == ["end"], "the system log")
+    # Postfix's programs wait two seconds for a file that has just changed.
+    for path in glob.glob(ETC + "/*.cf"):
+        os.utime(path, (time.time() - 10,) * 2)
+    return status, log_lines[:-1]
+
+
+def generated(path, template):
+    """What stands behind the template's text in a generated file."""
+    text, head = read(path), read(f"{ETC}/template/{template}.template")
+    return text[len(head):] if text.startswith(head) else text
+
+
+@functools.lru_cache(None)
+def lint(_local_cf):
+    return run("spamassassin", "--lint", "--siteconfigpath=" + ETC + "/spamassassin")
+
+
+def complaints():
+    """What the daemons' own checkers have against the files that are there, one line each."""
+    checks = {
+        "postconf": lambda: run("postconf", "-c", ETC, "-n"),
+        "postfix check": lambda: run("postfix", "-c", ETC, "check"),
+        "doveconf": lambda: run("doveconf", "-c", DOVECOT, "-n"),
+        "spamassassin": lambda: lint(read(ETC + "/spamassassin/local.cf")),
+    }
+    for name, option in (("opendkim", "-x"), ("opendmarc", "-c")):
+        if os.path.exists(f"{ETC}/{name}.conf"):
+            checks[name] = lambda name=name, option=option: run(name, "-n", option, f"{ETC}/{name}.conf")
+    found = []
+    for name, check in checks.items():
+        begin = len(mail_log())
+        result = check()
+        # Without a terminal the tools speak to the log, where running daemons may speak too.
+        logged = [line for line in mail_log()[begin:].splitlines() if " postfix/post" in line]
+        found += [f"{name}: {line}" for line in result.stderr.splitlines() + logged]
+        if result.returncode:
+            found.append(f"{name}: exit {result.returncode}")
+    return found
+
+
+def mail_log():
+    with contextlib.suppress(FileNotFoundError):
+        return read(PACKAGE + "/target/var/log/mail.log")
+    return ""
+
+
+def daemon(*argv, port=None):
+    """Starts a daemon in the foreground and waits until its port answers."""
+    with open("/run/daemons.log", "a", encoding="utf-8") as log:
+        process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+    if port:
+        wait_for(lambda: answers(port), f"{argv[0]} on port {port}")
+    return process
+
+
+def answers(port, host="127.0.0.1"):
+    with contextlib.suppress(OSError), socket.create_connection((host, port), 5):
+        return True
+    return False
+
+
+def wait_for(condition, what, seconds=15):
+    end = time.time() + seconds
+    while True:
+        result = condition()
+        if result:
+            return result
+        if time.time() > end:
+            raise TimeoutError(what)
+        time.sleep(0.02)
+
+
+def trusting():
+    """A client's TLS context that trusts the appliance's certificate, whatever its address."""
+    context = ssl.create_default_context(cafile=PACKAGE + "/etc/ssl/server.crt")
+    context.check_hostname = False
+    return context
+
+
+def message(sender, to, text):
+    """A message whose identification is one of its own, and the last one that mailbox() looks for."""
+    message_id[0] = f"<{int(time.time() * 1e6)}@far.example>"
+    return f"From: {sender}\nTo: {to}\nDate: Thu, 1 Jan 2026 12:00:00 +0000\nMessage-ID: {message_id[0]}\n{text}"
+
+
+def send(to, sender="carol@far.example", port=25, client=CLIENT, helo="client.far.example", tls=None,
+         login=None, text="Subject: hello\n\nGood morning.\n"):
+    """Hands a message over by SMTP; returns the first reply that is no consent, else the last one."""
+    context = trusting()
+    where = {"host": "localhost" if client.startswith("127.") else HERE, "port": port, "timeout": 30}
+    kind = smtplib.SMTP_SSL if tls == "implicit" else smtplib.SMTP
+    more = {"context": context} if tls == "implicit" else {}
+    with kind(local_hostname=helo, source_address=(client, 0), **where, **more) as server:
+        steps = [lambda: server.ehlo(helo)]
+        if tls == "starttls":
+            steps += [lambda: server.starttls(context=context), lambda: server.ehlo(helo)]
+        if login:
+            steps.append(lambda: server.login(login, login + "-secret"))
+        steps += [lambda: server.mail(sender), lambda: server.rcpt(to), lambda: server.data(message(sender, to, text))]
+        try:
+            for step in steps:
+                code, reply = step()
+                if code >= 400:
+                    break
+        except smtplib.SMTPResponseException as error:
+            code, reply = error.smtp_code, error.smtp_error
+        except smtplib.SMTPException as error:
+            return str(error)
+    return f"{code} {reply.decode()}"
+
+
+def mailbox(user):
+    """The message sent last, once it has arrived in this user's mailbox."""
+    def arrived():
+        return [text for text in map(read, glob.glob(f"/home/{user}/Maildir/new/*")) if message_id[0] in text]
+
+    return wait_for(arrived, f"mail for {user}")[0]

@@ -1,0 +1,92 @@
+#!/bin/bash
+# What the scripts share; sourced by bash scripts in this folder.
+set -uo pipefail
+[ "$(id -u)" = 0 ] || { echo "Needs root: packages are installed, and daemons run." >&2; exit 1; }
+top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+export PYTHONDONTWRITEBYTECODE=1
+passed=0 failed=0 skipped=0
+
+build_packages=(g++ cmake make libboost-dev libjsoncpp-dev libgtest-dev python3 util-linux iproute2)
+check_packages=(clang-format clang-tidy clang libclang-rt-14-dev strace)
+mail_packages=(postfix postfix-ldap postfix-policyd-spf-perl libsasl2-modules dovecot-core dovecot-imapd
+  dovecot-pop3d opendkim opendmarc publicsuffix spamassassin memcached openssl)
+network_packages=(slapd ldap-utils dnsmasq-base samba samba-ad-provision samba-dsdb-modules samba-vfs-modules
+  samba-common-bin python3-samba winbind libnss-winbind libpam-winbind krb5-user)
+
+heading() { printf '\n== %s\n' "$*"; }
+
+# quietly WHAT COMMAND...: the output is shown only when the command fails.
+quietly() {
+  local what=$1 log="$scratch/log" began=$SECONDS
+  shift
+  if "$@" </dev/null >"$log" 2>&1; then
+    printf '%s (%d s)\n' "$what" $((SECONDS - began))
+    return 0
+  fi
+  tail -n 200 "$log"
+  printf '%s: FAILED\n' "$what"
+  return 1
+}
+
+# install_packages PACKAGE...: asks the network only for what the machine lacks, and starts no service.
+install_packages() {
+  local missing
+  missing=$(comm -23 <(printf '%s\n' "$@" | sort -u) \
+    <(dpkg-query -W -f '${db:Status-Status} ${Package}\n' | sed -n 's/^installed //p' | sort -u))
+  [ -n "$missing" ] || return 0
+  # shellcheck disable=SC2086
+  quietly "Installed $(wc -w <<<"$missing") packages" apt_install $missing
+}
+
+apt_install() (
+  policy=/usr/sbin/policy-rc.d
+  [ ! -e $policy ] || cp -p $policy "$scratch/policy-rc.d"
+  restore() { rm -f $policy; [ ! -e "$scratch/policy-rc.d" ] || mv "$scratch/policy-rc.d" $policy; }
+  trap restore EXIT
+  rm -f $policy
+  printf '#!/bin/sh\nexit 101\n' >$policy
+  chmod 755 $policy
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get -o DPkg::Lock::Timeout=300 update || true  # an index that is stale may still do
+  apt-get -o DPkg::Lock::Timeout=300 install -y --no-install-recommends "$@"
+)
+
+# build PRESET [TARGET...]
+build() {
+  local preset=$1
+  shift
+  cmake -S "$top" --preset "$preset" && cmake --build "$top/build/$preset" -j "$(nproc)" ${1:+--target "$@"}
+}
+
+# stage: the package as the build of the preset "release" installs it, below $scratch/stage.
+stage() {
+  DESTDIR=$scratch/stage cmake --install "$top/build/release"
+}
+
+# private_root COMMAND...: the command on a private machine, see scripts/private_root.
+private_root() {
+  PRIVATE_ROOT=$$ "$top/scripts/private_root" "$top" "$@"
+}
+
+# suite NAME COMMAND...: a command that closes with 'N passed, N failed[, N skipped]' adds these figures,
+# any other one counts as a single check.
+suite() {
+  local name=$1 began=$SECONDS status sums
+  shift
+  heading "$name"
+  "$@" 2>&1 | tee "$scratch/suite"
+  status=${PIPESTATUS[0]}
+  sums=$(grep -E '^[0-9]+ passed, [0-9]+ failed(, [0-9]+ skipped)?$' "$scratch/suite" | tail -n 1)
+  # shellcheck disable=SC2086
+  set -- ${sums:-$((status == 0)) passed, $((status != 0)) failed}
+  passed=$((passed + $1)) failed=$((failed + $3)) skipped=$((skipped + ${5:-0}))
+  [ "$status" = 0 ] || [ "$3" != 0 ] || failed=$((failed + 1))
+  printf '%s: %s, %d s\n' "$name" "$([ "$status" = 0 ] && echo good || echo FAILED)" $((SECONDS - began))
+}
+
+summary() {
+  printf '\n%d passed, %d failed, %d skipped\n' $passed $failed $skipped
+  [ $failed = 0 ]
+}
