@@ -19,18 +19,18 @@ bool GetDomainInfo(OwnedHash& domain, const char* user) {
   char scratch[] = "/tmp/ad_infoXXXXXX";
   const RemovedFile removed(scratch);
   if (!Written(MakeTempFile(scratch) == 0, scratch)) return false;
-  info.stream = ZELBCPopen(kNet, "r", "ads", "info", static_cast<char*>(nullptr));
-  if (info.stream == nullptr) return false;
-  if (PopenToFile(info.stream, scratch, "w") != 0) return false;
+  info.handle = ZELBCPopen(kNet, "r", "ads", "info", static_cast<char*>(nullptr));
+  if (info.handle == nullptr) return false;
+  if (PopenToFile(info.handle, scratch, "w") != 0) return false;
   if (ZELBCFileGetPair(scratch, &domain.handle) < 0) return false;
 
   const std::string filter = std::string("(samaccountname=") + user + ")";
   // -P: as the machine account
-  search.stream = ZELBCPopen(kNet, "r", "ads", "search", filter.c_str(), "-P", static_cast<char*>(nullptr));
-  if (search.stream == nullptr) return false;
+  search.handle = ZELBCPopen(kNet, "r", "ads", "search", filter.c_str(), "-P", static_cast<char*>(nullptr));
+  if (search.handle == nullptr) return false;
   char line[kLineSize] = {};
   char kept[kLineSize] = {};
-  while (std::fgets(line, sizeof line, search.stream) != nullptr) {
+  while (std::fgets(line, sizeof line, search.handle) != nullptr) {
     if (std::strstr(line, "distinguishedName") == nullptr) continue;
     // Other attributes may quote the word; the name itself is the last of an entry.
     std::memcpy(kept, line, sizeof kept);

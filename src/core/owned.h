@@ -5,42 +5,23 @@
 
 #include "platform/nubocore.h"
 
-/// A string hash of the core library. The library may replace it while filling it, hence the plain
-/// handle.
-struct OwnedHash {
-  ZELBCSzHash* handle = nullptr;
+/// A handle of the core library, given back with `Free`; null when there is none. A plain handle, since the
+/// library may replace it through its address.
+template <typename T, auto Free>
+struct Owned {
+  T* handle = nullptr;
 
-  OwnedHash() = default;
-  OwnedHash(const OwnedHash&) = delete;
-  OwnedHash& operator=(const OwnedHash&) = delete;
-  ~OwnedHash() {
-    if (handle != nullptr) ZELBCSzHashFree(handle);
+  Owned() = default;
+  Owned(const Owned&) = delete;
+  Owned& operator=(const Owned&) = delete;
+  ~Owned() {
+    if (handle != nullptr) Free(handle);
   }
 };
 
-/// A string list of the core library, likewise.
-struct OwnedList {
-  ZELBCSzList* handle = nullptr;
-
-  OwnedList() = default;
-  OwnedList(const OwnedList&) = delete;
-  OwnedList& operator=(const OwnedList&) = delete;
-  ~OwnedList() {
-    if (handle != nullptr) ZELBCSzListFree(handle);
-  }
-};
-
-/// The output of a program that ZELBCPopen started; null when it was not.
-struct OwnedOutput {
-  FILE* stream = nullptr;
-
-  OwnedOutput() = default;
-  OwnedOutput(const OwnedOutput&) = delete;
-  OwnedOutput& operator=(const OwnedOutput&) = delete;
-  ~OwnedOutput() {
-    if (stream != nullptr) ZELBCPclose(stream);
-  }
-};
+using OwnedHash = Owned<ZELBCSzHash, ZELBCSzHashFree>;
+using OwnedList = Owned<ZELBCSzList, ZELBCSzListFree>;
+using OwnedOutput = Owned<FILE, ZELBCPclose>;  ///< of a program
 
 /// A file that does not outlive the operation under the name in `path`: a scratch file, or a temporary
 /// file with a secret that could not be installed. (After a rename there is nothing left to remove.)
