@@ -6,6 +6,7 @@ top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 export PYTHONDONTWRITEBYTECODE=1
+export PRIVATE_ROOT=$$
 passed=0 failed=0 skipped=0
 
 build_packages=(g++ cmake make libboost-dev libjsoncpp-dev libgtest-dev python3 util-linux iproute2)
@@ -67,7 +68,7 @@ stage() {
 
 # private_root COMMAND...: the command on a private machine, see scripts/private_root.
 private_root() {
-  PRIVATE_ROOT=$$ "$top/scripts/private_root" "$top" "$@"
+  "$top/scripts/private_root" "$top" "$@"
 }
 
 # suite NAME COMMAND...: a command that closes with 'N passed, N failed[, N skipped]' adds these figures,

@@ -106,11 +106,11 @@ Scene& TheScene() {
 }
 
 std::map<const Config*, std::string> objects;
-std::string reading;  // the object whose reads share the last line
+std::string sharing;  // what the calls that share the last line begin with
 
 void EndLine() {
-  std::cout << (reading.empty() ? "" : "\n");
-  reading.clear();
+  std::cout << (sharing.empty() ? "" : "\n");
+  sharing.clear();
 }
 
 void PrintLog() {
@@ -127,6 +127,17 @@ void Print(const std::string& line) {
   std::cout << line << std::endl;
 }
 
+// Calls of one kind that follow one another share a line.
+void PrintShared(const std::string& call, const std::string& argument) {
+  PrintLog();
+  if (sharing != call) {
+    EndLine();
+    std::cout << call;
+    sharing = call;
+  }
+  std::cout << " " << argument << std::flush;
+}
+
 bool Fails(const std::string& name, const std::string& arguments) {
   Print(arguments.empty() ? name : name + " " + arguments);
   return TheScene().failing.count(name) != 0;
@@ -134,7 +145,9 @@ bool Fails(const std::string& name, const std::string& arguments) {
 
 int Load(const Config* object, const std::string& name) {
   objects[object] = name;
-  return Fails("LoadSettings", name) ? -1 : 0;
+  PrintShared("LoadSettings", name);
+  if (name == "imap_pop3") EndLine();  // the program itself may print next
+  return TheScene().failing.count("LoadSettings") != 0 ? -1 : 0;
 }
 
 // The arguments of a variadic call, up to the closing null one.
@@ -165,13 +178,7 @@ int main(int argc, char* argv[]) {
 
 boost::any& Config::Get(const std::string& key) {
   const std::string& object = objects[this];
-  PrintLog();
-  if (reading != object) {
-    EndLine();
-    std::cout << "read " << object << ":";
-    reading = object;
-  }
-  std::cout << " " << key << std::flush;
+  PrintShared("read " + object + ":", key);
   return TheScene().settings[object][key];
 }
 

@@ -68,7 +68,8 @@ def apply(switches):
         restart("opendmarc", "-f", "-c", ETC + "/opendmarc.conf", port=8893)
     # Restarted, not reloaded: an old process may take the next connection after a reload.
     listeners = read(ETC + "/dovecot/conf.d/10-master.conf")
-    run("postfix", "-c", ETC, "stop" if "listeners" in running else "check")
+    if running:
+        run("postfix", "-c", ETC, "stop")
     if running.get("listeners") != listeners:
         restart("dovecot", "-c", DOVECOT, "-F", port=143)
         running["listeners"] = listeners
@@ -141,7 +142,7 @@ SERVICES = {"imap": lambda: imaplib.IMAP4(HERE), "pop3": lambda: poplib.POP3(HER
 
 def logins(encrypted=True):
     """The services at which alice can log in from another machine, and IMAP on this one."""
-    found = []
+    found = run("doveconf", "-c", DOVECOT, "-n").stderr.split()
     for name, connect in SERVICES.items():
         with contextlib.suppress(ConnectionRefusedError):
             server = connect()

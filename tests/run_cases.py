@@ -153,16 +153,21 @@ def transcript(program, lines, take_log):
     shown += "".join("runs " + line for line in read("/run/trace").splitlines(True))
     shown += "".join("log " + OWN.sub("", line) + "\n" for line in take_log())
     shown = ("" if "trace" in brief else shorten(shown)) + f"status {run.returncode}\n"
-    after = tree()
+    after, in_brief = tree(), []
     for path in sorted(before.keys() | after.keys()):
         if path not in after:
             shown += f"{shorten(path)} gone\n"
         elif before.get(path) != after[path]:
             mode, content = after[path]
-            shown += f"{shorten(path)} {mode}\n"
-            if os.path.basename(path) not in brief and content:
+            line = f"{shorten(path)} {mode}"
+            if os.path.basename(path) in brief:
+                in_brief.append(line)
+                continue
+            shown += line + "\n"
+            if content:
                 shown += "".join(f"|{line}\n" for line in shorten(content).removesuffix("\n").split("\n"))
                 shown += "" if content.endswith("\n") else "(no newline at the end)\n"
+    shown += "in brief " + ", ".join(in_brief) + "\n" if in_brief else ""
     return shown
 
 

@@ -29,6 +29,7 @@ void JsonFile::Parse() {
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   builder["allowComments"] = true;
   builder["collectComments"] = false;
+  builder["skipBom"] = false;
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
   std::string errors;
