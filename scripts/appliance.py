@@ -5,6 +5,7 @@ import functools
 import glob
 import json
 import os
+import queue
 import smtplib
 import socket
 import ssl
@@ -20,7 +21,7 @@ COMMANDS = ("smtp", "dovecot", "mailscanner", "alias", "domain_alias", "sender_q
 DOVECOT = ETC + "/dovecot/dovecot.conf"
 HERE = "192.0.2.1"  # the appliance as other machines see it
 CLIENT = "192.0.2.10"  # another machine
-log_lines = []
+take_log = None  # takes the lines logged so far
 message_id = ["0"]
 
 
@@ -34,13 +35,36 @@ def run(*command, text=None, check=False):
 
 def write(path, text, mode=0o644):
     os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "w", encoding="utf-8", opener=lambda p, flags: os.open(p, flags, mode)) as file:
+    if os.path.lexists(path):
+        os.unlink(path)  # may be another's
+    with open(path, "w", encoding="utf-8", errors="surrogateescape", newline="",
+              opener=lambda p, flags: os.open(p, flags, mode)) as file:
         file.write(text)
 
 
 def read(path):
-    with open(path, encoding="utf-8", errors="surrogateescape") as file:
+    with open(path, encoding="utf-8", errors="surrogateescape", newline="") as file:
         return file.read()
+
+
+def listen():
+    """Collects what is sent to the system log, whose queue is short. Returns what takes the lines so far."""
+    log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    log.bind("/dev/log")
+    os.chmod("/dev/log", 0o666)
+    lines = queue.SimpleQueue()
+
+    def receive():
+        while True:
+            lines.put(log.recv(65536).decode(errors="surrogateescape"))
+
+    def take():
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as end:
+            end.sendto(b"", "/dev/log")  # comes after all others
+        return list(iter(lines.get, ""))
+
+    threading.Thread(target=receive, daemon=True).start()
+    return take
 
 
 def lay_out(stage, users=("alice", "bob")):
@@ -55,19 +79,8 @@ def lay_out(stage, users=("alice", "bob")):
     for user in users:
         run("useradd", "--create-home", user, check=True)
         run("chpasswd", text=f"{user}:{user}-secret", check=True)
-    threading.Thread(target=system_log, daemon=True).start()
-    wait_for(lambda: os.path.exists("/dev/log"), "the system log")
-
-
-def system_log():
-    """Takes what all programs log, and keeps what nubo_set_config does."""
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as log:
-        log.bind("/dev/log")
-        os.chmod("/dev/log", 0o666)
-        while True:
-            line = log.recv(65536).decode(errors="replace").rstrip("\n")
-            if " nubo_set_config: " in line:
-                log_lines.append(line.split(" nubo_set_config: ", 1)[1])
+    global take_log
+    take_log = listen()
 
 
 def settings(**files):
@@ -80,15 +93,13 @@ def settings(**files):
 
 def command(word):
     """Runs one command; its exit status and the lines that it logged."""
-    log_lines.clear()
+    take_log()
     status = run(PROGRAM, word).returncode
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as log:
-        log.sendto(b" nubo_set_config: end", "/dev/log")
-    wait_for(lambda: log_lines[-1:] == ["end"], "the system log")
+    lines = [line.split(" nubo_set_config: ", 1)[1] for line in take_log() if " nubo_set_config: " in line]
     # Postfix's programs wait two seconds for a file that has just changed.
     for path in glob.glob(ETC + "/*.cf"):
         os.utime(path, (time.time() - 10,) * 2)
-    return status, log_lines[:-1]
+    return status, lines
 
 
 def generated(path, template):

@@ -15,13 +15,10 @@ import shutil
 import subprocess
 import sys
 
-from run_cases import cover, listen, put, read
+from run_cases import PROGRAMS as CHILDREN, cover
+from appliance import PACKAGE, PROGRAM, listen, read, write
 
-PACKAGE = "/var/packages/Brindlecot"
-ETC, PROGRAM, LIBRARY = PACKAGE + "/target/etc/", PACKAGE + "/target/bin/nubo_set_config", "/run/library.so"
-NET = "/usr/bin/net"
-CHILDREN = (PACKAGE + "/target/sbin/postmap", PACKAGE + "/target/sbin/postalias", "/usr/nubo/sbin/nubopkghelper",
-            NET)
+ETC, LIBRARY, NET = PACKAGE + "/target/etc/", "/run/library.so", "/usr/bin/net"
 CASES = ("smtp local", "smtp ldap", "smtp win", "dovecot", "mailscanner", "alias", "domain_alias win",
          "sender_quota_map")
 # System calls, by their names on all architectures, and the errors that they are made to return.
@@ -67,7 +64,7 @@ take_log = None  # takes the lines logged so far
 
 
 def put_users(count, comment=""):
-    put("/etc/passwd", "".join(f"CORP\\user{n}:x:{n}:{n}:{comment}:/:\n" for n in range(count)), 0o644)
+    write("/etc/passwd", "".join(f"CORP\\user{n}:x:{n}:{n}:{comment}:/:\n" for n in range(count)), 0o644)
 
 
 def files():
@@ -87,7 +84,7 @@ def lay_out(program, library):
         shutil.copy(path, copy)
     cover()
     for path, text in (*INPUTS.items(), *((path, STAND_IN) for path in CHILDREN)):
-        put(path, text, 0o600 if path in INPUTS else 0o755)
+        write(path, text, 0o600 if path in INPUTS else 0o755)
     put_users(20, "x" * 300)  # more than is read at once
 
 
@@ -95,7 +92,7 @@ def restore():
     for path in files().keys() - INPUTS.keys():
         os.unlink(path)
     for target in (*LINES, *WHOLE):
-        put(ETC + target, OLD[1], OLD[0])
+        write(ETC + target, OLD[1], OLD[0])
 
 
 def run(case, fault="", *options):
@@ -156,7 +153,7 @@ def prepare(case):
     """What each target of the command may hold afterwards, the content after a run without faults first
     (None: not written then)."""
     allowed = {}
-    put(PACKAGE + "/etc/settings/smtp.json", json.dumps(SMTP | {"account_type": case.split()[-1]}), 0o600)
+    write(PACKAGE + "/etc/settings/smtp.json", json.dumps(SMTP | {"account_type": case.split()[-1]}), 0o600)
     os.rename(PACKAGE + "/etc/customize", PACKAGE + "/off")
     for mode in (0o755, 0):  # without `net`, the machine counts as not joined to the domain
         os.chmod(NET, mode)
@@ -245,7 +242,7 @@ def million_users():
 def children():
     """No program but those of the commands, no shell, no secret among the arguments, no descriptor more."""
     for path in CHILDREN:
-        put(path, STAND_IN + "ls -1 /proc/self/fd >>/run/descriptors\n", 0o755)
+        write(path, STAND_IN + "ls -1 /proc/self/fd >>/run/descriptors\n", 0o755)
     for case in CASES:
         prepare(case)
         trace = run(case, "", "-f", "-e", "trace=execve")[1]

@@ -19,22 +19,19 @@
 # be applied to the cases with `patch -p1`.
 import difflib
 import os
-import queue
 import re
 import shutil
-import socket
 import subprocess
 import sys
-import threading
 
-PACKAGE = "/var/packages/Brindlecot"
-ETC = PACKAGE + "/target/etc"
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../scripts")
+from appliance import ETC, PACKAGE, POSTMAP, listen, read, write
+
 NAMES = ("main.cf|master.cf|header_checks|opendkim.conf|KeyTable|SigningTable|TrustedHosts|opendmarc.conf|"
          "10-master.conf|10-mail.conf|MailScanner.conf|local.cf|aliases|aliases.cf|quota_memcache.cf|ad_info")
 OWN = re.compile(r"^<11>.{15} nubo_set_config: ")  # LOG_USER and LOG_ERR
 ESCAPES = {"n": "\n", "t": "\t", "r": "\r", "\\": "\\"}
-PROGRAMS = (PACKAGE + "/target/sbin/postmap", PACKAGE + "/target/sbin/postalias", "/usr/nubo/sbin/nubopkghelper",
-            "/usr/bin/net")
+PROGRAMS = (POSTMAP, PACKAGE + "/target/sbin/postalias", "/usr/nubo/sbin/nubopkghelper", "/usr/bin/net")
 
 
 def expand(text):
@@ -50,22 +47,8 @@ def shorten(text):
     return text.replace(ETC, "$E").replace(PACKAGE, "$P")
 
 
-def read(path):
-    with open(path, encoding="utf-8", errors="surrogateescape", newline="") as file:
-        return file.read()
-
-
-def put(path, content, mode=0o644):
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    if os.path.exists(path):
-        os.unlink(path)  # may be another's
-    with open(path, "w", encoding="utf-8", errors="surrogateescape", newline="") as file:
-        file.write(content)
-    os.chmod(path, mode)
-
-
 def put_program(path, command):
-    put(path, f'#!/bin/sh\necho "$0 $*" >>/run/trace\n{command}\n', 0o755)
+    write(path, f'#!/bin/sh\necho "$0 $*" >>/run/trace\n{command}\n', 0o755)
 
 
 def tree():
@@ -86,10 +69,10 @@ def set_scene(lines):
     for folder in ("MailScanner", "dovecot/conf.d", "opendkim", "spamassassin"):
         os.makedirs(f"{ETC}/{folder}")
     for name in "main master header_checks opendkim opendmarc 10-mail mailscanner spamassassin".split():
-        put(f"{ETC}/template/{name}.template", f"# {name}\n")
+        write(f"{ETC}/template/{name}.template", f"# {name}\n")
     for path in PROGRAMS:
         put_program(path, "exit 0")
-    put("/etc/passwd", "")
+    write("/etc/passwd", "")
     arguments, brief = [], set()
     for line in lines:
         verb, _, rest = line.partition(" ")
@@ -100,7 +83,7 @@ def set_scene(lines):
         elif verb == "brief":
             brief |= set(rest.split())
         elif verb in ("file", "secret"):
-            put(path, expand(content), 0o644 if verb == "file" else 0o600)
+            write(path, expand(content), 0o644 if verb == "file" else 0o600)
         elif verb == "script":
             put_program(path, content)
         elif verb == "dir":  # not empty, so that no rename replaces it
@@ -122,28 +105,9 @@ def cover():
     subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/tmp"], check=True)
 
 
-def listen():
-    """Collects what is sent to the system log, whose queue is short. Returns what takes the lines so far."""
-    log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-    log.bind("/dev/log")
-    lines = queue.SimpleQueue()
-
-    def receive():
-        while True:
-            lines.put(log.recv(65536).decode(errors="surrogateescape"))
-
-    def take():
-        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as end:
-            end.sendto(b"", "/dev/log")  # comes after all others
-        return list(iter(lines.get, ""))
-
-    threading.Thread(target=receive, daemon=True).start()
-    return take
-
-
 def transcript(program, lines, take_log):
     arguments, brief = set_scene(lines)
-    put("/run/trace", "")
+    write("/run/trace", "")
     before = tree()
     run = subprocess.run([program, *arguments], stdin=subprocess.DEVNULL, capture_output=True, check=False,
                          env={"NUBO_SCENE": "\n".join(lines)}, timeout=60)
@@ -178,7 +142,7 @@ def main(*paths):
         shutil.copy(path, f"/run/{name}/nubo_set_config")
     texts = {path: read(path) for path in paths[2:]}
     cover()
-    put("/etc/nsswitch.conf", "passwd: files\n")
+    write("/etc/nsswitch.conf", "passwd: files\n")
     take_log = listen()
     passed = failed = 0
     for path, text in texts.items():
