@@ -237,6 +237,7 @@ def million_users():
         yield "users are missing"
     if usage.ru_maxrss * 1024 > 200 * count or seconds[1] > 15 * seconds[0]:
         yield f"{usage.ru_maxrss * 1024 // count} bytes a user, {seconds} seconds"
+    put_users(20)
 
 
 def children():
