@@ -17,9 +17,35 @@ namespace {
 
 constexpr size_t kCopyBufferSize = 1024;
 
-int LogCopyError(int line) {
+void LogCopyError(int line) {
   syslog(LOG_ERR, "%s:%d copy file error: %s", kLogSource, line, std::strerror(errno));
-  return -1;
+}
+
+struct OpenFiles {
+  int from;
+  int to;
+};
+
+// Opens the source, and the destination for writing with `flags` more. False, with one log line and neither
+// of them open, when one cannot be.
+bool OpenBoth(OpenFiles& files, const char* source, const char* destination, int flags, int line) {
+  files.from = open(source, O_RDONLY | O_CLOEXEC);
+  if (files.from < 0) {
+    LogCopyError(line);
+    return false;
+  }
+  files.to = open(destination, O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0644);
+  if (files.to < 0) {
+    LogCopyError(line);
+    close(files.from);
+    return false;
+  }
+  return true;
+}
+
+void CloseBoth(const OpenFiles& files) {
+  close(files.from);
+  close(files.to);
 }
 
 // To the end of the source, or to the first fault, whose reason is in errno.
@@ -46,37 +72,23 @@ int MakeTempFile(char* path) {
 }
 
 int CopyFile(const char* source, const char* destination) {
-  const int from = open(source, O_RDONLY | O_CLOEXEC);
-  if (from < 0) return LogCopyError(110);
-  const int to = open(destination, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (to < 0) {
-    LogCopyError(110);
-    close(from);
-    return -1;
-  }
-  int result = CopyBytes(from, to);
+  OpenFiles files = {};
+  if (!OpenBoth(files, source, destination, O_TRUNC, 110)) return -1;
+  const int result = CopyBytes(files.from, files.to);
   if (result < 0) LogCopyError(110);
-  close(from);
-  close(to);
+  CloseBoth(files);
   return result;
 }
 
 int AppendFile(const char* source, const char* destination) {
-  const int from = open(source, O_RDONLY | O_CLOEXEC);
-  if (from < 0) return LogCopyError(140);
-  const int to = open(destination, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (to < 0) {
-    LogCopyError(140);
-    close(from);
-    return -1;
-  }
+  OpenFiles files = {};
+  if (!OpenBoth(files, source, destination, O_APPEND, 140)) return -1;
   char buffer[kCopyBufferSize] = {};
   ssize_t count = 0;
-  while ((count = read(from, buffer, sizeof buffer)) > 0) {
-    std::ignore = write(to, buffer, static_cast<size_t>(count));
+  while ((count = read(files.from, buffer, sizeof buffer)) > 0) {
+    std::ignore = write(files.to, buffer, static_cast<size_t>(count));
   }
-  close(from);
-  close(to);
+  CloseBoth(files);
   return 0;
 }
 
