@@ -31,6 +31,7 @@ NAMES = ("main.cf|master.cf|header_checks|opendkim.conf|KeyTable|SigningTable|Tr
          "10-master.conf|10-mail.conf|MailScanner.conf|local.cf|aliases|aliases.cf|quota_memcache.cf|ad_info")
 OWN = re.compile(r"^<11>.{15} nubo_set_config: ")  # LOG_USER and LOG_ERR
 ESCAPES = {"n": "\n", "t": "\t", "r": "\r", "\\": "\\"}
+EMULATOR = os.environ.get("EMULATOR", "").split()  # runs the program where it is another machine's
 PROGRAMS = (POSTMAP, PACKAGE + "/target/sbin/postalias", "/usr/nubo/sbin/nubopkghelper", "/usr/bin/net")
 
 
@@ -109,7 +110,7 @@ def transcript(program, lines, take_log):
     arguments, brief = set_scene(lines)
     write("/run/trace", "")
     before = tree()
-    run = subprocess.run([program, *arguments], stdin=subprocess.DEVNULL, capture_output=True, check=False,
+    run = subprocess.run([*EMULATOR, program, *arguments], stdin=subprocess.DEVNULL, capture_output=True, check=False,
                          env={"NUBO_SCENE": "\n".join(lines)}, timeout=60)
     shown = (run.stdout + run.stderr).decode(errors="surrogateescape")
     if "reads" in brief:
@@ -153,6 +154,8 @@ def main(*paths):
             scene, _, expected = case.partition("\nexpect\n")
             title, *lines = scene.split("\n")
             actual = transcript(program, lines, take_log)
+            if EMULATOR:  # vfork(2) is a fork there, whose child can only exit to say that it found no program
+                actual = actual.replace(": exit status 127\n", ": could not be run: Permission denied\n")
             written += f"case {scene}\nexpect\n{actual}"
             if actual == expected:
                 passed += 1
