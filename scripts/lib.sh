@@ -35,7 +35,8 @@ quietly() {
 install_packages() {
   local missing
   missing=$(comm -23 <(printf '%s\n' "$@" | sort -u) \
-    <(dpkg-query -W -f '${db:Status-Status} ${Package}\n' | sed -n 's/^installed //p' | sort -u))
+    <(dpkg-query -W -f '${db:Status-Status} ${Package}\n${db:Status-Status} ${Package}:${Architecture}\n' |
+      sed -n 's/^installed //p' | sort -u))
   [ -n "$missing" ] || return 0
   # shellcheck disable=SC2086
   quietly "Installed $(wc -w <<<"$missing") packages" apt_install $missing

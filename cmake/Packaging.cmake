@@ -1,0 +1,45 @@
+# Debian packages, by CPack. What belongs to Debian alone is installed here: documentation where its policy wants
+# it, and names in the PATH for programs that live in the package's own tree.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME nubo-set-config)
+set(CPACK_PACKAGE_CONTACT "nubo_set_config authors <maintainers@nubo-set-config.invalid>")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION mail)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_PACKAGE_DESCRIPTION "Turns the administrator's settings into the files that Postfix, Dovecot,
+MailScanner, SpamAssassin, OpenDKIM and OpenDMARC read. One run regenerates a
+group of these files whole and replaces each in one step.
+
+nubo_config_preview shows beforehand what a run would change, and what the
+daemons would say of it.")
+
+# What it calls. The daemons that read the files are recommended: which of them run here is the administrator's choice.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "postfix, openssl, mount")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "postfix-ldap, libsasl2-modules, dovecot-imapd, dovecot-pop3d, opendkim, \
+opendmarc, publicsuffix, spamassassin, postfix-policyd-spf-perl")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "samba-common-bin, winbind, libnss-winbind, libpam-winbind, libpam-ldapd, memcached")
+
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_SOURCE_DIR}/packaging/conffiles
+  ${PROJECT_SOURCE_DIR}/packaging/postinst
+  ${PROJECT_SOURCE_DIR}/packaging/prerm
+  ${PROJECT_SOURCE_DIR}/packaging/postrm)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_SET_DESTDIR ON)  # every file has its place from the root
+set(CPACK_INSTALL_PREFIX /)
+set(CPACK_STRIP_FILES ON)
+include(CPack)
+
+set(DOC /usr/share/doc/${CPACK_PACKAGE_NAME})
+install(FILES LICENSE DESTINATION ${DOC} RENAME copyright)
+install(FILES packaging/changelog DESTINATION ${DOC})
+install(FILES packaging/lintian-overrides DESTINATION /usr/share/lintian/overrides RENAME ${CPACK_PACKAGE_NAME})
+install(CODE "
+  set(root \"\$ENV{DESTDIR}\")
+  execute_process(COMMAND gzip -9nf \${root}${DOC}/changelog \${root}/usr/share/man/man8/nubo_set_config.8
+    \${root}/usr/share/man/man8/nubo_config_preview.8 COMMAND_ERROR_IS_FATAL ANY)
+  file(MAKE_DIRECTORY \${root}/usr/sbin)
+  foreach(program nubo_set_config nubo_config_preview)
+    file(CREATE_LINK ${PACKAGE_TARGET}/bin/\${program} \${root}/usr/sbin/\${program} SYMBOLIC)
+  endforeach()")
