@@ -37,8 +37,9 @@ install(FILES packaging/changelog DESTINATION ${DOC})
 install(FILES packaging/lintian-overrides DESTINATION /usr/share/lintian/overrides RENAME ${CPACK_PACKAGE_NAME})
 install(CODE "
   set(root \"\$ENV{DESTDIR}\")
-  execute_process(COMMAND gzip -9nf \${root}${DOC}/changelog \${root}/usr/share/man/man8/nubo_set_config.8
-    \${root}/usr/share/man/man8/nubo_config_preview.8 COMMAND_ERROR_IS_FATAL ANY)
+  set(man \${root}/usr/share/man)
+  execute_process(COMMAND gzip -9nf \${root}${DOC}/changelog \${man}/man5/brindlecot-settings.5
+    \${man}/man8/nubo_config_preview.8 \${man}/man8/nubo_set_config.8 COMMAND_ERROR_IS_FATAL ANY)
   file(MAKE_DIRECTORY \${root}/usr/sbin)
   foreach(program nubo_set_config nubo_config_preview)
     file(CREATE_LINK ${PACKAGE_TARGET}/bin/\${program} \${root}/usr/sbin/\${program} SYMBOLIC)
