@@ -3,6 +3,7 @@
 #include <json/json.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <set>
 
@@ -77,7 +78,9 @@ TEST(DocumentsTest, ManualPage) {
 
 TEST(DocumentsTest, Completion) {
   char usage[256] = {};
-  FILE* program = ZELBCPopen(NUBO_SET_CONFIG, "r", static_cast<char*>(nullptr));
+  const char* emulator = std::getenv("EMULATOR");
+  FILE* program = ZELBCPopen(emulator != nullptr ? emulator : NUBO_SET_CONFIG, "r",
+                             emulator != nullptr ? NUBO_SET_CONFIG : nullptr, nullptr);
   ASSERT_NE(program, nullptr);
   EXPECT_NE(std::fgets(usage, sizeof usage, program), nullptr);
   ZELBCPclose(program);
