@@ -94,6 +94,17 @@ def defaults():
     accepted()
 
 
+def preview():
+    heading("What would a run change, and would the daemons accept it?")
+    relay = {"smtp_relay_enabled": True, "smtp_relay_account": "company", "smtp_relay_password": "s3cret: #1"}
+    for values, wanted in (({}, 0), ({"smtp_relay_server": "relay.example", **relay}, 1), (relay, 2)):
+        settings(smtp=values)
+        result = run(PACKAGE + "/target/bin/nubo_config_preview", "smtp")
+        show(f"nubo_config_preview smtp, with {len(values)} settings", result.stdout)
+        check(f"exit {result.returncode}", result.returncode == wanted, result.stderr)
+        check("no secret is shown", "s3cret" not in result.stdout)
+
+
 def company():
     heading("The settings of a company")
     settings(**COMPANY)
@@ -245,7 +256,7 @@ def main():
     lay_out(sys.argv[1])
     name_server()
     print(f"\nFiles are below {ETC}.")
-    for step in (defaults, company, aliases, customisation, bad_input, together, delivery, accounts):
+    for step in (defaults, preview, company, aliases, customisation, bad_input, together, delivery, accounts):
         try:
             step()
         except Exception as error:  # pylint: disable=broad-except
