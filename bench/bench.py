@@ -1,0 +1,344 @@
+#!/usr/bin/python3
+"""What a run costs: beside the least that it can cost, and beside what people use instead. bench.py STAGE RESULTS,
+on a private machine, from scripts/bench; the table and the plot go into the directory RESULTS."""
+
+import glob
+import json
+import os
+import re
+import statistics
+import subprocess
+import sys
+
+BENCH = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, BENCH + "/../scripts")
+# pylint: disable=wrong-import-position
+from appliance import COMMANDS, ETC, PACKAGE, PROGRAM, generated, lay_out, read, run, settings, write  # noqa: E402
+from demo import COMPANY  # noqa: E402
+
+WORK = "/run/bench"
+POSTALIAS = PACKAGE + "/target/sbin/postalias"
+POSTCONF = "postconf -e"
+SETTINGS = {"defaults": {}, "company": COMPANY}  # no settings files at all; most settings on, in six files
+GROUPS = {  # a command, the directory of its files, and each one with its template
+    "dovecot": (ETC + "/dovecot/conf.d", {"10-master.conf": "", "10-mail.conf": "10-mail"}),
+    "smtp": (ETC, {"main.cf": "main", "master.cf": "master"})}
+USERS = (0, 1000, 10000, 100000, 1000000)
+
+
+def build(output, *arguments):
+    run("cc", "-O2", "-o", f"{WORK}/{output}", *arguments, check=True)
+    return f"{WORK}/{output}"
+
+
+def idle(*programs):
+    """Lets programs that a command runs do nothing."""
+    for program in programs:
+        if os.path.lexists(program):
+            os.unlink(program)
+        run("cp", WORK + "/idle", program, check=True)
+
+
+def timed(rounds, commands, old_file=""):
+    """Runs each of several commands `rounds` times, in turn. Milliseconds and peak KiB of each run, by command.
+    `old_file` was changed an hour before each run."""
+    argv = [item for command in commands for item in ["--", *command]]
+    lines = run(WORK + "/timed", str(rounds), old_file, *argv, check=True).stdout.splitlines()
+    rows = [[int(figure) for figure in line.split()] for line in lines]
+    return [([row[2 * i] / 1e6 for row in rows], [row[2 * i + 1] for row in rows]) for i in range(len(commands))]
+
+
+# ---- The floors of a command ----
+
+# What belongs to memory, and what floor.c does where the command runs a program.
+MEMORY = {"brk", "mmap", "munmap", "futex", "getrandom"}
+STARTING = {"rt_sigaction", "rt_sigprocmask", "fcntl", "prlimit64", "clone3"}
+REPLAYED = {"openat", "read", "write", "close", "lseek", "newfstatat", "chmod", "fchmod", "fsync", "rename", "unlink"}
+
+
+def calls(*command):
+    """The system calls of a command from the first line of main on, as the C statements of calls.h."""
+    for path in glob.glob(WORK + "/strace.*"):
+        os.unlink(path)
+    run("strace", "-ff", "-s", "100000", "-o", WORK + "/strace", *command, check=True)
+    own, *children = sorted(glob.glob(WORK + "/strace.*"), key=lambda path: int(path.rsplit(".", 1)[1]))
+    programs = [re.search(r"^execve\([^[]*\[(.*)\], 0x", read(child), re.M)[1] for child in children]
+    temps, statements = {}, []
+    trace = read(own)
+    for line in trace[trace.index('openat(AT_FDCWD, "/dev/null", O_RDWR)'):].splitlines():
+        found = re.match(r"(\w+)\((.*)\) += (-?\d+|\?)", line)
+        name, arguments, result = found.groups() if found else ("", "", "")
+        temp = re.match(r'AT_FDCWD, ("(.*)......"), O_RDWR\|O_CREAT\|O_EXCL\|?(.*), 0600$', arguments)
+        for path, variable in temps.items():
+            arguments = arguments.replace(path, variable)
+        if name in MEMORY or line[:3] in ("---", "+++") or name == "exit_group":
+            continue
+        if name in STARTING:
+            statements.append(f"// {name}")
+        elif name == "wait4":
+            statements.append("{ static const char* const a[] = {%s, NULL}; same(run(a), 0); }" % programs.pop(0))
+        elif temp:
+            temps[temp[1]] = f"temp{len(temps)}"
+            statements.append('char {0}[] = "{1}XXXXXX"; same(mkostemp({0}, {2}), {3});'.format(
+                temps[temp[1]], temp[2], temp[3] or 0, result))
+        elif name in REPLAYED:
+            if name == "read":
+                arguments = re.sub(r'".*"', "block", arguments)
+            elif name == "newfstatat":
+                name, arguments = "fstatat", re.sub(r"0x\w+|\{.*\}", "&status", arguments)
+            statements.append(f"same({name}({arguments}), {result});")
+        else:
+            sys.exit(f"bench: no floor for {line}")
+    return "".join(statement + "\n" for statement in statements)
+
+
+def floors(word):
+    """Two programs with the system calls of the command: static C, and C++ linked as the program is."""
+    statements = calls(PROGRAM, word)
+    write(WORK + "/calls.h", statements)
+    link = read(BENCH + "/../build/release/CMakeFiles/nubo_set_config.dir/link.txt")
+    flags = re.findall(r" (-(?:Wl,|static|pie|no-pie)\S*)", link)
+    libraries = re.findall(r"\(NEEDED\).*\[(.*)\]", run("readelf", "-d", PROGRAM, check=True).stdout)
+    source = ("-I" + WORK, BENCH + "/floor.c")
+    c = build("floor_c", "-static", *source)
+    cxx = WORK + "/floor_cxx"
+    run("c++", "-O2", "-fPIE", "-x", "c++", *source, "-x", "none", *flags, "-Wl,--no-as-needed",
+        *("-l:" + library for library in libraries), "-Wl,--as-needed", "-o", cxx, check=True)
+    for floor in (c, cxx):
+        if calls(floor) != statements:
+            sys.exit(f"bench: {floor} makes other system calls than {word}")
+    if shared(cxx) != shared(PROGRAM):
+        sys.exit(f"bench: {cxx} is linked to other libraries than {PROGRAM}")
+    return [c], [cxx]
+
+
+def shared(program):
+    return set(re.findall(r"^\s*(\S+)", run("ldd", program, check=True).stdout, re.M))
+
+
+def instructions(command, *options):
+    """Thousands of instructions in user space."""
+    out = WORK + "/callgrind"
+    run("valgrind", "--tool=callgrind", "--callgrind-out-file=" + out, *options, *command, check=True)
+    return int(re.search(r"^totals: (\d+)", read(out), re.M)[1]) / 1000
+
+
+def commands():
+    rows = []
+    for name, values in SETTINGS.items():
+        settings(**values)
+        for word in COMMANDS:
+            own, (c, cxx) = [PROGRAM, word], floors(word)
+            times = [time for time, _ in timed(300, [own, c, cxx])]
+            median = [statistics.median(time) for time in times]
+            rows.append([f"{word}, {name}", times[0], median[0] / median[1], median[0] / median[2],
+                         instructions(own), instructions(own, "--toggle-collect=main"), instructions(cxx)])
+    return rows
+
+
+# ---- What people use instead ----
+
+# A value's place in a template, and the file of values.
+ENGINES = {
+    "sed": ("/bin/sh", "sed.sh", "@{}@", lambda values: "".join(f"s|@{k}@|{v}|\n" for k, v in values.items())),
+    "envsubst": ("/bin/sh", "envsubst.sh", "${{{}}}",
+                 lambda values: "".join(f"export {k}='{v}'\n" for k, v in values.items())
+                 + "names='" + " ".join("$" + k for k in values) + "'\n"),
+    "m4": ("/bin/sh", "m4.sh", "{}_",
+           lambda values: "m4_changequote(<<,>>)m4_dnl\n"
+           + "".join(f"m4_define(<<{k}_>>, <<{v}>>)m4_dnl\n" for k, v in values.items())),
+    "Perl, Text::Template": ("/usr/bin/perl", "template.pl", "[@ ${} @]",
+                             lambda values: "{" + "".join(f"{k} => '{v}',\n" for k, v in values.items()) + "}\n"),
+    "Python, Jinja2": ("/usr/bin/python3", "jinja.py", "{{{{ {} }}}}", json.dumps),
+}
+VALUE = re.compile(r"^([^#\n]* = )(.+)$|^(\d+)( inet .*)$", re.M)  # a line of a setting, or a port of master.cf
+
+
+def with_marks(path, template, mark, values):
+    """A generated file with a mark in the place of each setting's value, which is added to the values."""
+    def marked(line):
+        key, value, port, rest = line.groups()
+        name = f"V{len(values)}"
+        values[name] = value or port
+        return (key or "") + mark.format(name) + (rest or "")
+    lines = generated(path, template) if template else read(path)
+    return read(path).removesuffix(lines) + VALUE.sub(marked, lines)
+
+
+def peers(word):
+    """Each peer's command for the files of the program's command, which are there."""
+    directory, files = GROUPS[word]
+    os.makedirs(directory + "/new", exist_ok=True)
+    found = {}
+    for engine, (interpreter, script, mark, values_file) in ENGINES.items():
+        templates, values = f"{WORK}/{word}/{script}", {}
+        for name, template in files.items():
+            write(f"{templates}/{name}", with_marks(f"{directory}/{name}", template, mark, values))
+        write(templates + "/values", values_file(values))
+        found[engine] = [interpreter, f"{BENCH}/peers/{script}", templates, directory, *files]
+    if word == "smtp":
+        pairs = re.findall(r"^(\w+) = (.*)$", generated(ETC + "/main.cf", "main"), re.M)
+        found[POSTCONF] = ["/usr/sbin/postconf", "-c", ETC, "-e", *("=".join(pair) for pair in pairs)]
+    return found
+
+
+def check_peers(word, found):
+    """Each peer has to bring the program's bytes back when other values stand there."""
+    directory, files = GROUPS[word]
+    wanted = {name: read(f"{directory}/{name}") for name in files}
+    for engine, command in found.items():
+        for name in ["main.cf"] if engine == POSTCONF else files:
+            write(f"{directory}/{name}", with_marks(f"{directory}/{name}", files[name], "other{}", {}))
+        os.utime(ETC + "/main.cf", (0, 0))
+        run(*command, check=True)
+        for name, text in wanted.items():
+            # postconf drops the blank behind a value.
+            if read(f"{directory}/{name}").replace(" \n", "\n") != text.replace(" \n", "\n"):
+                sys.exit(f"bench: {engine} writes another {name}")
+
+
+def compare_peers():
+    """One row a peer: for each command with each settings, the time and its ratio to the program's."""
+    rows = {engine: [engine] for engine in ("nubo_set_config", *ENGINES, POSTCONF)}
+    for word in GROUPS:
+        for values in SETTINGS.values():
+            settings(**values)
+            run(PROGRAM, word, check=True)
+            found = peers(word)
+            check_peers(word, found)
+            # Postfix's programs wait for a main.cf that has just changed.
+            measured = timed(100, [[PROGRAM, word], *found.values()], ETC + "/main.cf")
+            times = dict(zip(("nubo_set_config", *found), (statistics.median(times) for times, _ in measured)))
+            for engine, row in rows.items():
+                time = times.get(engine)
+                row += [time, time / times["nubo_set_config"]] if time else [None, None]
+    return list(rows.values())
+
+
+# ---- The users of a domain ----
+
+def domain_users():
+    """One row a number of users: the time and its ratio to the floor's; what a user takes above a run without any,
+    time, the floor's, memory; the peak of memory; the time with the real postalias."""
+    settings(smtp={"account_type": "win", "win_domain_short_name": "CORP"})
+    write("/etc/nsswitch.conf", "passwd: files\n")
+    own, floor = [PROGRAM, "domain_alias"], [build("users_floor", BENCH + "/users_floor.c")]
+    accounts = read("/etc/passwd")
+    rows, base = [], None
+    for count in USERS:
+        write("/etc/passwd", accounts + "".join(f"CORP\\user{number:07}:x:{100000 + number}:100::/home/u:/bin/sh\n"
+                                                for number in range(count)))
+        written = set()
+        for command in (own, floor):
+            run(*command, check=True)
+            written.add(read(ETC + "/domain-aliases"))
+        if len(written) != 1 or written.pop().count("\n") != count:
+            sys.exit("bench: the table of the users differs from its floor's")
+        (times, peaks), (floor_times, _) = timed(max(9, min(200, 1000000 // max(count, 1))), [own, floor])
+        now = [statistics.median(figures) for figures in (times, floor_times, peaks)]
+        base = base or now
+        user = [(figure - least) / count if count else None for figure, least in zip(now, base)]
+        os.unlink(POSTALIAS)
+        os.symlink("/usr/sbin/postalias", POSTALIAS)
+        (with_map, _), = timed(3 if count > 10000 else 20, [own])
+        idle(POSTALIAS)
+        rows.append([f"{count:,}", times, now[0] / now[1], *(figure and figure * 1e6 for figure in user[:2]),
+                     user[2] and user[2] * 1024, now[2] / 1024, statistics.median(with_map)])
+    return rows
+
+
+# ---- What is told ----
+
+def cell(value):
+    if isinstance(value, list):
+        low, median, high = statistics.quantiles(value, n=4)
+        return f"{median:.2f} ({low:.2f}-{high:.2f})"
+    if isinstance(value, float):
+        return f"{value:.0f}" if value >= 100 else f"{value:.2f}"
+    return "" if value is None else str(value)
+
+
+def table(heads, rows, note):
+    """A Markdown table that reads well as plain text too."""
+    lines = [heads] + [[cell(value) for value in row] for row in rows]
+    widths = [max(map(len, column)) for column in zip(*lines)]
+    lines.insert(1, ["-" * widths[0]] + ["-" * (width - 1) + ":" for width in widths[1:]])
+    text = "".join("| " + " | ".join(value.rjust(width) if number else value.ljust(width)
+                                     for number, (value, width) in enumerate(zip(line, widths))) + " |\n"
+                   for line in lines)
+    return f"{text}\n{note}\n"
+
+
+def plot(path, of_commands, of_peers, of_users):
+    import matplotlib  # pylint: disable=import-outside-toplevel
+    matplotlib.use("Agg")
+    from matplotlib import pyplot  # pylint: disable=import-outside-toplevel
+    figure, axes = pyplot.subplots(1, 3, figsize=(17, 5.5), layout="constrained")
+
+    names = [row[0] for row in reversed(of_commands)]
+    places = range(len(names))
+    axes[0].barh([place + 0.2 for place in places], [row[2] for row in reversed(of_commands)], 0.38, color="tab:blue",
+                 label="C, static")
+    axes[0].barh([place - 0.2 for place in places], [row[3] for row in reversed(of_commands)], 0.38, color="tab:orange",
+                 label="C++, linked as the program is")
+    for ratio, color in ((1.5, "tab:blue"), (1.15, "tab:orange")):
+        axes[0].axvline(ratio, color=color, linestyle=":")
+    axes[0].set_yticks(places, names)
+    axes[0].set_title("A command: times its floor's time (dotted: target)")
+    axes[0].legend()
+
+    names = [row[0] for row in reversed(of_peers)]
+    heads = [f"{word}, {name}" for word in GROUPS for name in SETTINGS]
+    for number, head in enumerate(heads):
+        axes[1].barh([place + 0.3 - 0.2 * number for place in range(len(names))],
+                     [row[2 + 2 * number] or 0 for row in reversed(of_peers)], 0.18, label=head)
+    axes[1].set_xscale("log")
+    axes[1].axvline(1, color="black", linestyle=":")
+    axes[1].set_yticks(range(len(names)), names)
+    axes[1].set_title("The same files otherwise: times the program's time")
+    axes[1].legend()
+
+    counts = [int(row[0].replace(",", "")) for row in of_users[1:]]
+    axes[2].semilogx(counts, [row[3] for row in of_users[1:]], "o-", label="domain_alias")
+    axes[2].semilogx(counts, [row[4] for row in of_users[1:]], "s--", label="floor: one walk, one write a line")
+    axes[2].set_ylim(bottom=0)
+    axes[2].set_xlabel("users")
+    axes[2].set_ylabel("nanoseconds a user")
+    axes[2].set_title("domain_alias")
+    axes[2].legend()
+    figure.savefig(path, dpi=100)
+
+
+def main():
+    stage, results = sys.argv[1:]
+    os.mkdir(WORK)
+    # All files in memory: the less a file system costs, the more of the time is the program's own.
+    for directory in ("/var/packages", "/usr/nubo"):
+        os.makedirs(directory, exist_ok=True)
+        run("mount", "-t", "tmpfs", "bench", directory, check=True)
+    lay_out(stage)
+    build("timed", "-static", BENCH + "/timed.c")
+    build("idle", "-static", BENCH + "/idle.c")
+    idle(PACKAGE + "/target/sbin/postmap", POSTALIAS, "/usr/nubo/sbin/nubopkghelper")
+    of_commands, of_peers, of_users = commands(), compare_peers(), domain_users()
+    text = "\n".join((
+        table(["command, settings", "ms (quartiles)", "/ C", "/ C++", "k instr.", "in main", "C++ k instr."], of_commands,
+              "/ C, / C++: the time as a multiple of the floor's: the same system calls from a static C program, and\n"
+              "from a C++ program linked to the same libraries. Instructions in user space, in thousands. Without the\n"
+              "work of postmap, postalias and nubopkghelper: programs that do nothing stand in for them, on all sides."),
+        table(["instead"] + [f"{word}, {name}" if number else "ms" for word in GROUPS for name in SETTINGS
+                             for number in range(2)], of_peers,
+              "ms, and as a multiple of the program's. For smtp, the peers write main.cf and master.cf alone and run\n"
+              "nothing; postconf -e writes main.cf alone. The program writes all files, and checks the settings."),
+        table(["users", "ms (quartiles)", "/ C", "ns a user", "C ns a user", "bytes a user", "peak MiB",
+               "ms with postalias"], of_users,
+              "/ C: a C program that walks the users once and writes each line. A user's share is what is above a run\n"
+              "without users.")))
+    print(text, end="")
+    with open(results + "/table.md", "w", encoding="utf-8") as file:
+        file.write(text)
+    plot(results + "/plot.png", of_commands, of_peers, of_users)
+
+
+if __name__ == "__main__":
+    main()
