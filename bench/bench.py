@@ -96,14 +96,12 @@ def floors(word):
     """Two programs with the system calls of the command: static C, and C++ linked as the program is."""
     statements = calls(PROGRAM, word)
     write(WORK + "/calls.h", statements)
-    link = read(BENCH + "/../build/release/CMakeFiles/nubo_set_config.dir/link.txt")
-    flags = re.findall(r" (-(?:Wl,|static|pie|no-pie)\S*)", link)
     libraries = re.findall(r"\(NEEDED\).*\[(.*)\]", run("readelf", "-d", PROGRAM, check=True).stdout)
     source = ("-I" + WORK, BENCH + "/floor.c")
     c = build("floor_c", "-static", *source)
     cxx = WORK + "/floor_cxx"
-    run("c++", "-O2", "-fPIE", "-x", "c++", *source, "-x", "none", *flags, "-Wl,--no-as-needed",
-        *("-l:" + library for library in libraries), "-Wl,--as-needed", "-o", cxx, check=True)
+    run("c++", "-O2", "-fPIE", "-x", "c++", *source, "-o", cxx, "-pie", "-Wl,-z,relro", "-Wl,-z,now",
+        "-Wl,--no-as-needed", *("-l:" + library for library in libraries), "-Wl,--as-needed", check=True)
     for floor in (c, cxx):
         if calls(floor) != statements:
             sys.exit(f"bench: {floor} makes other system calls than {word}")
@@ -138,17 +136,20 @@ def commands():
 
 # ---- What people use instead ----
 
-# A value's place in a template, and the file of values.
+def each(pattern):
+    """What writes a file of values, from the pattern for one of them."""
+    return lambda values: "".join(pattern % pair for pair in values.items())
+
+
+# What renders; the mark for a value in its templates; its file of values.
 ENGINES = {
-    "sed": ("/bin/sh", "sed.sh", "@{}@", lambda values: "".join(f"s|@{k}@|{v}|\n" for k, v in values.items())),
-    "envsubst": ("/bin/sh", "envsubst.sh", "${{{}}}",
-                 lambda values: "".join(f"export {k}='{v}'\n" for k, v in values.items())
-                 + "names='" + " ".join("$" + k for k in values) + "'\n"),
-    "m4": ("/bin/sh", "m4.sh", "{}_",
-           lambda values: "m4_changequote(<<,>>)m4_dnl\n"
-           + "".join(f"m4_define(<<{k}_>>, <<{v}>>)m4_dnl\n" for k, v in values.items())),
+    "sed": ("/bin/sh", "shell.sh sed", "@{}@", each("s|@%s@|%s|\n")),
+    "envsubst": ("/bin/sh", "shell.sh envsubst", "${{{}}}",
+                 lambda values: each("export %s='%s'\n")(values) + f"names='{'$' + ' $'.join(values)}'\n"),
+    "m4": ("/bin/sh", "shell.sh m4", "{}_",
+           lambda values: "m4_changequote(<<,>>)m4_dnl\n" + each("m4_define(<<%s_>>, <<%s>>)m4_dnl\n")(values)),
     "Perl, Text::Template": ("/usr/bin/perl", "template.pl", "[@ ${} @]",
-                             lambda values: "{" + "".join(f"{k} => '{v}',\n" for k, v in values.items()) + "}\n"),
+                             lambda values: "{" + each("%s => '%s',\n")(values) + "}\n"),
     "Python, Jinja2": ("/usr/bin/python3", "jinja.py", "{{{{ {} }}}}", json.dumps),
 }
 VALUE = re.compile(r"^([^#\n]* = )(.+)$|^(\d+)( inet .*)$", re.M)  # a line of a setting, or a port of master.cf
@@ -171,11 +172,11 @@ def peers(word):
     os.makedirs(directory + "/new", exist_ok=True)
     found = {}
     for engine, (interpreter, script, mark, values_file) in ENGINES.items():
-        templates, values = f"{WORK}/{word}/{script}", {}
+        templates, values = f"{WORK}/{word}/{engine}", {}
         for name, template in files.items():
             write(f"{templates}/{name}", with_marks(f"{directory}/{name}", template, mark, values))
         write(templates + "/values", values_file(values))
-        found[engine] = [interpreter, f"{BENCH}/peers/{script}", templates, directory, *files]
+        found[engine] = [interpreter, *f"{BENCH}/peers/{script}".split(), templates, directory, *files]
     if word == "smtp":
         pairs = re.findall(r"^(\w+) = (.*)$", generated(ETC + "/main.cf", "main"), re.M)
         found[POSTCONF] = ["/usr/sbin/postconf", "-c", ETC, "-e", *("=".join(pair) for pair in pairs)]
@@ -242,8 +243,8 @@ def domain_users():
         os.symlink("/usr/sbin/postalias", POSTALIAS)
         (with_map, _), = timed(3 if count > 10000 else 20, [own])
         idle(POSTALIAS)
-        rows.append([f"{count:,}", times, now[0] / now[1], *(figure and figure * 1e6 for figure in user[:2]),
-                     user[2] and user[2] * 1024, now[2] / 1024, statistics.median(with_map)])
+        rows.append([f"{count:,}", times, now[0] / now[1], user[0] and user[0] * 1e6, user[1] and user[1] * 1e6,
+                     user[2] and round(user[2] * 1024), now[2] / 1024, statistics.median(with_map)])
     return rows
 
 
@@ -273,39 +274,43 @@ def plot(path, of_commands, of_peers, of_users):
     import matplotlib  # pylint: disable=import-outside-toplevel
     matplotlib.use("Agg")
     from matplotlib import pyplot  # pylint: disable=import-outside-toplevel
-    figure, axes = pyplot.subplots(1, 3, figsize=(17, 5.5), layout="constrained")
+    figure, (left, middle, right) = pyplot.subplots(1, 3, figsize=(17, 6), layout="constrained")
 
-    names = [row[0] for row in reversed(of_commands)]
-    places = range(len(names))
-    axes[0].barh([place + 0.2 for place in places], [row[2] for row in reversed(of_commands)], 0.38, color="tab:blue",
-                 label="C, static")
-    axes[0].barh([place - 0.2 for place in places], [row[3] for row in reversed(of_commands)], 0.38, color="tab:orange",
-                 label="C++, linked as the program is")
-    for ratio, color in ((1.5, "tab:blue"), (1.15, "tab:orange")):
-        axes[0].axvline(ratio, color=color, linestyle=":")
-    axes[0].set_yticks(places, names)
-    axes[0].set_title("A command: times its floor's time (dotted: target)")
-    axes[0].legend()
+    def bars(axes, names, series, start):
+        """Horizontal bars, one group a name, from the top."""
+        height = 0.8 / len(series)
+        for number, (label, values) in enumerate(series.items()):
+            shown = [(place, value) for place, value in enumerate(values) if value]
+            drawn = axes.barh([place + (number - (len(series) - 1) / 2) * height for place, _ in shown],
+                              [value - start for _, value in shown], height * 0.9, left=start, label=label)
+            axes.bar_label(drawn, [f"{value:.2f}" for _, value in shown], padding=2, fontsize=8)
+        axes.set_yticks(range(len(names)), names)
+        axes.invert_yaxis()
+        axes.margins(x=0.1)
 
-    names = [row[0] for row in reversed(of_peers)]
-    heads = [f"{word}, {name}" for word in GROUPS for name in SETTINGS]
-    for number, head in enumerate(heads):
-        axes[1].barh([place + 0.3 - 0.2 * number for place in range(len(names))],
-                     [row[2 + 2 * number] or 0 for row in reversed(of_peers)], 0.18, label=head)
-    axes[1].set_xscale("log")
-    axes[1].axvline(1, color="black", linestyle=":")
-    axes[1].set_yticks(range(len(names)), names)
-    axes[1].set_title("The same files otherwise: times the program's time")
-    axes[1].legend()
+    bars(left, [row[0] for row in of_commands], {"static C": [row[2] for row in of_commands],
+                                                 "C++, same libraries": [row[3] for row in of_commands]}, 0)
+    for target, color in ((1.5, "tab:blue"), (1.15, "tab:orange")):
+        left.axvline(target, color=color, linestyle=":")
+    left.set_title("A command's time / its floor's\n(same system calls; dotted: target)")
+    left.legend(loc="lower center", ncols=2, bbox_to_anchor=(0.5, -0.13))
+
+    others = of_peers[1:]
+    bars(middle, [row[0] for row in others],
+         {f"{word}, {name}": [row[2 + 2 * (2 * i + j)] for row in others]
+          for i, word in enumerate(GROUPS) for j, name in enumerate(SETTINGS)}, 1)
+    middle.axvline(1, color="black")
+    middle.set_xscale("log")
+    middle.set_title("What people use instead: its time / the program's\n(the same bytes; for smtp two of its files)")
+    middle.legend(loc="lower center", ncols=2, bbox_to_anchor=(0.5, -0.16))
 
     counts = [int(row[0].replace(",", "")) for row in of_users[1:]]
-    axes[2].semilogx(counts, [row[3] for row in of_users[1:]], "o-", label="domain_alias")
-    axes[2].semilogx(counts, [row[4] for row in of_users[1:]], "s--", label="floor: one walk, one write a line")
-    axes[2].set_ylim(bottom=0)
-    axes[2].set_xlabel("users")
-    axes[2].set_ylabel("nanoseconds a user")
-    axes[2].set_title("domain_alias")
-    axes[2].legend()
+    right.semilogx(counts, [row[3] for row in of_users[1:]], "o-", label="domain_alias")
+    right.semilogx(counts, [row[4] for row in of_users[1:]], "s--", label="C: one walk, one write a line")
+    right.set_ylim(bottom=0)
+    right.set_xlabel("users of the domain")
+    right.set_title("domain_alias: nanoseconds a user")
+    right.legend(loc="lower right")
     figure.savefig(path, dpi=100)
 
 
@@ -321,19 +326,20 @@ def main():
     build("idle", "-static", BENCH + "/idle.c")
     idle(PACKAGE + "/target/sbin/postmap", POSTALIAS, "/usr/nubo/sbin/nubopkghelper")
     of_commands, of_peers, of_users = commands(), compare_peers(), domain_users()
+    heads = [head for word in GROUPS for name in SETTINGS for head in (f"{word}, {name}: ms", "ratio")]
     text = "\n".join((
-        table(["command, settings", "ms (quartiles)", "/ C", "/ C++", "k instr.", "in main", "C++ k instr."], of_commands,
-              "/ C, / C++: the time as a multiple of the floor's: the same system calls from a static C program, and\n"
-              "from a C++ program linked to the same libraries. Instructions in user space, in thousands. Without the\n"
-              "work of postmap, postalias and nubopkghelper: programs that do nothing stand in for them, on all sides."),
-        table(["instead"] + [f"{word}, {name}" if number else "ms" for word in GROUPS for name in SETTINGS
-                             for number in range(2)], of_peers,
-              "ms, and as a multiple of the program's. For smtp, the peers write main.cf and master.cf alone and run\n"
-              "nothing; postconf -e writes main.cf alone. The program writes all files, and checks the settings."),
-        table(["users", "ms (quartiles)", "/ C", "ns a user", "C ns a user", "bytes a user", "peak MiB",
+        table(["command, settings", "ms (quartiles)", "/ C", "/ C++", "k instr.", "in main", "C++: k instr."],
+              of_commands,
+              "/ C, / C++: as a multiple of the time of a static C program, and of a C++ program linked to the same\n"
+              "shared libraries, that make the same system calls. Instructions in user space, in thousands. postmap,\n"
+              "postalias and nubopkghelper are replaced by a program that does nothing, on all sides."),
+        table(["instead", *heads], of_peers,
+              "ratio: as a multiple of the program's time. For smtp the others write main.cf and master.cf alone, and\n"
+              "postconf -e main.cf alone; the program writes all its files, and checks the settings."),
+        table(["users", "ms (quartiles)", "/ C", "ns a user", "C: ns a user", "bytes a user", "peak MiB",
                "ms with postalias"], of_users,
-              "/ C: a C program that walks the users once and writes each line. A user's share is what is above a run\n"
-              "without users.")))
+              "/ C: as a multiple of the time of a C program that walks the users once and writes each line. A user's\n"
+              "share is what is above a run without users.")))
     print(text, end="")
     with open(results + "/table.md", "w", encoding="utf-8") as file:
         file.write(text)

@@ -1,6 +1,6 @@
 #define _GNU_SOURCE
-// The least that a command can cost: its own system calls and nothing between them. bench.py writes calls.h from
-// what strace(1) saw the command do. Valid as C and as C++.
+// The least that a command can cost: its own system calls and nothing between them. bench.py writes calls.h
+// from what strace(1) saw the command do. Valid as C and as C++.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -15,7 +15,7 @@ extern char** environ;
 static char block[8192];
 static struct stat status;
 
-// A call with another result than the command's own has met other files: the measurement would be worth nothing.
+// A call with another result than the command's own has met other files: its time would be worth nothing.
 static void same(long result, long wanted) {
   if (result != wanted) _exit(99);
 }

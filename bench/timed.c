@@ -1,8 +1,8 @@
 // timed ROUNDS PATH -- COMMAND... [-- COMMAND...]...
 //
-// Runs the commands in turn, in another order in each round, and prints for each round one line: for each command,
-// as they are given, its nanoseconds from start to end and its peak memory in KiB. PATH, unless it is "", gets a
-// modification time of an hour ago before each run.
+// Runs the commands in turn, in another order in each round, and prints one line a round: for each command,
+// as they are given, its nanoseconds from start to end and its peak memory in KiB. PATH, unless it is "",
+// gets a modification time of an hour ago before each run.
 #define _GNU_SOURCE
 #include <fcntl.h>
 #include <sched.h>

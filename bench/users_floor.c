@@ -1,4 +1,4 @@
-// The least that the table of a domain's users can cost: one walk over the user database, one write for each line.
+// The least that the table of a domain's users can cost: one walk over the user database, one write a line.
 #define _GNU_SOURCE
 #include <pwd.h>
 #include <spawn.h>
