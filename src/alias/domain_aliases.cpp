@@ -28,14 +28,15 @@ int ConfigGenerator::GenerateDomainAliases() {
 
   std::ofstream domainAliases(temp);
   if (!Written(domainAliases.good(), temp)) return -1;
+  std::string line;
   for (int i = 0; i < users.handle->count; ++i) {
     const char* name = users.handle->items[i];
     const char* backslash = std::strchr(name, '\\');
     // Without a bare name there is no key, and a line without one would spoil the table.
     if (backslash == nullptr || backslash[1] == '\0') continue;
     const char* user = backslash + 1;
-    domainAliases << user << " : ";
-    domainAliases.write(name, backslash - name) << "\\\\" << user << std::endl;
+    line.assign(user).append(" : ").append(name, backslash).append("\\\\").append(user);
+    domainAliases << line << std::endl;
     if (!Written(domainAliases.good(), temp)) return -1;
   }
   CloseStream(domainAliases);
