@@ -6,9 +6,27 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <utility>
 
 #include "common/files.h"
 #include "libbrindlecot/utf8.h"
+
+namespace {
+
+/// One for all files: it is expensive to make.
+Json::CharReader& Reader() {
+  static const std::unique_ptr<Json::CharReader> reader([] {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    builder["allowComments"] = true;
+    builder["collectComments"] = false;
+    builder["skipBom"] = false;
+    return builder.newCharReader();
+  }());
+  return *reader;
+}
+
+}  // namespace
 
 JsonFile::JsonFile(const char* path) : path_(path) {
   const ReadResult result = ReadFile(path, content_);
@@ -25,16 +43,10 @@ JsonFile::JsonFile(const char* path) : path_(path) {
 }
 
 void JsonFile::Parse() {
-  Json::CharReaderBuilder builder;
-  Json::CharReaderBuilder::strictMode(&builder.settings_);
-  builder["allowComments"] = true;
-  builder["collectComments"] = false;
-  builder["skipBom"] = false;
-  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
   std::string errors;
   try {
-    if (!reader->parse(content_.data(), content_.data() + content_.size(), &root, &errors)) {
+    if (!Reader().parse(content_.data(), content_.data() + content_.size(), &root, &errors)) {
       // Only the first error counts, the others follow from it. Its wording may quote the file.
       int line = 1;
       int column = 1;
@@ -63,7 +75,7 @@ void JsonFile::Expected(std::string_view key, std::string_view what) {
 
 Json::Value JsonFile::Take(const char* key, const Json::Value& otherwise) {
   Json::Value value;
-  return object_.removeMember(key, &value) ? value : otherwise;
+  return object_.removeMember(key, &value) ? std::move(value) : otherwise;
 }
 
 void JsonFile::RejectRest() {
