@@ -16,13 +16,17 @@ using Strings = std::vector<std::string>;
 
 const struct {
   std::string name;
-  const std::vector<SettingKey>& keys;
+  std::initializer_list<SettingKey> keys;
   Strings lists;  ///< keys that stand in no table
 } kFiles[] = {{"smtp", kSmtpKeys, {"additional_domains", "dnsbl"}},
               {"scanner", kScannerKeys, {}},
               {"imap_pop3", kImapPop3Keys, {}}};
 
 std::ifstream Open(const std::string& path) { return std::ifstream(CHECKOUT "/" + path); }
+
+Json::Value DefaultOf(const SettingKey& setting) {
+  return std::visit([](auto value) { return Json::Value(value); }, setting.defaultValue);
+}
 
 const char* TypeName(const Json::Value& value) {
   return value.isBool() ? "boolean" : value.isInt() ? "integer" : "string";
@@ -35,9 +39,9 @@ TEST(DocumentsTest, Schemas) {
     Json::Value& properties = schema["properties"];
     for (const SettingKey& setting : file.keys) {
       Json::Value expected;
-      expected["type"] = TypeName(setting.defaultValue);
-      expected["default"] = setting.defaultValue;
-      if (setting.defaultValue.isInt()) {
+      expected["default"] = DefaultOf(setting);
+      expected["type"] = TypeName(expected["default"]);
+      if (expected["default"].isInt()) {
         expected["minimum"] = setting.lowest;
         expected["maximum"] = setting.highest;
       }
@@ -60,11 +64,12 @@ TEST(DocumentsTest, ManualPage) {
   }
   for (const auto& file : kFiles) {
     for (const SettingKey& setting : file.keys) {
-      std::string line = file.name + ".json: .It Ic " + setting.key + " Pq " + TypeName(setting.defaultValue);
-      if (setting.defaultValue.isInt()) {
+      const Json::Value standard = DefaultOf(setting);
+      std::string line = file.name + ".json: .It Ic " + setting.key + " Pq " + TypeName(standard);
+      if (standard.isInt()) {
         line += ", " + std::to_string(setting.lowest) + " to " + std::to_string(setting.highest);
       }
-      const std::string value = setting.defaultValue.asString();
+      const std::string value = standard.asString();
       line += "; default " + (value.empty() ? "empty" : value);
       EXPECT_EQ(found.count(line), 1) << line;
       found.erase(line);

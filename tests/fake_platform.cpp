@@ -51,20 +51,9 @@ struct Scene {
 
 Scene::Scene() {
   // Defaults as the local platform has them.
-  const std::pair<const char*, const std::vector<SettingKey>*> groups[] = {
-      {"smtp", &kSmtpKeys}, {"scanner", &kScannerKeys}, {"imap_pop3", &kImapPop3Keys}};
-  for (const auto& [object, keys] : groups) {
-    for (const SettingKey& key : *keys) {
-      boost::any& value = settings[object][key.key];
-      if (key.defaultValue.isBool()) {
-        value = Value<bool>{key.defaultValue.asBool()};
-      } else if (key.defaultValue.isInt()) {
-        value = Value<int>{key.defaultValue.asInt()};
-      } else {
-        value = Value<std::string>{key.defaultValue.asString()};
-      }
-    }
-  }
+  for (const SettingKey& key : kSmtpKeys) settings["smtp"][key.key] = Default(key);
+  for (const SettingKey& key : kScannerKeys) settings["scanner"][key.key] = Default(key);
+  for (const SettingKey& key : kImapPop3Keys) settings["imap_pop3"][key.key] = Default(key);
   const char* text = std::getenv("NUBO_SCENE");
   std::istringstream lines(text == nullptr ? "" : text);
   for (std::string line; std::getline(lines, line);) {

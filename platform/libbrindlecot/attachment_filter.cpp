@@ -33,7 +33,9 @@ std::string Literal(const std::string& text) {
 
 int AttachmentFilter::GenerateConfig() {
   JsonFile file("/var/packages/Brindlecot/etc/settings/attachment_filter.json");
-  const auto extensions = file.Texts("deny_extensions", file.Take("deny_extensions", Json::arrayValue), 1);
+  Json::Value list(Json::arrayValue);
+  file.Take("deny_extensions", list);
+  const auto extensions = file.Texts("deny_extensions", list, 1);
   file.RejectRest();
   if (file.Result() != 0) {
     return -1;

@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <map>
 #include <memory>
-#include <utility>
 
 #include "common/files.h"
 #include "libbrindlecot/utf8.h"
@@ -73,10 +72,7 @@ void JsonFile::Expected(std::string_view key, std::string_view what) {
   faulty_ = true;
 }
 
-Json::Value JsonFile::Take(const char* key, const Json::Value& otherwise) {
-  Json::Value value;
-  return object_.removeMember(key, &value) ? std::move(value) : otherwise;
-}
+bool JsonFile::Take(const char* key, Json::Value& value) { return object_.removeMember(key, &value); }
 
 void JsonFile::RejectRest() {
   for (const std::string& key : object_.getMemberNames()) {
@@ -108,11 +104,11 @@ bool JsonFile::Bool(std::string_view key, const Json::Value& value) {
   return value.asBool();
 }
 
-// JsonCpp reads "-" and "01" as well, which are no JSON. A default has no text.
+// JsonCpp reads "-" and "01" as well, which are no JSON.
 bool JsonFile::IsPlain(const Json::Value& integer) const {
   const auto start = static_cast<std::size_t>(integer.getOffsetStart());
   const std::string text = content_.substr(start, static_cast<std::size_t>(integer.getOffsetLimit()) - start);
-  return text.empty() || text == "-0" || text == std::to_string(integer.asInt());
+  return text == "-0" || text == std::to_string(integer.asInt());
 }
 
 int JsonFile::Integer(std::string_view key, const Json::Value& value, int lowest, int highest) {

@@ -26,8 +26,8 @@ class JsonFile {
 
   const Json::Value& Object() const { return object_; }
 
-  /// Takes the value of `key` out of the object; `otherwise` when the object has none.
-  Json::Value Take(const char* key, const Json::Value& otherwise);
+  /// Takes the value of `key` out of the object. False, with `value` as it was, when the object has none.
+  bool Take(const char* key, Json::Value& value);
 
   /// Every key that was not taken is a fault.
   void RejectRest();

@@ -11,19 +11,24 @@ namespace {
 using Values = std::map<std::string, boost::any>;
 using PairList = std::list<std::pair<std::string, std::string>>;
 
+/// The value that the file has for `setting`, checked.
+boost::any Given(JsonFile& file, const SettingKey& setting, const Json::Value& value) {
+  if (std::holds_alternative<bool>(setting.defaultValue)) {
+    return Value<bool>{file.Bool(setting.key, value)};
+  }
+  if (std::holds_alternative<int>(setting.defaultValue)) {
+    return Value<int>{file.Integer(setting.key, value, setting.lowest, setting.highest)};
+  }
+  return Value<std::string>{file.Text(setting.key, value)};
+}
+
 /// Replaces `values` by what the file holds, or defaults. -1, with `values` as they were, when the file
 /// has a fault.
-int LoadValues(JsonFile& file, const std::vector<SettingKey>& keys, Values& values) {
+int LoadValues(JsonFile& file, std::initializer_list<SettingKey> keys, Values& values) {
   Values loaded;
   for (const SettingKey& setting : keys) {
-    const Json::Value value = file.Take(setting.key, setting.defaultValue);
-    if (setting.defaultValue.isBool()) {
-      loaded[setting.key] = Value<bool>{file.Bool(setting.key, value)};
-    } else if (setting.defaultValue.isInt()) {
-      loaded[setting.key] = Value<int>{file.Integer(setting.key, value, setting.lowest, setting.highest)};
-    } else {
-      loaded[setting.key] = Value<std::string>{file.Text(setting.key, value)};
-    }
+    Json::Value value;
+    loaded[setting.key] = file.Take(setting.key, value) ? Given(file, setting, value) : Default(setting);
   }
   file.RejectRest();
   if (file.Result() == 0) {
@@ -34,7 +39,8 @@ int LoadValues(JsonFile& file, const std::vector<SettingKey>& keys, Values& valu
 
 PairList TakeBlocklists(JsonFile& file) {
   const char* const key = "dnsbl";
-  const Json::Value lists = file.Take(key, Json::arrayValue);
+  Json::Value lists(Json::arrayValue);
+  file.Take(key, lists);
   PairList blocklists;
   if (!lists.isArray()) {
     file.Expected(key, "an array of objects");
@@ -64,7 +70,9 @@ boost::any& Config::Get(const std::string& key) { return values_[key]; }
 
 int Postfix::LoadSettings() {
   JsonFile file("/var/packages/Brindlecot/etc/settings/smtp.json");
-  const auto domains = file.Texts("additional_domains", file.Take("additional_domains", Json::arrayValue));
+  Json::Value list(Json::arrayValue);
+  file.Take("additional_domains", list);
+  const auto domains = file.Texts("additional_domains", list);
   PairList blocklists = TakeBlocklists(file);
   const int result = LoadValues(file, kSmtpKeys, values_);
   if (result == 0) {

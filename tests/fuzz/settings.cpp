@@ -15,7 +15,7 @@ void Try(const std::string& input) {
   const bool loaded = smtp.LoadSettings() >= 0;
   assert(loaded == RecordedLog().empty());
   assert(std::all_of(RecordedLog().begin(), RecordedLog().end(), IsPrintable));
-  for (const SettingKey& key : loaded ? kSmtpKeys : std::vector<SettingKey>{}) {
+  for (const SettingKey& key : loaded ? kSmtpKeys : std::initializer_list<SettingKey>{}) {
     const boost::any value = smtp.Get(key.key);
     const auto* number = boost::any_cast<Value<int>>(&value);
     const auto* text = boost::any_cast<Value<std::string>>(&value);
