@@ -6,6 +6,7 @@ Runs as root of a private machine only: private_root real_daemons.py STAGED-PACK
 import contextlib
 import imaplib
 import itertools
+import json
 import os
 import poplib
 import random
@@ -27,14 +28,13 @@ BASE = {"smtp_hostname": "mail.example.com", "additional_domains": ["two.example
 RELAYING = {"smtp_relay_server": "relay.example", "smtp_relay_server_port": 2525, "smtp_relay_account": "relayuser",
             "smtp_relay_password": "re:lay #p w", "smtp_relay_enabled": True, "smtp_relay_auth_enabled": True}
 WINDOWS = {"account_type": "win", "win_domain_short_name": "CORP"}
-# The keys of each settings file, with their defaults as the library's table writes them.
-KEYS = dict(zip(("smtp", "scanner", "imap_pop3"), [
-    dict(re.findall(r'{"(\w+)", ([^,}]+)', table))
-    for table in read(TOP + "/platform/libbrindlecot/setting_keys.cpp").split("std::vector<SettingKey>")[1:]]))
-DEFAULTS = {key: default for keys in KEYS.values() for key, default in keys.items()}
+# The keys of each settings file, with what its schema says of them.
+KEYS = {name: json.loads(read(f"{TOP}/data/schema/{name}.schema.json"))["properties"]
+        for name in ("smtp", "scanner", "imap_pop3")}
+ALL = {key: what for keys in KEYS.values() for key, what in keys.items()}
 SWITCHES = {
-    **{key: (False, True) for key, default in DEFAULTS.items() if default in ("false", "true")},
-    **{key: ("yes", "no", "disarm") for key in DEFAULTS if key.startswith("allow_")},
+    **{key: (False, True) for key, what in ALL.items() if what["type"] == "boolean"},
+    **{key: ("yes", "no", "disarm") for key in ALL if key.startswith("allow_")},
     "account_type": ("local", "ldap", "win"), "smtp_hostname": ("mail.example.com", ""), "message_limit": (10, 0, 2047),
     "always_bcc": ("", OURS), "additional_domains": ([], ["two.example"]), "dnsbl": ([], BLOCKLISTS),
     "spam_report_machanism": (0, 1, 2)}
@@ -51,7 +51,7 @@ def restart(name, *argv, port=None):
 def generate(switches):
     files = {"aliases": {"sales": ["alice"]}, "sender_quotas": {OURS: 7}, "smtp": {}, "scanner": {}, "imap_pop3": {}}
     for key, value in switches.items():
-        files[next((name for name, keys in KEYS.items() if key in keys), "smtp")][key] = value
+        files[next(name for name, keys in KEYS.items() if key in keys)][key] = value
     settings(**files)
     for word in COMMANDS:
         status, log = command(word)
