@@ -25,41 +25,32 @@ bool IsReadError(int error, bool anyUser) {
   return documented || (error != 0 && !anyUser);
 }
 
-/// Reads the database: counts its users in `count` and appends those whose names begin with `prefix` to
-/// `list`, unless that is null. 0, or an error number.
-int ReadUsers(ZELBCSzList* list, const std::string& prefix, std::size_t& count) {
-  count = 0;
+/// Appends the users whose names begin with `prefix`. 0, or an error number.
+int AppendUsers(ZELBCSzList& list, const std::string& prefix) {
+  const int first = list.count;
+  bool anyUser = false;
   errno = 0;
   setpwent();
   const int openError = errno;
   errno = 0;
   while (const passwd* user = getpwent()) {
-    ++count;
-    if (list != nullptr && strncasecmp(user->pw_name, prefix.c_str(), prefix.size()) == 0 &&
-        !AppendToList(*list, user->pw_name)) {
+    anyUser = true;
+    if (strncasecmp(user->pw_name, prefix.c_str(), prefix.size()) == 0 &&
+        !AppendToList(list, user->pw_name)) {
       return ENOMEM;
     }
     errno = 0;
   }
   const int readError = errno;
-  if (IsReadError(openError, count > 0)) {
+  if (IsReadError(openError, anyUser)) {
     return openError;
   }
-  return IsReadError(readError, count > 0) ? readError : 0;
-}
-
-/// Appends the users whose names begin with `prefix`. 0, or an error number.
-int AppendUsers(ZELBCSzList& list, const std::string& prefix) {
-  // When a source of the database fails half-way, getpwent(3) goes on to the next one and may end without
-  // an error. A second look shows that users were missing from the first.
-  std::size_t first = 0;
-  std::size_t second = 0;
-  const int error = ReadUsers(&list, prefix, first);
-  if (error != 0) {
-    return error;
+  if (IsReadError(readError, anyUser)) {
+    return readError;
   }
-  const int secondError = ReadUsers(nullptr, prefix, second);
-  return secondError == 0 && first != second ? EIO : secondError;
+  // When a source of the database goes away half-way, getpwent(3) goes on to the next one and may end without
+  // an error. Then none of its users can be looked up any more.
+  return list.count > first && getpwnam(list.items[first]) == nullptr ? EIO : 0;
 }
 
 }  // namespace
