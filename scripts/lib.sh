@@ -11,8 +11,9 @@ passed=0 failed=0 skipped=0
 
 build_packages=(g++ cmake make libboost-dev libjsoncpp-dev libgtest-dev python3 python3-jsonschema util-linux iproute2)
 check_packages=(clang-format clang-tidy clang libclang-rt-14-dev strace mandoc)
+# Where there is a gpg, SpamAssassin's installation needs its agent.
 mail_packages=(postfix postfix-ldap postfix-policyd-spf-perl libsasl2-modules dovecot-core dovecot-imapd
-  dovecot-pop3d opendkim opendmarc publicsuffix spamassassin memcached openssl)
+  dovecot-pop3d opendkim opendmarc publicsuffix gpg-agent spamassassin memcached openssl)
 network_packages=(slapd ldap-utils dnsmasq-base samba samba-ad-provision samba-dsdb-modules samba-vfs-modules
   samba-common-bin python3-samba winbind libnss-winbind libpam-winbind krb5-user)
 
