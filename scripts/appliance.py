@@ -27,7 +27,8 @@ message_id = ["0"]
 
 def run(*command, text=None, check=False):
     """Runs a program that ends by itself; its stdout and stderr are in the result."""
-    result = subprocess.run(command, input=text or "", capture_output=True, text=True, check=False)
+    result = subprocess.run(command, input=text or "", capture_output=True, text=True, errors="surrogateescape",
+                            check=False)
     if check and result.returncode:
         raise RuntimeError(f"{' '.join(command)}: exit {result.returncode}, {result.stderr}")
     return result

@@ -100,11 +100,45 @@ def previewed_is_applied():
     check("a table that only held its place is no change", "1 file would change" in shown, shown)
 
 
+def customised(text):
+    write(f"{BARE}{PACKAGE}/etc/customize/postfix/main.cf", text)
+
+
+def masked():
+    """What no pattern for text matches is masked too, and what postmap quotes."""
+    settings("smtp", '{"account_type": "ldap"}')
+    write(BARE + "/usr/nubo/etc/nslcd.conf", "uri ldap://ldap.example\nbase dc=example\nbinddn cn=mail\n")
+    write(BARE + "/usr/nubo/etc/ldap.secret", "one\udce9t-w-o\n", 0o600)
+    status, shown = inside("env", "LC_ALL=C.UTF-8", "nubo_config_preview", "smtp")
+    check("a secret that is no UTF-8 is masked", status == 1 and "+bind_pw=********\n" in shown and
+          "t-w-o" not in shown, shown)
+    os.unlink(BARE + "/usr/nubo/etc/nslcd.conf")
+    os.unlink(BARE + "/usr/nubo/etc/ldap.secret")
+    settings("smtp", SMTP.replace("relay.example", " relay.example"))
+    status, shown = preview("smtp")
+    check("postmap quotes no secret", "sasl_passwd: logical line" in shown and "s3c" not in shown, shown)
+
+
+def protected():
+    """A checker that writes wherever it can changes nothing."""
+    disk, lint = BARE + "/mnt/a disk", BARE + "/usr/bin/spamassassin"
+    os.mkdir(disk)
+    run("mount", "-t", "tmpfs", "tmpfs", disk, check=True)
+    os.rename(lint, lint + ".real")
+    write(lint, f"#!/bin/sh\ntouch '/mnt/a disk/x' /etc/x /var/x {PACKAGE}/etc/x {ETC}/x /tmp/x\n", 0o755)
+    before = tree(moments=True)
+    preview("mailscanner")
+    check("no file system can be written to", tree(moments=True) == before, tree().keys() - before.keys())
+    os.rename(lint + ".real", lint)
+    run("umount", disk, check=True)
+    os.rmdir(disk)
+
+
 def stumbling():
     """What the daemons would not accept, or mail would stumble over: preview ends with 2 and says it."""
     rows = (
         ("smtp", '{"enable_dmarc": true}', "smtp_hostname is empty"),
-        ("smtp", '{"smtp_relay_enabled": true}', "smtp_relay_server is empty"),
+        ("smtp", '{"smtp_relay_enabled": true, "smtp_relay_server": " "}', "smtp_relay_server is empty"),
         ("smtp", '{"reject_sasl_sender_rate_exceed": true}', "reject_sasl_sender_rate_exceed: this Postfix does not"),
         ("smtp", '{"account_type": "ldap"}', "ldap-aliases.cf is missing"),
         ("smtp", '{"smtp_port": 0}', "log: " + PACKAGE + "/etc/settings/smtp.json: smtp_port: expected an integer"),
@@ -118,6 +152,14 @@ def stumbling():
     status, shown = preview("smtp")
     check("a table that is not compiled", status == 2 and "access/client_access.db is missing" in shown, shown)
     os.rename(BARE + "/tmp/client_access.db", f"{BARE}{ETC}/access/client_access.db")
+    for text, said in (
+            ("smtpd_restriction_classes = a,b\na = b, reject_all_evil\nb = permit\n", "reject_all_evil: this"),
+            ("smtpd_helo_restrictions = check_policy_service { inet:[::1]:9, timeout = 9s }, reject_evil\n", "reject_evil: this"),
+            ("mail_owner = nobody_here\n", "unknown user name value: nobody_here")):
+        customised(text)
+        status, shown = preview("smtp")
+        check(said, (status, shown.count("this Postfix")) == (2, said.count("this")) and said in shown, shown)
+    os.unlink(f"{BARE}{PACKAGE}/etc/customize/postfix/main.cf")
     write(f"{BARE}{PACKAGE}/etc/customize/dovecot/10-mail.conf", "mail_locatoin = maildir:~/M\n")
     status, shown = preview("dovecot")
     check("a daemon's own checker refuses", status == 2 and "Unknown setting: mail_locatoin" in shown, shown)
@@ -152,6 +194,8 @@ def main(deb, tar):
     check("the words complete", inside("bash", "-c", "source /usr/share/bash-completion/completions/nubo_set_config;"
                                        "complete -p nubo_set_config nubo_config_preview")[0] == 0)
     previewed_is_applied()
+    masked()
+    protected()
     stumbling()
     # The administrator's files outlive an upgrade and a removal.
     write(f"{BARE}{ETC}/login_map", "alice@mail.example.com alice\n")
