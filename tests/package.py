@@ -186,6 +186,8 @@ def main(deb, tar):
     before = tree()
     status, shown = install(deb)
     check("it installs", status == 0, shown)
+    unsafe = [path for path in tree() if path.startswith(PACKAGE) and os.lstat(BARE + os.path.dirname(path)).st_uid]
+    check("nothing of the package is in a daemon's directory, who could replace it by a link", not unsafe, unsafe)
     status, shown = preview()
     check("the first run is previewed", status == 1 and "main.cf: new, 644 root:root" in shown, shown)
     for word in COMMANDS:
@@ -198,10 +200,14 @@ def main(deb, tar):
     protected()
     stumbling()
     # The administrator's files outlive an upgrade and a removal.
+    kept = ("main.cf.local", "spamassassin/init.pre", "spamassassin/mine.pre")
     write(f"{BARE}{ETC}/login_map", "alice@mail.example.com alice\n")
     write(f"{BARE}{PACKAGE}/etc/customize/postfix/main.cf", "biff = maybe\n")
+    for path in kept:
+        write(f"{BARE}{ETC}/{path}", "# mine\n")
+    write(f"{BARE}{ETC}/main.cfAbC123", "what a killed run leaves\n")
     mine = {path: value for path, value in tree().items() if os.path.isfile(BARE + path) and
-            (path.startswith(PACKAGE + "/etc/") or path == ETC + "/login_map")}
+            (path.startswith(PACKAGE + "/etc/") or path.removeprefix(ETC + "/") in ("login_map", *kept))}
     status, shown = install(newer(deb))
     check("it upgrades", status == 0, shown)
     check("the upgrade brings its template", "biff = yes" in read(f"{BARE}{ETC}/template/main.template"))
@@ -211,6 +217,7 @@ def main(deb, tar):
     conffiles = set(run("dpkg-deb", "-I", deb, "conffiles").stdout.split())
     check("removed, only the administrator's files are left", (status, left) == (0, set(mine) | conffiles),
           (shown, left ^ (set(mine) | conffiles)))
+    os.unlink(f"{BARE}{ETC}/main.cf.local")
     status, shown = inside("dpkg", "--purge", "nubo-set-config")
     left = tree()
     check("purged, nothing is left", (status, left) == (0, before), (shown, left.items() ^ before.items()))
