@@ -20,8 +20,10 @@ set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "postfix-ldap, libsasl2-modules, dovecot-ima
 opendmarc, publicsuffix, spamassassin, postfix-policyd-spf-perl")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "samba-common-bin, winbind, libnss-winbind, libpam-winbind, libpam-ldapd, memcached")
 
+get_property(conffiles GLOBAL PROPERTY CONFFILES)
+file(WRITE ${PROJECT_BINARY_DIR}/conffiles "${conffiles}")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-  ${PROJECT_SOURCE_DIR}/packaging/conffiles
+  ${PROJECT_BINARY_DIR}/conffiles
   ${PROJECT_SOURCE_DIR}/packaging/postinst
   ${PROJECT_SOURCE_DIR}/packaging/prerm
   ${PROJECT_SOURCE_DIR}/packaging/postrm)
