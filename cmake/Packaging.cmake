@@ -13,7 +13,8 @@ group of these files whole and replaces each in one step.
 nubo_config_preview shows beforehand what a run would change, and what the
 daemons would say of it.")
 
-# What it calls. The daemons that read the files are recommended: which of them run here is the administrator's choice.
+# What it calls; net(8), of samba-common-bin, only for a Windows domain's accounts. The daemons that read the files
+# are recommended: which of them run here is the administrator's choice.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "postfix, openssl, mount")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "postfix-ldap, libsasl2-modules, dovecot-imapd, dovecot-pop3d, opendkim, \
