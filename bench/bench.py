@@ -336,8 +336,8 @@ def main():
               "libraries, that make the same system calls. Instructions in user space, in thousands. In place of\n"
               "postmap, postalias and nubopkghelper runs a program that does nothing, on all sides."),
         table(["instead", *heads], of_peers,
-              "ratio: as a multiple of the program's time. All write the same files, but for postconf -e, which writes\n"
-              "main.cf alone. The program also checks the settings, and runs the programs of its command."),
+              "ratio: as a multiple of the program's time. All write the same files, but for postconf -e, which\n"
+              "writes main.cf alone. The program also checks the settings, and runs the programs of its command."),
         table(["users", "ms (quartiles)", "/ C", "ns a user", "C: ns a user", "bytes a user", "peak MiB",
                "ms with postalias"], of_users,
               "/ C: as a multiple of the time of a C program that walks the users once and writes each line. A user's\n"

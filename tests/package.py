@@ -154,7 +154,8 @@ def stumbling():
     os.rename(BARE + "/tmp/client_access.db", f"{BARE}{ETC}/access/client_access.db")
     for text, said in (
             ("smtpd_restriction_classes = a,b\na = b, reject_all_evil\nb = permit\n", "reject_all_evil: this"),
-            ("smtpd_helo_restrictions = check_policy_service { inet:[::1]:9, timeout = 9s }, reject_evil\n", "reject_evil: this"),
+            ("smtpd_helo_restrictions = check_policy_service { inet:[::1]:9, timeout = 9s }, reject_evil\n",
+             "reject_evil: this"),
             ("mail_owner = nobody_here\n", "unknown user name value: nobody_here")):
         customised(text)
         status, shown = preview("smtp")
