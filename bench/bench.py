@@ -10,7 +10,7 @@ import statistics
 import sys
 
 BENCH = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, BENCH + "/../scripts")
+sys.path.insert(0, BENCH + "/../lab")
 # pylint: disable=wrong-import-position
 from appliance import COMMANDS, ETC, PACKAGE, PROGRAM, generated, lay_out, read, run, settings, write  # noqa: E402
 from demo import COMPANY  # noqa: E402
@@ -167,7 +167,7 @@ def with_marks(path, template, mark, values):
     return read(path).removesuffix(lines) + VALUE.sub(marked, lines)
 
 
-def peers(word, files):
+def rivals(word, files):
     """Each peer's command for the files of the program's command, which are there."""
     found = {}
     for engine, (interpreter, script, mark, values_file) in ENGINES.items():
@@ -176,14 +176,14 @@ def peers(word, files):
             write(f"{templates}/{name}", with_marks(f"{ETC}/{name}", template, mark, values))
             os.makedirs(f"{ETC}/new/{os.path.dirname(name) or '.'}/files", exist_ok=True)
         write(templates + "/values", values_file(values))
-        found[engine] = [interpreter, *f"{BENCH}/peers/{script}".split(), templates, ETC, *files]
+        found[engine] = [interpreter, *f"{BENCH}/rivals/{script}".split(), templates, ETC, *files]
     if word == "smtp":
         pairs = re.findall(r"^(\w+) = (.*)$", generated(ETC + "/main.cf", "main"), re.M)
         found[POSTCONF] = ["/usr/sbin/postconf", "-c", ETC, "-e", *("=".join(pair) for pair in pairs)]
     return found
 
 
-def check_peers(found, files):
+def check_rivals(found, files):
     """Each peer has to bring the program's bytes back when other values stand there."""
     wanted = {name: read(f"{ETC}/{name}") for name in files}
     for engine, command in found.items():
@@ -197,7 +197,7 @@ def check_peers(found, files):
                 sys.exit(f"bench: {engine} writes another {name}")
 
 
-def compare_peers():
+def compare_rivals():
     """One row a peer: for each command with each settings, the time and its ratio to the program's."""
     rows = {engine: [engine] for engine in ("nubo_set_config", *ENGINES, POSTCONF)}
     for word in GROUPS:
@@ -206,8 +206,8 @@ def compare_peers():
             run("rm", "-rf", ETC + "/new", *(f"{ETC}/{name}" for name in GROUPS[word]), check=True)
             run(PROGRAM, word, check=True)
             files = {name: template for name, template in GROUPS[word].items() if os.path.exists(f"{ETC}/{name}")}
-            found = peers(word, files)
-            check_peers(found, files)
+            found = rivals(word, files)
+            check_rivals(found, files)
             # Postfix's programs wait for a main.cf that has just changed.
             measured = timed(100, [[PROGRAM, word], *found.values()], ETC + "/main.cf")
             times = dict(zip(("nubo_set_config", *found), (statistics.median(times) for times, _ in measured)))
@@ -271,7 +271,7 @@ def table(heads, rows, note):
     return f"{text}\n{note}\n"
 
 
-def plot(path, of_commands, of_peers, of_users):
+def plot(path, of_commands, of_rivals, of_users):
     import matplotlib  # pylint: disable=import-outside-toplevel
     matplotlib.use("Agg")
     from matplotlib import pyplot  # pylint: disable=import-outside-toplevel
@@ -296,7 +296,7 @@ def plot(path, of_commands, of_peers, of_users):
     left.set_title("A command's time / its floor's\n(same system calls; dotted: target)")
     left.legend(loc="lower center", ncols=2, bbox_to_anchor=(0.5, -0.13))
 
-    others = of_peers[1:]
+    others = of_rivals[1:]
     bars(middle, [row[0] for row in others],
          {f"{word}, {name}": [row[2 + 2 * (2 * i + j)] for row in others]
           for i, word in enumerate(GROUPS) for j, name in enumerate(SETTINGS)}, 1)
@@ -326,7 +326,7 @@ def main():
     build("timed", "-static", BENCH + "/timed.c")
     build("idle", "-static", BENCH + "/idle.c")
     idle(PACKAGE + "/target/sbin/postmap", POSTALIAS, "/usr/nubo/sbin/nubopkghelper")
-    of_commands, of_peers, of_users = commands(), compare_peers(), domain_users()
+    of_commands, of_rivals, of_users = commands(), compare_rivals(), domain_users()
     heads = [head for word in GROUPS for name in SETTINGS for head in (f"{word}, {name}: ms", "ratio")]
     text = "\n".join((
         table(["command, settings", "ms (quartiles)", "/ C", "/ C++", "k instr.", "in main", "C++: k instr."],
@@ -335,7 +335,7 @@ def main():
               "a multiple of the time of a static C program, and of a C++ program linked to the same shared\n"
               "libraries, that make the same system calls. Instructions in user space, in thousands. In place of\n"
               "postmap, postalias and nubopkghelper runs a program that does nothing, on all sides."),
-        table(["instead", *heads], of_peers,
+        table(["instead", *heads], of_rivals,
               "ratio: as a multiple of the program's time. All write the same files, but for postconf -e, which\n"
               "writes main.cf alone. The program also checks the settings, and runs the programs of its command."),
         table(["users", "ms (quartiles)", "/ C", "ns a user", "C: ns a user", "bytes a user", "peak MiB",
@@ -345,7 +345,7 @@ def main():
     print(text, end="")
     with open(results + "/table.md", "w", encoding="utf-8") as file:
         file.write(text)
-    plot(results + "/plot.png", of_commands, of_peers, of_users)
+    plot(results + "/plot.png", of_commands, of_rivals, of_users)
 
 
 if __name__ == "__main__":

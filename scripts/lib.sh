@@ -68,9 +68,9 @@ stage() {
   DESTDIR=$scratch/stage cmake --install "$top/build/release"
 }
 
-# private_root COMMAND...: the command on a private machine, see scripts/private_root.
+# private_root COMMAND...: the command on a private machine, see lab/private_root.
 private_root() {
-  "$top/scripts/private_root" "$top" "$@"
+  "$top/lab/private_root" "$top" "$@"
 }
 
 # suite NAME COMMAND...: a command that closes with 'N passed, N failed[, N skipped]' adds these figures,

@@ -274,7 +274,7 @@ def work(program, library, part):
 
 def main(program, library):
     top = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-    argv = [top + "/scripts/private_root", top, sys.executable, *map(os.path.abspath, sys.argv)]
+    argv = [top + "/lab/private_root", top, sys.executable, *map(os.path.abspath, sys.argv)]
     workers = [subprocess.Popen([*argv, part], stdout=subprocess.PIPE, text=True) for part in "01"]
     table = collections.defaultdict(lambda: [0, 0])
     for name, fault, wrong in (json.loads(line) for worker in workers for line in worker.stdout):

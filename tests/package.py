@@ -9,7 +9,7 @@ import shutil
 import stat
 import sys
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../scripts")
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../lab")
 from appliance import COMMANDS, ETC, PACKAGE, read, run, write
 
 BARE = "/run/bare"

@@ -16,7 +16,7 @@ import socket
 import sys
 
 TOP = os.path.dirname(os.path.abspath(__file__)) + "/.."
-sys.path.insert(0, TOP + "/scripts")
+sys.path.insert(0, TOP + "/lab")
 from appliance import (COMMANDS, DOVECOT, ETC, HERE, PACKAGE, answers, command, complaints, daemon, lay_out, mail_log,
                        mailbox, message, read, run, send, settings, trusting, wait_for, write)
 from peers import Relay, directory, domain, name_server, relay_host

@@ -15,7 +15,7 @@
 #     expect
 #     (the transcript; $E is the package's target/etc, $P the package, XXXXXX a temporary name's suffix)
 #
-# Runs on a private machine only (scripts/private_root). What differs is printed as a patch: once reviewed, it can
+# Runs on a private machine only (lab/private_root). What differs is printed as a patch: once reviewed, it can
 # be applied to the cases with `patch -p1`.
 import difflib
 import os
@@ -24,7 +24,7 @@ import shutil
 import subprocess
 import sys
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../scripts")
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../lab")
 from appliance import ETC, PACKAGE, POSTMAP, listen, read, write
 
 NAMES = ("main.cf|master.cf|header_checks|opendkim.conf|KeyTable|SigningTable|TrustedHosts|opendmarc.conf|"

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # schemas_test.py PROGRAM SCHEMAS: the JSON Schemas and the program refuse the same values, key by key. Left out
 # is what no schema can say: 25.0 is no integer, a string is UTF-8, names differ in more than case. Runs on a
-# private machine only (scripts/private_root).
+# private machine only (lab/private_root).
 import json
 import os
 import re
@@ -10,7 +10,7 @@ import sys
 
 import jsonschema
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../scripts")
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../lab")
 from appliance import PACKAGE, listen, read, write
 
 READERS = {"smtp": "alias", "scanner": "alias", "imap_pop3": "alias", "aliases": "alias",

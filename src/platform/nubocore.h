@@ -18,7 +18,7 @@ struct ZELBCSzList {
 };
 
 // Key/value files. One pair a line, `key = value`; `#` begins a comment line; a line that begins with
-// a blank or a tab continues the value above it. platform/README.md gives the format in full.
+// a blank or a tab continues the value above it. local_platform/README.md gives the format in full.
 
 /// Non-zero when anything stands at `path`, zero when nothing does.
 int ZELBCFileExist(const char* path);

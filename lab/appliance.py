@@ -1,4 +1,4 @@
-"""A mail appliance on a private machine (scripts/private_root): its settings, its commands, its daemons."""
+"""A mail appliance on a private machine (lab/private_root): its settings, its commands, its daemons."""
 
 import contextlib
 import functools
