@@ -1,0 +1,61 @@
+#include "preview/mail_questions.h"
+#include "preview/program.h"
+
+namespace {
+
+struct Service {
+  const char* name;
+  const char* protocol;
+  const char* command;
+  const char* port;  // that nobody listens on while the service is off
+};
+
+void AskService(Observations& seen, const Service& service, const std::string& port,
+                const std::string& address, bool startTls) {
+  const std::string what = std::string("Dovecot, ") + service.name;
+  const auto nobody = [&](const std::string& place) {
+    const Answer answer = Hold({service.name + ("://" + place), service.command});
+    seen.push_back(
+        {what + " at " + place, answer.refused, answer.refused ? "off" : "off, but: " + answer.said});
+  };
+  if (port == "0") {
+    nobody(std::string("127.0.0.1:") + service.port);
+    return;
+  }
+  const std::vector<std::string> addresses = Words(address);
+  const bool here = addresses.empty() || Has(addresses, "*") || Has(addresses, "localhost");
+  const std::string place = (here ? "127.0.0.1" : addresses[0]) + ":" + port;
+  Ask(seen, what,
+      {service.name + ("://" + place), service.command, startTls && std::string(service.name).back() != 's'});
+  const std::string own = OwnAddress();
+  if (address == "localhost" && !own.empty()) nobody(own + ":" + port);
+}
+
+}  // namespace
+
+void CheckDovecot(Observations& seen) {
+  constexpr Service kServices[] = {{"imap", "imap", "NOOP", "143"},
+                                   {"imaps", "imap", "NOOP", "993"},
+                                   {"pop3", "pop3", "CAPA", "110"},
+                                   {"pop3s", "pop3", "CAPA", "995"}};
+  std::vector<std::string> command = {"doveconf", "-c", std::string(kEtc) + "/dovecot/dovecot.conf", "ssl",
+                                      "protocols"};
+  const auto place = [](const Service& service) {
+    return std::string("service/") + service.protocol + "-login/inet_listener/" + service.name;
+  };
+  for (const Service& service : kServices) {
+    command.push_back(place(service) + "/port");
+    command.push_back(place(service) + "/address");
+  }
+  const Ended asked = RunProgram(command);
+  if (asked.status != 0) {
+    seen.push_back({"Dovecot's configuration", false, asked.errors});
+    return;
+  }
+  Values values = ValuesOf(asked.output);
+  for (const Service& service : kServices) {
+    const bool on = Has(Words(values["protocols"]), service.protocol);
+    AskService(seen, service, on ? values[place(service) + "/port"] : "0",
+               values[place(service) + "/address"], values["ssl"] != "no");
+  }
+}

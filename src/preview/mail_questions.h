@@ -1,0 +1,30 @@
+/// What the checks of Postfix and of Dovecot share.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "preview/mail_check.h"
+#include "preview/mail_dialogue.h"
+
+constexpr const char* kEtc = "/var/packages/Brindlecot/target/etc";
+
+using Observations = std::vector<MailObservation>;
+using Values = std::map<std::string, std::string>;
+
+/// The `name = value` lines that postconf(1) and doveconf(1) print.
+Values ValuesOf(const std::string& text);
+
+bool Has(const std::vector<std::string>& words, const std::string& word);
+
+/// Holds the dialogue three times, or up to the first that fails, and adds what was seen: after a reload that
+/// went wrong, an old process may share a port with a new one and take some of the connections. Whether all
+/// of them went well.
+bool Ask(Observations& seen, const std::string& what, const Dialogue& dialogue);
+
+/// The first IPv4 address of this machine that other machines could use; empty when it has none.
+std::string OwnAddress();
+
+void CheckPostfix(Observations& seen, const MailCheck& check);
+void CheckDovecot(Observations& seen);

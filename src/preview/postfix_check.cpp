@@ -1,0 +1,206 @@
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "preview/mail_questions.h"
+#include "preview/program.h"
+
+namespace {
+
+constexpr std::chrono::seconds kDelivery(15);
+constexpr std::chrono::seconds kAfterFault(3);  // a fatal error may be another's
+
+bool Holds(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// ---- Listeners ------------------------------------------------------------------------------
+
+struct Listener {
+  std::string name;  // as in master.cf
+  std::string host;
+  std::string port;
+  bool wrapped;   // TLS from the first byte
+  bool startTls;  // to be offered
+  bool open;      // takes mail from people who have not logged in
+};
+
+// A service that listens on a port: `line` as `postconf -M` prints it.
+Listener ListenerOf(const std::string& line, const std::string& name, const Values& main) {
+  const auto value = [&](const std::string& parameter) {
+    std::smatch match;
+    const std::regex option(" -o \\{? ?" + parameter + " ?= ?([^ }]*)");
+    return std::regex_search(line, match, option) ? match[1].str() : main.at(parameter);
+  };
+  const size_t colon = name.rfind(':');
+  std::string host = colon == std::string::npos ? "" : name.substr(0, colon);
+  std::string port = colon == std::string::npos ? name : name.substr(colon + 1);
+  if (const servent* service = getservbyname(port.c_str(), "tcp")) {
+    port = std::to_string(ntohs(static_cast<std::uint16_t>(service->s_port)));
+  }
+  const std::vector<std::string> interfaces = Words(value("inet_interfaces"));
+  if (host.empty() && !Has(interfaces, "all") && !Has(interfaces, "loopback-only") && !interfaces.empty()) {
+    host = interfaces[0];
+  }
+  if (host.empty()) host = value("inet_protocols") == "ipv6" ? "::1" : "127.0.0.1";
+  if (Holds(host, ":") && host[0] != '[') host = "[" + host + "]";
+  const std::string level = value("smtpd_tls_security_level");
+  const bool wrapped = value("smtpd_tls_wrappermode") == "yes";
+  return {name,
+          host,
+          port,
+          wrapped,
+          level == "may" || level == "encrypt" || value("smtpd_use_tls") == "yes",
+          !wrapped && level != "encrypt" && !Has(Words(value("smtpd_client_restrictions")), "reject")};
+}
+
+// Whether it speaks SMTP at all.
+bool AskListener(Observations& seen, const Listener& listener) {
+  const std::string what = "Postfix, port " + listener.name;
+  const std::string place = listener.host + ":" + listener.port + "/localhost";
+  if (listener.wrapped) return Ask(seen, what + ", TLS", {"smtps://" + place, "NOOP"});
+  if (!Ask(seen, what, {"smtp://" + place, "NOOP"})) return false;
+  if (listener.startTls) Ask(seen, what + ", STARTTLS", {"smtp://" + place, "NOOP", true});
+  return true;
+}
+
+// Whether the IPv4 address is in one of the networks, which are written as in mynetworks (postconf(5)).
+// Tables are not looked into.
+bool IsIn(const std::string& address, const std::vector<std::string>& networks) {
+  in_addr wanted = {};
+  inet_pton(AF_INET, address.c_str(), &wanted);
+  return std::any_of(networks.begin(), networks.end(), [&](const std::string& network) {
+    const size_t slash = network.find('/');
+    in_addr base = {};
+    if (inet_pton(AF_INET, network.substr(0, slash).c_str(), &base) != 1) return false;
+    const int bits = slash == std::string::npos ? 32 : std::atoi(network.c_str() + slash + 1);
+    const std::uint64_t differing = ntohl(wanted.s_addr ^ base.s_addr);
+    return differing >> (32 - std::clamp(bits, 0, 32)) == 0;
+  });
+}
+
+// Whether a refusal to take mail is a fault here, and none of a name or a directory that cannot be asked.
+bool IsFault(const std::string& refusal, bool isolated) {
+  if (std::regex_search(refusal, std::regex("^451 4\\.(3\\.5|7\\.1)|queue file write error"))) return true;
+  return isolated ? refusal[0] == '5' : refusal.rfind("450", 0) != 0;
+}
+
+void AskAsStranger(Observations& seen, const Listener& listener, const Values& main, bool isolated) {
+  const std::vector<std::string> trusted = Words(main.at("mynetworks"));
+  const std::vector<std::string> interfaces = Words(main.at("inet_interfaces"));
+  const std::string own = OwnAddress();
+  Dialogue dialogue = {"smtp://127.0.0.1", nullptr, false, "postmaster@" + main.at("myhostname"),
+                       "127.0.0.2"};
+  if (!own.empty() && !IsIn(own, trusted) && (Has(interfaces, "all") || Has(interfaces, own))) {
+    dialogue.url = "smtp://" + own;
+    dialogue.from = own;
+  } else if (IsIn("127.0.0.2", trusted) || listener.host != "127.0.0.1") {
+    return;
+  }
+  // Named by its address (RFC 5321, section 4.1.3), so that no check of names can meet it.
+  dialogue.url += ":" + listener.port + "/%5B" + dialogue.from + "%5D";
+  Answer answer = Hold(dialogue);
+  seen.push_back(
+      {"a stranger's mail to postmaster", answer.good || !IsFault(answer.said, isolated), answer.said});
+  dialogue.to = "postmaster@elsewhere.invalid";  // nobody's domain: RFC 6761, section 6.4
+  answer = Hold(dialogue);
+  seen.push_back({"no mail of a stranger to other domains", !answer.good, answer.said});
+}
+
+// ---- A message ------------------------------------------------------------------------------
+
+// Reads in the log what became of the message. False while that is open; `seen` then says how far it came.
+bool HasEnded(MailObservation& seen, const std::string& log, std::streamoff begin,
+              const std::string& messageId, bool waitingIsGood) {
+  std::ifstream file(log);
+  file.seekg(begin);
+  std::vector<std::string> lines;
+  std::string queueId;
+  for (std::string line; std::getline(file, line);) {
+    const size_t end = line.find(": message-id=" + messageId);
+    if (end != std::string::npos) queueId = line.substr(0, end).substr(line.rfind(' ', end) + 1);
+    lines.push_back(line);
+  }
+  seen.detail = queueId.empty() ? "it is not taken into the queue" : "it waits in the queue";
+  for (const std::string& line : lines) {
+    std::smatch match;
+    if (std::regex_search(line, match, std::regex("(fatal|milter-reject): .*"))) {
+      seen.detail = match[0];
+    } else if (queueId.empty() || !Holds(line, ' ' + queueId + ": ")) {
+      continue;
+    } else if (Holds(line, ": hold: ") || Holds(line, ": removed")) {
+      seen.good = true;
+      if (Holds(line, ": hold: ")) seen.detail = "held, for scanning";
+      return true;
+    } else if (std::regex_search(line, match, std::regex("status=(sent|deferred|bounced|expired) .*"))) {
+      seen.detail = match[0];
+      seen.good = match[1] == "deferred" && waitingIsGood;
+      if (match[1] != "sent") return true;
+    }
+  }
+  return false;
+}
+
+void SendMessage(Observations& seen, const MailCheck& check, const Values& main) {
+  const std::string& log = main.at("maillog_file");
+  const std::streamoff begin = std::ifstream(log, std::ios::ate).tellg();
+  const std::string id = "<" + std::to_string(std::chrono::system_clock::now().time_since_epoch().count()) +
+                         "." + std::to_string(getpid()) + "@" + main.at("myhostname") + ">";
+  const Ended handedIn =
+      RunProgram({"sendmail", "-C", kEtc, "-i", "-f", "postmaster", "postmaster"},
+                 "From: postmaster\nTo: postmaster\nSubject: " + check.subject + "\nMessage-ID: " + id +
+                     "\nAuto-Submitted: auto-generated\n\n" + check.text);
+  MailObservation message = {"a message from this machine", false, handedIn.errors};
+  if (handedIn.status == 0 && log.empty()) {
+    message.good = true;
+    message.detail = "handed in, and not followed, since maillog_file is empty";
+  } else if (handedIn.status == 0) {
+    const bool waitingIsGood = check.isolated && Holds(main.at("alias_maps"), "ldap:");
+    const auto start = std::chrono::steady_clock::now();
+    std::chrono::seconds patience = kDelivery;
+    while (!HasEnded(message, log, std::max<std::streamoff>(begin, 0), id, waitingIsGood) &&
+           std::chrono::steady_clock::now() < start + patience) {
+      if (Holds(message.detail, ": ")) patience = kAfterFault;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  }
+  seen.push_back(message);
+}
+
+}  // namespace
+
+void CheckPostfix(Observations& seen, const MailCheck& check) {
+  const Ended parameters =
+      RunProgram({"postconf", "-c", kEtc, "-x", "alias_maps", "inet_interfaces", "inet_protocols",
+                  "mynetworks", "myhostname", "maillog_file", "smtpd_client_restrictions",
+                  "smtpd_tls_security_level", "smtpd_tls_wrappermode", "smtpd_use_tls"});
+  const Ended services = RunProgram({"postconf", "-c", kEtc, "-M"});
+  const Values main = ValuesOf(parameters.output);
+  if (parameters.status != 0 || services.status != 0) {
+    seen.push_back({"Postfix's configuration", false, parameters.errors + services.errors});
+    return;
+  }
+  bool answers = false;
+  bool asked = false;
+  std::istringstream lines(services.output);
+  for (std::string line; std::getline(lines, line);) {
+    const std::vector<std::string> words = Words(line);
+    if (words.size() < 8 || words[1] != "inet" || (words[7] != "smtpd" && words[7] != "postscreen")) continue;
+    const Listener listener = ListenerOf(line, words[0], main);
+    if (!AskListener(seen, listener)) continue;
+    answers = true;
+    if (listener.open && !asked) AskAsStranger(seen, listener, main, check.isolated);
+    asked = asked || listener.open;
+  }
+  if (answers) {
+    SendMessage(seen, check, main);
+  } else {
+    seen.push_back({"a message from this machine", false, "no listener answers"});
+  }
+}
