@@ -1,51 +1,11 @@
 /// nubo_set_config: regenerates the group of configuration files that its one argument names.
 
 #include <fcntl.h>
-#include <syslog.h>
 #include <unistd.h>
 
-#include <exception>
-#include <iostream>
-#include <string_view>
-#include <tuple>
-
-#include "core/config_generator.h"
+#include "main/commands.h"
 
 namespace {
-
-struct Command {
-  std::string_view word;
-  int (*run)(ConfigGenerator& generator);
-};
-
-constexpr Command kCommands[] = {
-    {"smtp",
-     [](ConfigGenerator& generator) {
-       std::ignore = generator.GenerateMainCf();
-       std::ignore = generator.GenerateMasterCf();
-       return 0;
-     }},
-    {"dovecot", [](ConfigGenerator& generator) { return generator.GenerateDovecotConfig(); }},
-    {"mailscanner", [](ConfigGenerator& generator) { return generator.GenerateMailScannerConfig(); }},
-    {"alias", [](ConfigGenerator& generator) { return generator.GenerateAliases(); }},
-    {"domain_alias", [](ConfigGenerator& generator) { return generator.GenerateDomainAliases(); }},
-    {"sender_quota_map", [](ConfigGenerator&) { return SenderQuota::GenerateConfig(); }},
-};
-
-int Usage() {
-  std::cout << "nubo_set_config {smtp|dovecot|mailscanner|alias|domain_alias|sender_quota_map}" << std::endl;
-  return -1;
-}
-
-int Run(int argc, char* argv[]) {
-  ConfigGenerator generator;
-  if (argc != 2) return Usage();
-  if (generator.LoadAllSettings() < 0) return -1;
-  for (const Command& command : kCommands) {
-    if (argv[1] == command.word) return command.run(generator);
-  }
-  return Usage();
-}
 
 // A caller may have closed the standard descriptors. A file opened in the place of one would be written
 // to by whatever prints there.
@@ -59,12 +19,5 @@ void KeepStandardDescriptors() {
 
 int main(int argc, char* argv[]) {
   KeepStandardDescriptors();
-  try {
-    return Run(argc, argv);
-  } catch (const boost::bad_any_cast&) {
-    return -1;  // logged by the read, which knows the key
-  } catch (const std::exception& error) {
-    syslog(LOG_ERR, "%s:%d run ended: %s", kLogSource, 57, error.what());
-    return -1;
-  }
+  return RunCommand(argc, argv);
 }

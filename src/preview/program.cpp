@@ -1,21 +1,20 @@
 #include "preview/program.h"
 
-#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <iostream>
 
 namespace {
 
-int MemoryFile() { return memfd_create("nubo", MFD_CLOEXEC); }
-
-std::string Content(int file) {
+std::string ContentOf(int file) {
   std::string text;
   char part[4096];
-  // By position: the program, and what it left behind, share the descriptor's own.
+  // By position: the program and what it left behind share the descriptor's own.
   for (ssize_t count; (count = pread(file, part, sizeof part, static_cast<off_t>(text.size()))) > 0;) {
     text.append(part, static_cast<size_t>(count));
   }
@@ -24,42 +23,47 @@ std::string Content(int file) {
 
 }  // namespace
 
-Program::Program(const std::vector<std::string>& command, const std::string& input)
-    : output_(MemoryFile()), errors_(MemoryFile()) {
+Program::Program(const std::vector<std::string>& command, const std::string& input) {
   std::vector<char*> arguments;
-  arguments.reserve(command.size() + 1);
   for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
   arguments.push_back(nullptr);
+  Start(
+      [&] {
+        close_range(STDERR_FILENO + 1, ~0U, 0);
+        execvp(arguments[0], arguments.data());
+        std::cerr << arguments[0] << ": " << std::strerror(errno) << std::endl;
+        return kNotRun;
+      },
+      input);
+}
 
-  const int from = MemoryFile();
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, from, STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, output_, STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, errors_, STDERR_FILENO);
-  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-  int error = ENOMEM;
-  if (output_ >= 0 && errors_ >= 0 &&
-      pwrite(from, input.data(), input.size(), 0) == static_cast<ssize_t>(input.size())) {
-    error = posix_spawnp(&child_, arguments[0], &actions, nullptr, arguments.data(), environ);
-  }
-  posix_spawn_file_actions_destroy(&actions);
-  if (from >= 0) close(from);
-  if (error != 0) notRun_ = command[0] + ": " + std::strerror(error) + "\n";
+Program::Program(const std::function<int()>& work) { Start(work, ""); }
+
+void Program::Start(const std::function<int()>& work, const std::string& input) {
+  for (int& file : files_) file = memfd_create("text", MFD_CLOEXEC);
+  if (files_[2] < 0 || write(files_[0], input.data(), input.size()) != static_cast<ssize_t>(input.size()))
+    return;
+  lseek(files_[0], 0, SEEK_SET);
+  child_ = fork();
+  if (child_ != 0) return;
+  for (const int file : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(files_[file], file);
+  const int status = work();
+  std::cout.flush();
+  _exit(status);
 }
 
 Program::~Program() {
-  if (output_ >= 0) close(output_);
-  if (errors_ >= 0) close(errors_);
+  for (const int file : files_) close(file);
 }
 
 Ended Program::Wait() {
-  if (!notRun_.empty()) return {127, "", notRun_};
   int status = 0;
-  while (waitpid(child_, &status, 0) < 0 && errno == EINTR) {
-  }
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), Content(output_),
-          Content(errors_)};
+  pid_t ended = 0;
+  do ended = waitpid(child_, &status, 0);
+  while (ended < 0 && errno == EINTR);
+  if (child_ < 0 || ended < 0) return {kNotRun, "", "cannot be run"};
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ContentOf(files_[1]),
+          ContentOf(files_[2])};
 }
 
 Ended RunProgram(const std::vector<std::string>& command, const std::string& input) {

@@ -3,23 +3,30 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
-/// How a program ended: its exit status (127 when it could not be run, 128 and the number of the signal that
-/// ended it), and what it printed on its standard output and on its standard error.
+/// How a program ended.
 struct Ended {
-  int status;
-  std::string output;
-  std::string errors;
+  int status;  ///< its exit status; kNotRun when it could not be run, 128 and the number of a signal that
+               ///< ended it
+  std::string output;  ///< what it printed on its standard output
+  std::string errors;  ///< what it printed on its standard error
 };
+inline constexpr int kNotRun = 127;  ///< as in a shell
 
-/// A program that runs beside this one. It is looked for in PATH, as execvp(3) does, and gets `input` as its
-/// standard input; only the three standard descriptors are passed on. A daemon that it leaves behind delays
-/// nothing, since what is printed goes into memory (memfd_create(2)) and not through a pipe.
+/// A running program. What it prints goes into memory (memfd_create(2)) and not through a pipe, so that a
+/// daemon that it leaves behind does not delay the result.
 class Program {
  public:
+  /// Starts a program, looked for in PATH as execvp(3) does, with `input` as its standard input. Only the
+  /// three standard descriptors are passed on.
   explicit Program(const std::vector<std::string>& command, const std::string& input = "");
+
+  /// Runs `work` in a process of its own, which exits with its result.
+  explicit Program(const std::function<int()>& work);
+
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
   ~Program();
@@ -28,13 +35,14 @@ class Program {
   Ended Wait();
 
  private:
-  pid_t child_ = 0;
-  int output_;
-  int errors_;
-  std::string notRun_;  // why there is no child
+  void Start(const std::function<int()>& work, const std::string& input);
+
+  int files_[3];  ///< what it reads, and what it writes
+  pid_t child_ = -1;
+  std::string failure_;  ///< why it could not be run
 };
 
-/// Runs a program to its end.
+/// Runs a program and waits for its end.
 Ended RunProgram(const std::vector<std::string>& command, const std::string& input = "");
 
 /// The words of a text, which blanks, tabs, newlines and commas divide.

@@ -1,0 +1,102 @@
+#include "preview/differences.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+
+#include "preview/program.h"
+#include "preview/sandbox.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kPostmap = "/var/packages/Brindlecot/target/sbin/postmap";
+constexpr const char* kKeptPamConfig = "/usr/nubo/etc/pam-config/Brindlecot.json";
+
+std::string Read(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// The text of a file; of a compiled table its entries, but for the time of its compilation.
+std::string TextOf(const fs::path& path) {
+  if (path.extension() != ".db" || !fs::exists(path)) return Read(path);
+  std::istringstream entries(
+      RunProgram({kPostmap, "-s", "hash:" + fs::path(path).replace_extension().string()}).output);
+  std::set<std::string> sorted;
+  for (std::string entry; std::getline(entries, entry);) {
+    if (entry.rfind("YP_LAST_MODIFIED", 0) != 0) sorted.insert(entry + "\n");
+  }
+  std::string text;
+  for (const std::string& entry : sorted) text += entry;
+  return text;
+}
+
+/// Mode and owner of a file; empty where there is none.
+std::string Access(const fs::path& path) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return "";
+  char mode[8];
+  std::snprintf(mode, sizeof mode, "%o", status.st_mode & 07777);
+  const passwd* user = getpwuid(status.st_uid);
+  const group* owners = getgrgid(status.st_gid);
+  return std::string(mode) + " " + (user != nullptr ? user->pw_name : std::to_string(status.st_uid)) + ":" +
+         (owners != nullptr ? owners->gr_name : std::to_string(status.st_gid));
+}
+
+/// Adds the difference of two files, of which one may be missing, if there is any.
+void Compare(std::vector<Difference>& found, Masks& masks, const fs::path& before, const fs::path& after,
+             const std::string& path) {
+  Difference difference = {path, Access(before), Access(after), "", false};
+  const std::string name = fs::path(path).filename();
+  const bool sameBytes =
+      !difference.before.empty() && !difference.after.empty() && Read(before) == Read(after);
+  if (sameBytes && difference.before == difference.after && !Masks::HoldsSecrets(name)) return;
+  const std::string texts[] = {TextOf(before), sameBytes ? "" : TextOf(after)};
+  for (const std::string& text : texts) masks.Learn(name, text);
+  const bool same = sameBytes || texts[0] == texts[1];
+  if (same && difference.before == difference.after) return;
+  if (!same) {
+    const std::string shown[] = {Masks::File(name, texts[0]), Masks::File(name, texts[1])};
+    const std::string files[] = {std::string(kWork) + "/shown.before", std::string(kWork) + "/shown.after"};
+    for (const int i : {0, 1}) std::ofstream(files[i], std::ios::binary) << shown[i];
+    difference.diff = RunProgram({"diff", "-u", "--label", path + "\tinstalled", "--label", path + "\tnew",
+                                  files[0], files[1]})
+                          .output;
+    difference.secret = shown[0] == shown[1];
+  }
+  found.push_back(difference);
+}
+
+void AddNames(std::set<std::string>& names, const fs::path& folder) {
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
+    if (entry.is_regular_file() && !entry.is_symlink()) names.insert(entry.path().lexically_relative(folder));
+  }
+}
+
+}  // namespace
+
+std::vector<Difference> FindDifferences(Masks& masks) {
+  std::set<std::string> names;
+  AddNames(names, kInstalled);
+  AddNames(names, kEtc);
+  std::vector<Difference> found;
+  for (const std::string& name : names) {
+    Compare(found, masks, fs::path(kInstalled) / name, fs::path(kEtc) / name, fs::path(kEtc) / name);
+  }
+  // The appliance's own helper does not let us see what it keeps.
+  if (fs::exists(kPamConfig) && fs::is_directory(fs::path(kKeptPamConfig).parent_path())) {
+    fs::permissions(kPamConfig, fs::perms(0644));
+    Compare(found, masks, kKeptPamConfig, kPamConfig, kKeptPamConfig);
+  }
+  return found;
+}

@@ -1,0 +1,35 @@
+/// A private copy of the machine, in which the generators and the daemons run at their real paths and change
+/// nothing: mounts, processes and system log of its own, every file system read-only, and in memory what is
+/// written to: a copy of the generated files, the directories of queue and log without what is in them, /tmp,
+/// /run, /dev and the users' homes. It guards against accidents, not against a malicious root.
+///
+/// Everything in it ends with the process that made it, however that ends: the kernel then kills process 1 of
+/// the sandbox, and with it all others; the mounts go with the last one.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+inline constexpr const char* kEtc = "/var/packages/Brindlecot/target/etc";
+inline constexpr const char* kWork = "/tmp/preview";                  ///< for root alone
+inline constexpr const char* kInstalled = "/tmp/preview/old";         ///< the generated files as they were
+inline constexpr const char* kPamConfig = "/tmp/preview/pam-config";  ///< what the package helper was told
+
+/// Runs `work` in a new sandbox, with an environment of its own. Its result; -1 when it died of a signal.
+/// Throws std::runtime_error where there can be no sandbox. To be called once, by a process of one thread,
+/// which cannot start further processes afterwards.
+int InSandbox(const std::function<int()>& work);
+
+// For `work`:
+
+/// What was sent to the system log since the last call, as it was sent: `<PRIORITY>TIME NAME: TEXT`.
+std::vector<std::string> TakeLog();
+
+/// Covers the directory with an empty one of the same owner and mode, in memory. Of what was in it, the paths
+/// in `kept` stay. Nothing happens where there is no such directory.
+void Cover(const std::string& directory, const std::vector<std::string>& kept = {});
+
+/// From here on, in a network of its own: the loopback interface, with the machine's own addresses beside its
+/// usual ones, and a name server that answers at once that it does not know.
+void LeaveNetwork();
