@@ -16,7 +16,7 @@ daemons would say of it.")
 # What it calls; net(8), of samba-common-bin, only for a Windows domain's accounts. The daemons that read the files
 # are recommended: which of them run here is the administrator's choice.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "postfix, openssl, mount")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "postfix, openssl, iproute2")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "postfix-ldap, libsasl2-modules, dovecot-imapd, dovecot-pop3d, opendkim, \
 opendmarc, publicsuffix, spamassassin, postfix-policyd-spf-perl")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "samba-common-bin, winbind, libnss-winbind, libpam-winbind, libpam-ldapd, memcached")
