@@ -9,8 +9,8 @@ export PYTHONDONTWRITEBYTECODE=1
 export PRIVATE_ROOT=$$
 passed=0 failed=0 skipped=0
 
-build_packages=(g++ cmake make libboost-dev libjsoncpp-dev libcurl4-openssl-dev libgtest-dev python3
-  python3-jsonschema util-linux iproute2)
+build_packages=(g++ cmake make libboost-dev libjsoncpp-dev libidn2-dev libcurl4-openssl-dev libgtest-dev
+  python3 python3-jsonschema util-linux iproute2)
 check_packages=(clang-format clang-tidy clang libclang-rt-14-dev strace mandoc)
 # Where there is a gpg, SpamAssassin's installation needs its agent.
 mail_packages=(postfix postfix-ldap postfix-policyd-spf-perl libsasl2-modules dovecot-core dovecot-imapd
