@@ -48,6 +48,11 @@ ReadResult Read(const char* path, std::string& content, bool secret) {
   ssize_t got = 0;
   while ((got = read(file, block, sizeof block)) > 0 || (got < 0 && errno == EINTR)) {
     content.append(block, got > 0 ? static_cast<std::size_t>(got) : 0);
+    if (content.size() > kMostBytes) {
+      errno = EFBIG;
+      got = -1;
+      break;
+    }
   }
   if (got < 0) {
     LogFailure(path, "expected a readable file");

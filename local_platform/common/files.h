@@ -4,14 +4,19 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <string>
 #include <string_view>
+
+/// The most that is read from a file or a program: 8 MB, some hundred times what people write into one. More
+/// would keep the run busy, or take the machine's memory.
+inline constexpr std::size_t kMostBytes = 8 << 20;
 
 /// Whether a whole file was read.
 enum class ReadResult { kOk, kMissing, kFailed };
 
-/// Reads the file at `path` whole into `content`. A file that does not exist is kMissing, and not
-/// logged: the caller knows whether that is a fault.
+/// Reads the file at `path` whole into `content`; one of more than kMostBytes is a failure. A file that does
+/// not exist is kMissing, and not logged: the caller knows whether that is a fault.
 ReadResult ReadFile(const char* path, std::string& content);
 
 /// Like ReadFile, for a file that holds a secret: one with any mode bit for group or others is a

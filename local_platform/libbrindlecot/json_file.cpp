@@ -9,6 +9,7 @@
 
 #include "common/files.h"
 #include "libbrindlecot/utf8.h"
+#include "platform/nubocore.h"
 
 namespace {
 
@@ -29,8 +30,12 @@ Json::CharReader& Reader() {
 
 JsonFile::JsonFile(const char* path) : path_(path) {
   const ReadResult result = ReadFile(path, content_);
-  missing_ = result == ReadResult::kMissing;
+  missing_ = result == ReadResult::kMissing && ZELBCFileExist(path) == 0;
   faulty_ = result == ReadResult::kFailed;
+  if (result == ReadResult::kMissing && !missing_) {
+    syslog(LOG_ERR, "%s: expected a readable file: it is a link to nothing", path);
+    faulty_ = true;
+  }
   if (result == ReadResult::kOk) {
     // JsonCpp takes a NUL for the end of the text; any other control character is a fault to it, or here.
     std::replace(content_.begin(), content_.end(), '\0', '\1');
@@ -68,8 +73,13 @@ void JsonFile::SyntaxError(int line, int column, const char* what) {
 }
 
 void JsonFile::Expected(std::string_view key, std::string_view what) {
-  syslog(LOG_ERR, "%s: %s: expected %s", path_, Printable(key).c_str(), Printable(what).c_str());
+  constexpr int kMostFaults = 100;  // logged of one file
   faulty_ = true;
+  if (++faults_ <= kMostFaults) {
+    syslog(LOG_ERR, "%s: %s: expected %s", path_, Printable(key).c_str(), Printable(what).c_str());
+  } else if (faults_ == kMostFaults + 1) {
+    syslog(LOG_ERR, "%s: more faults than these %d", path_, kMostFaults);
+  }
 }
 
 bool JsonFile::Take(const char* key, Json::Value& value) { return object_.removeMember(key, &value); }

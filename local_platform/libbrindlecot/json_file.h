@@ -63,4 +63,5 @@ class JsonFile {
   Json::Value object_{Json::objectValue};
   bool missing_ = false;
   bool faulty_ = false;
+  int faults_ = 0;  ///< reported by Expected
 };

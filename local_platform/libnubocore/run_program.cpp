@@ -1,28 +1,32 @@
 #include "libnubocore/run_program.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
+#include "common/files.h"
 #include "platform/nubocore.h"
 
 namespace {
 
-/// The programs of the open streams.
-struct OpenStream {
-  FILE* stream;
-  pid_t program;
-};
-std::vector<OpenStream> openStreams;
+using Clock = std::chrono::steady_clock;
+
+// A million aliases take postalias one or two minutes on a small board.
+constexpr std::chrono::minutes kMostTime(5);
+constexpr const char* kTimeLimit = "killed after 5 minutes";
+constexpr const char* kOutputLimit = "killed after 8 MB of output";
 
 /// Adds what the child does with its descriptors. 0, or an error number.
 int SetDescriptors(posix_spawn_file_actions_t& actions, int output) {
@@ -30,8 +34,8 @@ int SetDescriptors(posix_spawn_file_actions_t& actions, int output) {
   // child opens: its messages would go there.
   const int flags = fcntl(STDERR_FILENO, F_GETFD);
   const bool passOn = flags >= 0 && (flags & FD_CLOEXEC) == 0;
-  // In this order a pipe that took one of the three numbers is read before it is overwritten: its
-  // writing end is never 0, the reading end has a lower number.
+  // The pipe may have one of the three numbers. Its writing end is not 0, since the reading end is lower,
+  // and is copied to 1 before 2 is opened.
   return std::max({
       posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0),
       output < 0 ? posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0)
@@ -41,7 +45,8 @@ int SetDescriptors(posix_spawn_file_actions_t& actions, int output) {
   });
 }
 
-/// Gives the child every signal unblocked, with its default action. 0, or an error number.
+/// Gives the child every signal unblocked, with its default action, and a process group of its own, so that
+/// it can be killed with all that it starts. 0, or an error number.
 int SetSignals(posix_spawnattr_t& attributes) {
   sigset_t none;
   sigset_t all;
@@ -50,7 +55,9 @@ int SetSignals(posix_spawnattr_t& attributes) {
   return std::max({
       posix_spawnattr_setsigmask(&attributes, &none),
       posix_spawnattr_setsigdefault(&attributes, &all),
-      posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF),
+      posix_spawnattr_setpgroup(&attributes, 0),
+      posix_spawnattr_setflags(&attributes,
+                               POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP),
   });
 }
 
@@ -78,31 +85,92 @@ int Start(std::vector<const char*> arguments, int output, pid_t& program) {
   return error;
 }
 
-/// Waits for `program` to end, whatever signals arrive. 0, or an error number.
-int Wait(pid_t program, int& status) {
-  while (waitpid(program, &status, 0) < 0) {
-    if (errno != EINTR) {
-      return errno;
-    }
-  }
-  return 0;
+std::string Because(const char* what, int error) { return std::string(what) + ": " + std::strerror(error); }
+
+/// Waits until there is something to read from `file`, be it its end. False when that takes too long.
+bool IsReadable(int file, Clock::time_point end) {
+  pollfd waiting = {file, POLLIN, 0};
+  int ready = -1;
+  do {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+    ready = poll(&waiting, 1, std::max(0, static_cast<int>(left)));
+  } while (ready < 0 && errno == EINTR);
+  return ready != 0;
 }
 
-std::string NotRun(int error) { return std::string("could not be run: ") + std::strerror(error); }
+/// Reads `file` to its end. Empty, or why not.
+std::string ReadAll(int file, Clock::time_point end, std::string& text) {
+  char block[8192];
+  while (text.size() <= kMostBytes) {
+    if (!IsReadable(file, end)) {
+      return kTimeLimit;
+    }
+    const ssize_t got = read(file, block, sizeof block);
+    if (got == 0) {
+      return "";
+    }
+    if (got < 0 && errno != EINTR) {
+      return Because("killed after its output could not be read", errno);
+    }
+    text.append(block, got > 0 ? static_cast<std::size_t>(got) : 0);
+  }
+  return kOutputLimit;
+}
 
-std::string StartAndWait(const std::vector<const char*>& arguments) {
+/// Waits until `program` has ended. False when that takes too long; where the kernel cannot wait for a
+/// limited time (before Linux 5.3), true at once.
+bool HasEnded(pid_t program, Clock::time_point end) {
+  const auto file = static_cast<int>(syscall(SYS_pidfd_open, program, 0));
+  const bool ended = file < 0 || IsReadable(file, end);
+  if (file >= 0) {
+    close(file);
+  }
+  return ended;
+}
+
+/// Waits for a program that has been started and, if it is wanted, reads its output. Empty with the program's
+/// status when it has ended by itself, or why not.
+std::string Finish(pid_t program, int file, std::string* output, int& status) {
+  const Clock::time_point end = Clock::now() + kMostTime;
+  std::string failure = output != nullptr ? ReadAll(file, end, *output) : "";
+  if (failure.empty() && !HasEnded(program, end)) {
+    failure = kTimeLimit;
+  }
+  if (!failure.empty()) {
+    kill(-program, SIGKILL);
+  }
+  while (waitpid(program, &status, 0) < 0) {
+    if (errno != EINTR) {
+      return Because("could not be waited for", errno);
+    }
+  }
+  return failure;
+}
+
+/// Runs a program to its end, with its output in `output` unless that is null. Empty with its status, or why
+/// that is not to be had.
+std::string Execute(const std::vector<const char*>& arguments, std::string* output, int& status) {
+  int ends[2] = {-1, -1};
+  if (output != nullptr && pipe2(ends, O_CLOEXEC) != 0) {
+    return Because("could not be run", errno);
+  }
+  // Where SIGCHLD is ignored, and a parent may leave it so, the kernel drops the status of a child.
+  struct sigaction standard = {};
+  struct sigaction inherited = {};
+  standard.sa_handler = SIG_DFL;
+  sigaction(SIGCHLD, &standard, &inherited);
   pid_t program = 0;
-  int status = 0;
-  if (const int error = Start(arguments, -1, program)) {
-    return NotRun(error);
+  const int error = Start(arguments, ends[1], program);
+  if (output != nullptr && close(ends[1]) != 0) {
+    dup2(ends[0], ends[1]);  // a writing end that stayed open would keep the reader waiting
   }
-  if (const int error = Wait(program, status)) {
-    return std::string("could not be waited for: ") + std::strerror(error);
+  std::string failure =
+      error != 0 ? Because("could not be run", error) : Finish(program, ends[0], output, status);
+  sigaction(SIGCHLD, &inherited, nullptr);
+  if (output != nullptr) {
+    close(ends[0]);
   }
-  if (WIFSIGNALED(status)) {
-    return "killed by signal " + std::to_string(WTERMSIG(status));
-  }
-  return WEXITSTATUS(status) == 0 ? "" : "exit status " + std::to_string(WEXITSTATUS(status));
+  return failure;
 }
 
 /// RunProgram, with a failure logged. 0, or -1.
@@ -115,44 +183,28 @@ int Run(const std::vector<const char*>& arguments) {
   return -1;
 }
 
-/// ZELBCPopen, for "r". Null with the reason in errno.
-FILE* OpenStreamOn(const std::vector<const char*>& arguments) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) {
-    return nullptr;
-  }
-  FILE* stream = fdopen(ends[0], "r");
-  pid_t program = 0;
-  const int error = stream == nullptr ? errno : Start(arguments, ends[1], program);
-  if (close(ends[1]) != 0) {
-    dup2(ends[0], ends[1]);  // a writing end that stayed open would keep the reader waiting for ever
-  }
-  if (error == 0) {
-    openStreams.push_back({stream, program});
-    return stream;
-  }
+/// A stream from which `text` can be read. Null with the reason in errno.
+FILE* OpenStreamOn(const std::string& text) {
+  FILE* stream = fmemopen(nullptr, text.size() + 1, "w+");
   if (stream != nullptr) {
-    std::fclose(stream);
-  } else {
-    close(ends[0]);
+    std::fwrite(text.data(), 1, text.size(), stream);
+    std::rewind(stream);
   }
-  errno = error;
-  return nullptr;
+  return stream;
 }
 
 }  // namespace
 
 std::string RunProgram(const std::vector<const char*>& arguments) {
-  // Where SIGCHLD is ignored, and a parent may leave it so, the kernel drops the status of a child.
-  struct sigaction standard = {};
-  struct sigaction inherited = {};
-  standard.sa_handler = SIG_DFL;
-  if (sigaction(SIGCHLD, &standard, &inherited) != 0) {
-    return NotRun(errno);
+  int status = 0;
+  std::string failure = Execute(arguments, nullptr, status);
+  if (!failure.empty()) {
+    return failure;
   }
-  std::string failure = StartAndWait(arguments);
-  sigaction(SIGCHLD, &inherited, nullptr);
-  return failure;
+  if (WIFSIGNALED(status)) {
+    return "killed by signal " + std::to_string(WTERMSIG(status));
+  }
+  return WEXITSTATUS(status) == 0 ? "" : "exit status " + std::to_string(WEXITSTATUS(status));
 }
 
 int ZELBCExec(const char* program, const char* arg1, const char* arg2, const char* arg3, const char* arg4) {
@@ -180,25 +232,16 @@ FILE* ZELBCPopen(const char* program, const char* mode, ...) {
     arguments.push_back(argument);
   }
   va_end(rest);
-  errno = EINVAL;
-  FILE* stream = std::strcmp(mode, "r") == 0 ? OpenStreamOn(arguments) : nullptr;
+  std::string output;
+  int status = 0;
+  std::string failure =
+      std::strcmp(mode, "r") == 0 ? Execute(arguments, &output, status) : Because("could not be run", EINVAL);
+  FILE* stream = failure.empty() ? OpenStreamOn(output) : nullptr;
   if (stream == nullptr) {
-    syslog(LOG_ERR, "%s: %s", program, NotRun(errno).c_str());
+    failure = failure.empty() ? Because("output could not be kept", errno) : failure;
+    syslog(LOG_ERR, "%s: %s", program, failure.c_str());
   }
   return stream;
 }
 
-int ZELBCPclose(FILE* stream) {
-  const auto found = std::find_if(openStreams.begin(), openStreams.end(),
-                                  [=](const OpenStream& open) { return open.stream == stream; });
-  if (found == openStreams.end()) {
-    return -1;
-  }
-  const pid_t program = found->program;
-  openStreams.erase(found);
-  std::fclose(stream);
-  int status = 0;
-  // ECHILD: where SIGCHLD is ignored, waiting reports that the child is gone.
-  const int error = Wait(program, status);
-  return error == 0 || error == ECHILD ? 0 : -1;
-}
+int ZELBCPclose(FILE* stream) { return std::fclose(stream) == 0 ? 0 : -1; }

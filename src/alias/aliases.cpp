@@ -1,5 +1,3 @@
-#include <tuple>
-
 #include "core/config_generator.h"
 #include "core/paths.h"
 
@@ -8,8 +6,8 @@ int ConfigGenerator::GenerateAliases() {
   if (alias.load() < 0) return -1;
 
   char temp[] = "/var/packages/Brindlecot/target/etc/aliasesXXXXXX";
-  std::ignore = MakeTempFile(temp);
+  (void)MakeTempFile(temp);
   if (alias.ExportAlias(temp) < 0) return -1;
-  std::ignore = InstallFile(temp, "/var/packages/Brindlecot/target/etc/aliases");
+  (void)InstallFile(temp, "/var/packages/Brindlecot/target/etc/aliases");
   return CompileMap(kPostalias, "/var/packages/Brindlecot/target/etc/aliases");
 }

@@ -1,17 +1,27 @@
 #include <syslog.h>
 
+#include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "core/config_generator.h"
 #include "core/owned.h"
 #include "core/paths.h"
+
+namespace {
+
+bool HasControls(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; });
+}
+
+}  // namespace
 
 int ConfigGenerator::GenerateDomainAliases() {
   const std::string domain = GetString(smtp, "win_domain_short_name");
   if (GetString(smtp, "account_type") != "win") return 0;
 
   char temp[] = "/var/packages/Brindlecot/target/etc/domain-aliasesXXXXXX";
-  const RemovedFile removed(temp);
+  const RemovedAtEnd removed(temp);
   if (!Written(MakeTempFile(temp) == 0, temp)) return -1;
 
   constexpr int kDomainUsers = 2;  // the core library's type of a Windows domain's users
@@ -27,20 +37,18 @@ int ConfigGenerator::GenerateDomainAliases() {
   }
 
   std::ofstream domainAliases(temp);
-  if (!Written(domainAliases.good(), temp)) return -1;
+  if (!Written(domainAliases.is_open(), temp)) return -1;
   std::string line;
   for (int i = 0; i < users.handle->count; ++i) {
     const char* name = users.handle->items[i];
     const char* backslash = std::strchr(name, '\\');
-    // Without a bare name there is no key, and a line without one would spoil the table.
-    if (backslash == nullptr || backslash[1] == '\0') continue;
+    // A line without a key would spoil the table, and a line feed in a name would forge an alias.
+    if (backslash == nullptr || backslash[1] == '\0' || HasControls(name)) continue;
     const char* user = backslash + 1;
     line.assign(user).append(" : ").append(name, backslash).append("\\\\").append(user);
-    domainAliases << line << std::endl;
-    if (!Written(domainAliases.good(), temp)) return -1;
+    domainAliases << line << EndLine;
   }
-  CloseStream(domainAliases);
-  if (!Written(domainAliases.good(), temp)) return -1;
+  if (!WrittenWhole(domainAliases, temp)) return -1;
 
   if (InstallFile(temp, "/var/packages/Brindlecot/target/etc/domain-aliases") < 0) {
     unlink(temp);  // not to be seen while the old table is compiled

@@ -1,5 +1,5 @@
 #include <cstring>
-#include <tuple>
+#include <optional>
 
 #include "core/config_generator.h"
 #include "core/owned.h"
@@ -11,13 +11,13 @@ constexpr const char* kNet = "/usr/bin/net";
 constexpr int kLineSize = 512;
 
 // Adds the domain's server, port and search base to `domain`, under the names that `net ads info` prints,
-// and the distinguished name of `user` as "bind_dn". The scratch file goes before the programs are waited
-// for.
+// and the distinguished name of `user` as "bind_dn". The scratch file is removed before the programs are
+// waited for, since what is declared last is destroyed first.
 bool GetDomainInfo(OwnedHash& domain, const char* user) {
   OwnedOutput info;
   OwnedOutput search;
   char scratch[] = "/tmp/ad_infoXXXXXX";
-  const RemovedFile removed(scratch);
+  const RemovedAtEnd removed(scratch);
   if (!Written(MakeTempFile(scratch) == 0, scratch)) return false;
   info.handle = ZELBCPopen(kNet, "r", "ads", "info", static_cast<char*>(nullptr));
   if (info.handle == nullptr) return false;
@@ -34,13 +34,13 @@ bool GetDomainInfo(OwnedHash& domain, const char* user) {
     if (std::strstr(line, "distinguishedName") == nullptr) continue;
     // Other attributes may quote the word; the name itself is the last of an entry.
     std::memcpy(kept, line, sizeof kept);
-    std::ignore = ZELBCStrTrimSpace(kept, 0);
+    (void)ZELBCStrTrimSpace(kept, 0);
   }
   constexpr size_t kPrefixLength = 19;  // "distinguishedName:" and the blank after it
   if (std::strstr(kept, "distinguishedName:") == nullptr || std::strlen(kept) <= kPrefixLength) {
     return false;
   }
-  std::ignore = ZELBCSzHashSetValue(&domain.handle, "bind_dn", kept + kPrefixLength);
+  (void)ZELBCSzHashSetValue(&domain.handle, "bind_dn", kept + kPrefixLength);
   return true;
 }
 
@@ -52,17 +52,17 @@ int ConfigGenerator::GenerateDomainLdapAliasMap() {
   char password[1024] = {};
 
   char temp[] = "/var/packages/Brindlecot/target/etc/domain-aliases.cfXXXXXX";
-  const RemovedFile removed(temp);
+  std::optional<SignalsWait> signalsWait;  // from the password on, not while programs run
+  const RemovedAtEnd removed(temp);
   OwnedHash domain;
   if (!Written(MakeTempFile(temp) == 0, temp)) return -1;
   std::ofstream domainAliases(temp);
-  if (!Written(domainAliases.good(), temp)) return -1;
+  if (!Written(domainAliases.is_open(), temp)) return -1;
   domain.handle = ZELBCSzHashAlloc(1024);
   if (domain.handle == nullptr) return -1;
-  domainAliases << "query_filter=(&(samaccountname=%s))" << std::endl;
-  domainAliases << "result_attribute=samaccountname" << std::endl;
-  domainAliases << "version=3" << std::endl;
-  if (!Written(domainAliases.good(), temp)) return -1;
+  domainAliases << "query_filter=(&(samaccountname=%s))" << EndLine;
+  domainAliases << "result_attribute=samaccountname" << EndLine;
+  domainAliases << "version=3" << EndLine;
 
   if (NUBOWinsGetAuthUser(unused, sizeof unused, user, sizeof user, password, sizeof password) < 0) return -1;
   if (!GetDomainInfo(domain, user)) return -1;
@@ -77,13 +77,12 @@ int ConfigGenerator::GenerateDomainLdapAliasMap() {
   for (const auto& line : lines) {
     const char* value = ZELBCSzHashGetValue(domain.handle, line.key);
     if (value == nullptr) return -1;
-    domainAliases << line.parameter << value << std::endl;
-    if (!Written(domainAliases.good(), temp)) return -1;
+    domainAliases << line.parameter << value << EndLine;
   }
-  domainAliases << "bind_pw=" << password << std::endl;
-  CloseStream(domainAliases);
-  if (!Written(domainAliases.good(), temp)) return -1;
+  signalsWait.emplace();
+  domainAliases << "bind_pw=" << password << EndLine;
+  if (!WrittenWhole(domainAliases, temp)) return -1;
 
-  std::ignore = InstallFile(temp, "/var/packages/Brindlecot/target/etc/domain-aliases.cf");
+  (void)InstallFile(temp, "/var/packages/Brindlecot/target/etc/domain-aliases.cf");
   return 0;
 }

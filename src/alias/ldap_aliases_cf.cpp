@@ -1,7 +1,6 @@
 #include <syslog.h>
 
 #include <string_view>
-#include <tuple>
 
 #include "core/config_generator.h"
 #include "core/owned.h"
@@ -11,7 +10,7 @@ namespace {
 
 constexpr int kValueSize = 1024;
 
-bool GetClientValue(const char* key, char (&value)[kValueSize], int line) {
+bool GetNslcdOption(const char* key, char (&value)[kValueSize], int line) {
   if (NUBOLDAPInfoGetFromConf("/usr/nubo/etc/nslcd.conf", key, value, kValueSize) > 0) return true;
   syslog(LOG_ERR, "%s:%d NUBOLDAPInfoGetFromConf(%s) failed", kLogSource, line, key);
   return false;
@@ -36,37 +35,34 @@ int ConfigGenerator::GenerateLdapAliasMap() {
   char bindDn[kValueSize] = {};
   char secret[kValueSize] = {};
 
+  const SignalsWait signalsWait;
   char temp[] = "/var/packages/Brindlecot/target/etc/ldap-aliases.cfXXXXXX";
-  const RemovedFile removed(temp);
+  const RemovedAtEnd removed(temp);
   if (!Written(MakeTempFile(temp) == 0, temp)) return -1;
   std::ofstream ldapAliases(temp);
-  ldapAliases << "query_filter=(&(cn=%s))" << std::endl;
-  ldapAliases << "result_attribute=cn" << std::endl;
-  ldapAliases << "version=3" << std::endl;
-  if (!Written(ldapAliases.good(), temp)) return -1;
+  if (!Written(ldapAliases.is_open(), temp)) return -1;
+  ldapAliases << "query_filter=(&(cn=%s))" << EndLine;
+  ldapAliases << "result_attribute=cn" << EndLine;
+  ldapAliases << "version=3" << EndLine;
 
   std::string_view host;
-  if (!GetClientValue("uri", uri, 574)) return -1;
+  if (!GetNslcdOption("uri", uri, 574)) return -1;
   if (!FindHostPart(uri, host)) return -1;
-  ldapAliases << "server_host=ldap://" << host << ",ldaps://" << host << ":636" << std::endl;
-  if (!Written(ldapAliases.good(), temp)) return -1;
+  ldapAliases << "server_host=ldap://" << host << ",ldaps://" << host << ":636" << EndLine;
 
-  if (!GetClientValue("base", base, 585)) return -1;
-  ldapAliases << "search_base=" << base << std::endl;
-  if (!Written(ldapAliases.good(), temp)) return -1;
+  if (!GetNslcdOption("base", base, 585)) return -1;
+  ldapAliases << "search_base=" << base << EndLine;
 
-  if (!GetClientValue("binddn", bindDn, 591)) return -1;
-  ldapAliases << "bind_dn=" << bindDn << std::endl;
-  if (!Written(ldapAliases.good(), temp)) return -1;
+  if (!GetNslcdOption("binddn", bindDn, 591)) return -1;
+  ldapAliases << "bind_dn=" << bindDn << EndLine;
 
   if (NUBOLDAPSecretGet(secret, kValueSize) < 0) {
     syslog(LOG_ERR, "%s:%d NUBOLDAPSecretGet() failed, error=%X", kLogSource, 597, ZELBCErrGet());
     return -1;
   }
-  ldapAliases << "bind_pw=" << secret << std::endl;
-  CloseStream(ldapAliases);
-  if (!Written(ldapAliases.good(), temp)) return -1;
+  ldapAliases << "bind_pw=" << secret << EndLine;
+  if (!WrittenWhole(ldapAliases, temp)) return -1;
 
-  std::ignore = InstallFile(temp, "/var/packages/Brindlecot/target/etc/ldap-aliases.cf");
+  (void)InstallFile(temp, "/var/packages/Brindlecot/target/etc/ldap-aliases.cf");
   return 0;
 }

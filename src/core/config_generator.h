@@ -4,16 +4,17 @@
 ///
 ///     char temp[] = "TARGETXXXXXX";         in the target's directory, so that the rename is atomic
 ///     OpenFromTemplate or OpenEmpty         creates it owner-only and opens a stream on it
-///     stream << "line" << std::endl         each line flushed, each setting read as its line is written
-///     CloseStream
+///     stream << "line" << EndLine           each line flushed, each setting read as its line is written
+///     WrittenWhole                          closes it; a file that was not written whole ends here
 ///     ApplyCustomization                    the administrator's own keys, where the file has such a file
-///     InstallFile                           mode 0644, then one rename over the target
+///     InstallFile                           mode 0644, on the disk, then one rename over the target
 ///     CompileMap                            for a lookup table, on the installed target
 ///
-/// A daemon that reads the target sees the old file or the new one, never a part of it. No step stops
-/// the next one: a missing template gives a file without the template's part, and a step that cannot go
-/// on shows in the result of InstallFile. After a failed installation the target is untouched and the
-/// temporary file stays beside it, except in the tables that can hold secrets (RemovedFile).
+/// A daemon that reads the target sees the old file or the new one, never a part of it, also after a power
+/// cut. A write that fails ends that file alone: one log line, the temporary file removed, the target as it
+/// was. What cannot be opened stops nothing: a missing template gives a file without the template's part, a
+/// stream that is not open drops its lines. After a chmod or a rename that failed the temporary file stays,
+/// except in the tables that can hold secrets (RemovedAtEnd).
 ///
 /// Operations return 0 for success and a negative value for failure. They are named after what they do:
 /// Generate... writes and installs a file, Write... appends lines to a stream that its caller holds open.
@@ -51,30 +52,45 @@ const char* YesNo(bool value);
 /// (mkstemp(3)). 0, or -1. Logs nothing.
 int MakeTempFile(char* path);
 
+/// The result of a copy whose destination could not be written whole: it holds a part.
+inline constexpr int kNotWhole = -2;
+
 /// Copies `source` to `destination` byte for byte. A destination that exists keeps its mode; otherwise
-/// it is created with 0644. 0, or -1 with one log line when a file cannot be opened, read or written.
+/// it is created with 0644. 0; or, with one log line, -1 when a file cannot be opened or the source not be
+/// read, kNotWhole when a write failed. A source that is a pipe counts as one that cannot be opened.
 int CopyFile(const char* source, const char* destination);
 
-/// Appends the bytes of `source` to `destination`. 0, or -1 with one log line when a file cannot be
-/// opened.
+/// Appends the bytes of `source` to `destination`. As CopyFile, but a read error is taken for the end.
 int AppendFile(const char* source, const char* destination);
 
 /// Creates a temporary file (MakeTempFile), copies the template into it and opens `stream` behind it.
-/// What fails here shows later: a failed stream drops what is written to it.
+/// What cannot be opened here is silent later: a failed stream drops what is written to it. A template that
+/// could not be copied whole shows in WrittenWhole.
 void OpenFromTemplate(std::ofstream& stream, char* temp, const char* templatePath);
 
 /// Creates a temporary file (MakeTempFile) and opens `stream` on it.
 void OpenEmpty(std::ofstream& stream, char* temp);
 
+/// Ends a line and flushes it, as std::endl does. The stream keeps the reason of its first write that fails,
+/// for WrittenWhole.
+std::ostream& EndLine(std::ostream& stream);
+
 /// Closes the stream if it is open; a failure sets its failbit.
 void CloseStream(std::ofstream& stream);
 
+/// Closes the stream on the file at `path`. False when not all that was written to it is there: then one
+/// line is logged and the file removed. True also for a stream that could not be opened.
+bool WrittenWhole(std::ofstream& stream, const char* path);
+
 /// `done`; when it is false, logs that the file at `path` could not be written, with the reason in errno.
-/// For tables that are installed whole or not at all: ask right after each step.
 bool Written(bool done, const char* path);
 
-/// Gives the temporary file mode 0644 and moves it over the target. 0, or -1 with one log line, the
-/// target as it was, and the temporary file still there.
+/// Puts the temporary file on the disk, so that a rename cannot come there before the file's bytes do. False
+/// when that fails: then one line is logged and the file removed.
+bool OnDisk(const char* temp);
+
+/// Gives the temporary file mode 0644, puts it on the disk and moves it over the target. 0, or -1 with one
+/// log line, the target as it was, and the temporary file still there if it is whole.
 int InstallFile(const char* temp, const char* target);
 
 /// Runs Postfix's `program` (postmap or postalias) on the table at `path`. Returns what ZELBCExec does.
@@ -141,20 +157,20 @@ class ConfigGenerator {
   // alias/
 
   /// The local alias table. -1 when it cannot be had; else the result of compiling it, as it is.
-  int GenerateAliases();
+  static int GenerateAliases();
   /// The LDAP table of a directory's aliases. -1 when a value cannot be had or the file not written.
-  int GenerateLdapAliasMap();
+  static int GenerateLdapAliasMap();
   /// The LDAP table of a Windows domain's users. -1 when a value cannot be had or the file not written.
-  int GenerateDomainLdapAliasMap();
+  static int GenerateDomainLdapAliasMap();
   /// The alias table of a Windows domain's users, compiled. 0 as well when accounts are no domain's.
   int GenerateDomainAliases();
   /// The client file of the sender quota cache. Returns the result of its installation.
-  int GenerateQuotaMemcacheMap();
+  static int GenerateQuotaMemcacheMap();
 
   // core/
 
   /// Merges the keys of a customisation file into a generated one, if there is such a file. 0, or -1.
-  int ApplyCustomization(const char* generated, const char* customization);
+  static int ApplyCustomization(const char* generated, const char* customization);
 
  private:
   Postfix smtp;

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <tuple>
 
 #include "core/config_generator.h"
 #include "core/owned.h"
@@ -17,51 +16,37 @@ namespace {
 
 constexpr size_t kCopyBufferSize = 1024;
 
-void LogCopyError(int line) {
+// Where a stream keeps the reason of its first write that failed.
+const int kReason = std::ios_base::xalloc();
+
+int CopyError(int line) {
   syslog(LOG_ERR, "%s:%d copy file error: %s", kLogSource, line, std::strerror(errno));
+  return -1;
 }
 
-struct OpenFiles {
-  int from;
-  int to;
-};
-
-// Opens the source, and the destination for writing with `flags` more. False, with one log line and neither
-// of them open, when one cannot be.
-bool OpenBoth(OpenFiles& files, const char* source, const char* destination, int flags, int line) {
-  files.from = open(source, O_RDONLY | O_CLOEXEC);
-  if (files.from < 0) {
-    LogCopyError(line);
-    return false;
-  }
-  files.to = open(destination, O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0644);
-  if (files.to < 0) {
-    LogCopyError(line);
-    close(files.from);
-    return false;
-  }
-  return true;
+// For a file that holds a part of what belongs into it: nobody may take it for the whole.
+bool LogAndRemove(const char* path) {
+  (void)Written(false, path);
+  (void)unlink(path);
+  return false;
 }
 
-void CloseBoth(const OpenFiles& files) {
-  close(files.from);
-  close(files.to);
-}
-
-// To the end of the source, or to the first fault, whose reason is in errno.
-int CopyBytes(int source, int destination) {
+int Copy(const char* source, const char* destination, int flags, int line) {
+  // A pipe must not keep the run waiting; it has no position to seek.
+  const OwnedDescriptor from(open(source, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (from.number < 0 || lseek(from.number, 0, SEEK_CUR) < 0) return CopyError(line);
+  OwnedDescriptor to(open(destination, O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0644));
+  if (to.number < 0) return CopyError(line);
   char buffer[kCopyBufferSize] = {};
-  for (;;) {
-    const ssize_t count = read(source, buffer, sizeof buffer);
-    if (count == 0) return 0;
-    if (count < 0) return -1;
-    const ssize_t written = write(destination, buffer, static_cast<size_t>(count));
-    if (written < 0) return -1;
-    if (written < count) {
-      errno = ENOSPC;  // a short write to a file sets no reason; a full disk is the usual one
-      return -1;
-    }
+  ssize_t count = 0;
+  while ((count = read(from.number, buffer, sizeof buffer)) > 0) {
+    errno = ENOSPC;  // a short write sets no reason; a full disk is the usual one
+    if (!Written(write(to.number, buffer, static_cast<size_t>(count)) == count, destination))
+      return kNotWhole;
   }
+  // Beside `flags`, the one difference of the two: appending takes a read error for the end.
+  if (count < 0 && flags == O_TRUNC) return CopyError(line);
+  return Written(to.Close() == 0, destination) ? 0 : kNotWhole;
 }
 
 }  // namespace
@@ -71,40 +56,43 @@ int MakeTempFile(char* path) {
   return file < 0 ? -1 : close(file);
 }
 
-int CopyFile(const char* source, const char* destination) {
-  OpenFiles files = {};
-  if (!OpenBoth(files, source, destination, O_TRUNC, 110)) return -1;
-  const int result = CopyBytes(files.from, files.to);
-  if (result < 0) LogCopyError(110);
-  CloseBoth(files);
-  return result;
-}
+int CopyFile(const char* source, const char* destination) { return Copy(source, destination, O_TRUNC, 110); }
 
 int AppendFile(const char* source, const char* destination) {
-  OpenFiles files = {};
-  if (!OpenBoth(files, source, destination, O_APPEND, 140)) return -1;
-  char buffer[kCopyBufferSize] = {};
-  ssize_t count = 0;
-  while ((count = read(files.from, buffer, sizeof buffer)) > 0) {
-    std::ignore = write(files.to, buffer, static_cast<size_t>(count));
-  }
-  CloseBoth(files);
-  return 0;
+  return Copy(source, destination, O_APPEND, 140);
 }
 
 void OpenFromTemplate(std::ofstream& stream, char* temp, const char* templatePath) {
-  std::ignore = MakeTempFile(temp);
-  std::ignore = CopyFile(templatePath, temp);
-  stream.open(temp, std::ios::out | std::ios::app);
+  (void)MakeTempFile(temp);
+  if (CopyFile(templatePath, temp) == kNotWhole) {
+    (void)unlink(temp);
+    stream.setstate(std::ios::badbit);
+  } else {
+    stream.open(temp, std::ios::out | std::ios::app);
+  }
 }
 
 void OpenEmpty(std::ofstream& stream, char* temp) {
-  std::ignore = MakeTempFile(temp);
+  (void)MakeTempFile(temp);
   stream.open(temp, std::ios::out);
+}
+
+std::ostream& EndLine(std::ostream& stream) {
+  stream << std::endl;
+  if (stream.bad() && stream.iword(kReason) == 0) stream.iword(kReason) = errno;
+  return stream;
 }
 
 void CloseStream(std::ofstream& stream) {
   if (stream.is_open()) stream.close();
+}
+
+bool WrittenWhole(std::ofstream& stream, const char* path) {
+  if (!stream.is_open()) return !stream.bad();
+  CloseStream(stream);
+  if (stream.good()) return true;
+  if (stream.iword(kReason) != 0) errno = static_cast<int>(stream.iword(kReason));  // else that of the close
+  return LogAndRemove(path);
 }
 
 bool Written(bool done, const char* path) {
@@ -127,11 +115,19 @@ int ConfigGenerator::ApplyCustomization(const char* generated, const char* custo
   return ZELBCFileSetKeys(generated, keys.handle, 0, "%s = %s\n") < 0 ? -1 : 0;
 }
 
+bool OnDisk(const char* temp) {
+  const OwnedDescriptor file(open(temp, O_RDONLY | O_CLOEXEC));
+  if (file.number < 0 && access(temp, F_OK) != 0) return true;  // never made: its rename says why
+  if (file.number >= 0 && fsync(file.number) == 0) return true;
+  return LogAndRemove(temp);
+}
+
 int InstallFile(const char* temp, const char* target) {
   if (chmod(temp, 0644) < 0) {
     syslog(LOG_ERR, "%s:%d chmod %s fail, %s", kLogSource, 319, temp, std::strerror(errno));
     return -1;
   }
+  if (!OnDisk(temp)) return -1;
   if (std::rename(temp, target) < 0) {
     syslog(LOG_ERR, "%s:%d rename %s fail, %s", kLogSource, 324, temp, std::strerror(errno));
     return -1;

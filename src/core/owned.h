@@ -1,7 +1,10 @@
-/// What an operation owns and gives back on every path out of it, an exception's included.
+/// Guards: what they hold is given back on every exit, exceptions included.
 #pragma once
 
 #include <unistd.h>
+
+#include <csignal>
+#include <utility>
 
 #include "platform/nubocore.h"
 
@@ -23,13 +26,43 @@ using OwnedHash = Owned<ZELBCSzHash, ZELBCSzHashFree>;
 using OwnedList = Owned<ZELBCSzList, ZELBCSzListFree>;
 using OwnedOutput = Owned<FILE, ZELBCPclose>;  ///< of a program
 
-/// A file that does not outlive the operation under the name in `path`: a scratch file, or a temporary
-/// file with a secret that could not be installed. (After a rename there is nothing left to remove.)
-struct RemovedFile {
+/// An open file; negative when it could not be opened.
+struct OwnedDescriptor {
+  int number;
+
+  explicit OwnedDescriptor(int descriptor) : number(descriptor) {}
+  OwnedDescriptor(const OwnedDescriptor&) = delete;
+  OwnedDescriptor& operator=(const OwnedDescriptor&) = delete;
+  ~OwnedDescriptor() { (void)Close(); }
+
+  /// 0, or -1 with the reason in errno. Writing may fail as late as here.
+  int Close() { return number < 0 ? 0 : close(std::exchange(number, -1)); }
+};
+
+/// Removes the file that has the name in `path` at the end: a scratch file, or a temporary file with a secret
+/// that was not installed. (After its rename there is none.) Stands before the file is made, so that a file
+/// is removed too whose making failed half-way.
+struct RemovedAtEnd {
   const char* path;
 
-  explicit RemovedFile(const char* name) : path(name) {}
-  RemovedFile(const RemovedFile&) = delete;
-  RemovedFile& operator=(const RemovedFile&) = delete;
-  ~RemovedFile() { unlink(path); }
+  explicit RemovedAtEnd(const char* name) : path(name) {}
+  RemovedAtEnd(const RemovedAtEnd&) = delete;
+  RemovedAtEnd& operator=(const RemovedAtEnd&) = delete;
+  ~RemovedAtEnd() { unlink(path); }
+};
+
+/// Makes the signals that end a run (INT, TERM, HUP, QUIT) wait until the end of this object: for the time
+/// in which a file with a secret stands where it must not stay.
+struct SignalsWait {
+  sigset_t before = {};
+
+  SignalsWait() {
+    sigset_t ending;
+    sigemptyset(&ending);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&ending, signal);
+    sigprocmask(SIG_BLOCK, &ending, &before);
+  }
+  SignalsWait(const SignalsWait&) = delete;
+  SignalsWait& operator=(const SignalsWait&) = delete;
+  ~SignalsWait() { sigprocmask(SIG_SETMASK, &before, nullptr); }
 };

@@ -5,7 +5,6 @@
 #include <exception>
 #include <iostream>
 #include <string_view>
-#include <tuple>
 
 #include "core/config_generator.h"
 
@@ -19,13 +18,13 @@ struct Command {
 constexpr Command kCommands[] = {
     {"smtp",
      [](ConfigGenerator& generator) {
-       std::ignore = generator.GenerateMainCf();
-       std::ignore = generator.GenerateMasterCf();
+       (void)generator.GenerateMainCf();
+       (void)generator.GenerateMasterCf();
        return 0;
      }},
     {"dovecot", [](ConfigGenerator& generator) { return generator.GenerateDovecotConfig(); }},
     {"mailscanner", [](ConfigGenerator& generator) { return generator.GenerateMailScannerConfig(); }},
-    {"alias", [](ConfigGenerator& generator) { return generator.GenerateAliases(); }},
+    {"alias", [](ConfigGenerator&) { return ConfigGenerator::GenerateAliases(); }},
     {"domain_alias", [](ConfigGenerator& generator) { return generator.GenerateDomainAliases(); }},
     {"sender_quota_map", [](ConfigGenerator&) { return SenderQuota::GenerateConfig(); }},
 };

@@ -61,7 +61,8 @@ void ZELBCSzListFree(ZELBCSzList* list);
 
 // Programs. They are run directly, never through a shell, with the path as argument 0; the child gets
 // descriptors 0, 1 and 2 alone. What it prints goes to /dev/null, but for the output that
-// ZELBCPopen's caller reads; its descriptor 2 is this process's.
+// ZELBCPopen's caller reads; its descriptor 2 is this process's. A program that runs for more than five
+// minutes is killed, and the call has failed.
 
 /// Runs `program` with the arguments up to the first null one and waits for it. 0 when it exited with
 /// 0; -1 when it could not be run, exited otherwise or was killed.
@@ -72,7 +73,8 @@ int ZELBCExec(const char* program, const char* arg1, const char* arg2, const cha
 int ZELBCExecl(const char* program, int options, ...);
 
 /// Starts `program` with the arguments that follow `mode` ("r"), closed by a null one. Returns a
-/// stream on its standard output, to be closed with ZELBCPclose, or null when it cannot be started.
+/// stream on its standard output, to be closed with ZELBCPclose, or null when it cannot be started or
+/// prints more than 8 MB.
 FILE* ZELBCPopen(const char* program, const char* mode, ...);
 
 /// Closes a stream of ZELBCPopen and waits for its program. Its exit status decides nothing.

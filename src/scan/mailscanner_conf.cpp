@@ -1,5 +1,3 @@
-#include <tuple>
-
 #include "core/config_generator.h"
 
 namespace {
@@ -23,32 +21,31 @@ int ConfigGenerator::GenerateMailScannerConfig() {
   OpenFromTemplate(mailScannerConf, temp,
                    "/var/packages/Brindlecot/target/etc/template/mailscanner.template");
 
-  mailScannerConf << "Virus Scanning = " << YesNo(GetBool(scanner, "anti_virus_enable")) << std::endl;
-  mailScannerConf << "Spam Checks = " << YesNo(GetBool(scanner, "spam_enable")) << std::endl;
-  mailScannerConf << "Required SpamAssassin Score = " << GetInt(scanner, "spam_required_score") << std::endl;
-  mailScannerConf << "High SpamAssassin Score = " << GetInt(scanner, "spam_required_score") << std::endl;
+  mailScannerConf << "Virus Scanning = " << YesNo(GetBool(scanner, "anti_virus_enable")) << EndLine;
+  mailScannerConf << "Spam Checks = " << YesNo(GetBool(scanner, "spam_enable")) << EndLine;
+  mailScannerConf << "Required SpamAssassin Score = " << GetInt(scanner, "spam_required_score") << EndLine;
+  mailScannerConf << "High SpamAssassin Score = " << GetInt(scanner, "spam_required_score") << EndLine;
   if (GetBool(scanner, "spam_enable_rewrite")) {
-    mailScannerConf << "Spam Modify Subject = start" << std::endl;
-    mailScannerConf << "Spam Subject Text = " << GetString(scanner, "spam_rewrite_subject") << std::endl;
-    mailScannerConf << "High Scoring Spam Modify Subject = start" << std::endl;
+    mailScannerConf << "Spam Modify Subject = start" << EndLine;
+    mailScannerConf << "Spam Subject Text = " << GetString(scanner, "spam_rewrite_subject") << EndLine;
+    mailScannerConf << "High Scoring Spam Modify Subject = start" << EndLine;
     mailScannerConf << "High Scoring Spam Subject Text = " << GetString(scanner, "spam_rewrite_subject")
-                    << std::endl;
+                    << EndLine;
   } else {
-    mailScannerConf << "Spam Modify Subject = no" << std::endl;
-    mailScannerConf << "High Scoring Spam Modify Subject = no" << std::endl;
+    mailScannerConf << "Spam Modify Subject = no" << EndLine;
+    mailScannerConf << "High Scoring Spam Modify Subject = no" << EndLine;
   }
   const char* action = ReportAction(GetInt(scanner, "spam_report_machanism"));
-  mailScannerConf << "Spam Actions = " << action << " deliver header \"X-Spam-Flag: Yes\"" << std::endl;
+  mailScannerConf << "Spam Actions = " << action << " deliver header \"X-Spam-Flag: Yes\"" << EndLine;
   mailScannerConf << "High Scoring Spam Actions = " << action << " deliver header \"X-Spam-Flag: Yes\""
-                  << std::endl;
+                  << EndLine;
   mailScannerConf << "SpamAssassin Auto Whitelist = " << YesNo(GetBool(scanner, "spam_auto_whitelist"))
-                  << std::endl;
-  std::ignore = WriteContentRules();
+                  << EndLine;
+  WriteContentRules();
 
-  std::ignore = GenerateSpamAssassinConfig();
+  (void)GenerateSpamAssassinConfig();
 
-  CloseStream(mailScannerConf);
-  std::ignore =
-      ApplyCustomization(temp, "/var/packages/Brindlecot/etc/customize/MailScanner/MailScanner.conf");
+  if (!WrittenWhole(mailScannerConf, temp)) return -1;
+  (void)ApplyCustomization(temp, "/var/packages/Brindlecot/etc/customize/MailScanner/MailScanner.conf");
   return InstallFile(temp, "/var/packages/Brindlecot/target/etc/MailScanner/MailScanner.conf");
 }

@@ -5,17 +5,16 @@ int ConfigGenerator::GenerateSpamAssassinConfig() {
   std::ofstream localCf;
   OpenFromTemplate(localCf, temp, "/var/packages/Brindlecot/target/etc/template/spamassassin.template");
   if (GetBool(scanner, "spam_auto_learn")) {
-    localCf << "use_bayes 1" << std::endl;
-    localCf << "bayes_auto_learn 1" << std::endl;
-    localCf << "bayes_auto_learn_threshold_spam " << GetInt(scanner, "spam_learn_threshold_spam")
-            << std::endl;
+    localCf << "use_bayes 1" << EndLine;
+    localCf << "bayes_auto_learn 1" << EndLine;
+    localCf << "bayes_auto_learn_threshold_spam " << GetInt(scanner, "spam_learn_threshold_spam") << EndLine;
     localCf << "bayes_auto_learn_threshold_nonspam " << GetInt(scanner, "spam_learn_threshold_non_spam")
-            << std::endl;
+            << EndLine;
   } else {
-    localCf << "use_bayes 0" << std::endl;
-    localCf << "bayes_auto_learn 0" << std::endl;
+    localCf << "use_bayes 0" << EndLine;
+    localCf << "bayes_auto_learn 0" << EndLine;
   }
-  localCf << "use_auto_whitelist " << (GetBool(scanner, "spam_auto_whitelist") ? "1" : "0") << std::endl;
-  CloseStream(localCf);
+  localCf << "use_auto_whitelist " << (GetBool(scanner, "spam_auto_whitelist") ? "1" : "0") << EndLine;
+  if (!WrittenWhole(localCf, temp)) return -1;
   return InstallFile(temp, "/var/packages/Brindlecot/target/etc/spamassassin/local.cf");
 }

@@ -1,13 +1,11 @@
-#include <tuple>
-
 #include "core/config_generator.h"
 #include "core/paths.h"
 
 namespace {
 
-// What comes first, on the recipient and on the HELO list: the administrator's own tables, then those
-// who may send.
-std::list<std::string> FirstRestrictions() {
+// What the recipient and the HELO list both begin with: the administrator's own tables, then those who may
+// send.
+std::list<std::string> CommonRestrictions() {
   return {"check_client_access hash:/var/packages/Brindlecot/target/etc/access/client_access",
           "check_sender_access hash:/var/packages/Brindlecot/target/etc/access/sender_access",
           "check_recipient_access hash:/var/packages/Brindlecot/target/etc/access/recipient_access",
@@ -19,26 +17,26 @@ std::list<std::string> FirstRestrictions() {
 int ConfigGenerator::WriteSenderRestrictions() {
   std::list<std::string> restrictions;
   if (GetBool(smtp, "restrict_sender")) {
-    mainCf << "smtpd_sender_login_maps = hash:/var/packages/Brindlecot/target/etc/login_map" << std::endl;
+    mainCf << "smtpd_sender_login_maps = hash:/var/packages/Brindlecot/target/etc/login_map" << EndLine;
     restrictions.emplace_back("reject_authenticated_sender_login_mismatch");
   }
   if (GetBool(smtp, "reject_sasl_sender_rate_exceed")) {
     mainCf << "smtpd_sasl_sender_quota_maps = hash:/var/packages/Brindlecot/target/etc/sender_quota_map"
-           << std::endl;
-    mainCf << "smtpd_sasl_sender_rate_limit = " << GetInt(smtp, "smtpd_sasl_sender_rate_limit") << std::endl;
+           << EndLine;
+    mainCf << "smtpd_sasl_sender_rate_limit = " << GetInt(smtp, "smtpd_sasl_sender_rate_limit") << EndLine;
     // Two slashes: the path keeps its own.
-    mainCf << "smtpd_sasl_sender_quota_cache = memcache:/" << kQuotaMemcacheCf << std::endl;
+    mainCf << "smtpd_sasl_sender_quota_cache = memcache:/" << kQuotaMemcacheCf << EndLine;
     restrictions.emplace_back("reject_sasl_sender_rate_exceed");
-    std::ignore = GenerateQuotaMemcacheMap();
+    (void)GenerateQuotaMemcacheMap();
   }
   if (!restrictions.empty()) {
-    mainCf << "smtpd_sender_restrictions = " << JoinList(restrictions, ", ") << std::endl;
+    mainCf << "smtpd_sender_restrictions = " << JoinList(restrictions, ", ") << EndLine;
   }
   return 0;
 }
 
 int ConfigGenerator::WriteRecipientRestrictions() {
-  std::list<std::string> restrictions = FirstRestrictions();
+  std::list<std::string> restrictions = CommonRestrictions();
   restrictions.emplace_back("reject_unauth_destination");
   for (const char* key : {"reject_unauth_pipelining", "reject_unknown_client_hostname",
                           "reject_non_fqdn_sender", "reject_unknown_sender_domain"}) {
@@ -53,7 +51,7 @@ int ConfigGenerator::WriteRecipientRestrictions() {
       restrictions.push_back((kind == "RBL" ? "reject_rbl_client " : "reject_rhsbl_client ") + zone);
     }
   }
-  mainCf << "smtpd_recipient_restrictions = " << JoinList(restrictions, ", ") << std::endl;
+  mainCf << "smtpd_recipient_restrictions = " << JoinList(restrictions, ", ") << EndLine;
   return 0;
 }
 
@@ -62,10 +60,10 @@ int ConfigGenerator::WriteHeloRestrictions() {
   const bool rejectUnknown = GetBool(smtp, "reject_unknown_helo_hostname");
   if (!rejectNonFqdn && !rejectUnknown) return 0;
 
-  std::list<std::string> restrictions = FirstRestrictions();
+  std::list<std::string> restrictions = CommonRestrictions();
   if (rejectNonFqdn) restrictions.emplace_back("reject_non_fqdn_helo_hostname");
   if (rejectUnknown) restrictions.emplace_back("reject_unknown_helo_hostname");
-  mainCf << "smtpd_helo_required = yes" << std::endl;
-  mainCf << "smtpd_helo_restrictions = " << JoinList(restrictions, ", ") << std::endl;
+  mainCf << "smtpd_helo_required = yes" << EndLine;
+  mainCf << "smtpd_helo_restrictions = " << JoinList(restrictions, ", ") << EndLine;
   return 0;
 }

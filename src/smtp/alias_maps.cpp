@@ -1,5 +1,3 @@
-#include <tuple>
-
 #include "core/config_generator.h"
 #include "platform/nubocore.h"
 #include "platform/nubowins.h"
@@ -9,8 +7,8 @@ namespace {
 // The administrator may prefer the table of a joined domain's users to a lookup in its directory.
 bool DomainUsesTable() {
   char choice[128] = {};
-  std::ignore = ZELBCFileGetKeyValue("/var/packages/Brindlecot/etc/brindlecot.conf", "domain_alias_map",
-                                     choice, sizeof choice, 0);
+  (void)ZELBCFileGetKeyValue("/var/packages/Brindlecot/etc/brindlecot.conf", "domain_alias_map", choice,
+                             sizeof choice, 0);
   return std::string(choice) == "yes" || NUBOWinsADSJoined() == 0;
 }
 
@@ -20,15 +18,15 @@ int ConfigGenerator::WriteAliasMaps() {
   const std::string accountType = GetString(smtp, "account_type");
   std::string maps = "hash:/var/packages/Brindlecot/target/etc/aliases";
   if (accountType == "ldap") {
-    std::ignore = GenerateLdapAliasMap();
+    (void)GenerateLdapAliasMap();
     maps += ", ldap:/var/packages/Brindlecot/target/etc/ldap-aliases.cf";
   } else if (accountType == "win" && DomainUsesTable()) {
-    std::ignore = GenerateDomainAliases();
+    (void)GenerateDomainAliases();
     maps += ", hash:/var/packages/Brindlecot/target/etc/domain-aliases";
   } else if (accountType == "win") {
-    std::ignore = GenerateDomainLdapAliasMap();
+    (void)GenerateDomainLdapAliasMap();
     maps += ", ldap:/var/packages/Brindlecot/target/etc/domain-aliases.cf";
   }
-  mainCf << "alias_maps = " << maps << std::endl;
+  mainCf << "alias_maps = " << maps << EndLine;
   return 0;
 }

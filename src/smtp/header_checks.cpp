@@ -1,4 +1,4 @@
-#include <tuple>
+#include <unistd.h>
 
 #include "core/config_generator.h"
 #include "core/paths.h"
@@ -8,15 +8,20 @@ int ConfigGenerator::GenerateHeaderChecks() {
   std::ofstream headerChecks;
   OpenEmpty(headerChecks, temp);
   if (GetBool(smtp, "reject_spf_soft_fail")) {
-    headerChecks << "/^Received-SPF: softfail/ REJECT" << std::endl;
+    headerChecks << "/^Received-SPF: softfail/ REJECT" << EndLine;
   }
   if (GetBool(scanner, "spam_enable") || GetBool(scanner, "anti_virus_enable") ||
       GetBool(scanner, "enable_dangerous_content_scan")) {
-    headerChecks << "/^Received:/ HOLD" << std::endl;
+    headerChecks << "/^Received:/ HOLD" << EndLine;
   }
-  CloseStream(headerChecks);
   // The template comes last: the first rule that matches wins.
-  std::ignore = AppendFile("/var/packages/Brindlecot/target/etc/template/header_checks.template", temp);
-  std::ignore = InstallFile(temp, "/var/packages/Brindlecot/target/etc/header_checks");
+  constexpr const char* kTemplate = "/var/packages/Brindlecot/target/etc/template/header_checks.template";
+  if (WrittenWhole(headerChecks, temp)) {
+    if (AppendFile(kTemplate, temp) == kNotWhole) {
+      (void)unlink(temp);
+    } else {
+      (void)InstallFile(temp, "/var/packages/Brindlecot/target/etc/header_checks");
+    }
+  }
   return CompileMap(kPostmap, "/var/packages/Brindlecot/target/etc/header_checks");
 }

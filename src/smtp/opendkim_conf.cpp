@@ -9,7 +9,8 @@
 namespace {
 
 // Not InstallFile: OpenDKIM's files stay owner-only.
-int RenameTo(const char* temp, const char* target, int line) {
+int Install(std::ofstream& stream, const char* temp, const char* target, int line) {
+  if (!WrittenWhole(stream, temp) || !OnDisk(temp)) return -1;
   if (std::rename(temp, target) == 0) return 0;
   syslog(LOG_ERR, "%s:%d Failed to rename '%s' to '%s', %s", kLogSource, line, temp, target,
          std::strerror(errno));
@@ -35,34 +36,30 @@ int ConfigGenerator::GenerateDkimConfig() {
 
   std::ofstream file;
   OpenFromTemplate(file, confTemp, "/var/packages/Brindlecot/target/etc/template/opendkim.template");
-  file << "KeyTable refile:" << kKeyTable << std::endl;
-  file << "SigningTable refile:" << kSigningTable << std::endl;
-  file << "ExternalIgnoreList refile:" << kTrustedHosts << std::endl;
-  file << "InternalHosts refile:" << kTrustedHosts << std::endl;
-  file << "ReportAddress postmaster@" << hostname << std::endl;
-  CloseStream(file);
-  if (RenameTo(confTemp, kOpendkimConf, 410) < 0) return -1;
+  file << "KeyTable refile:" << kKeyTable << EndLine;
+  file << "SigningTable refile:" << kSigningTable << EndLine;
+  file << "ExternalIgnoreList refile:" << kTrustedHosts << EndLine;
+  file << "InternalHosts refile:" << kTrustedHosts << EndLine;
+  file << "ReportAddress postmaster@" << hostname << EndLine;
+  if (Install(file, confTemp, kOpendkimConf, 410) < 0) return -1;
 
   OpenEmpty(file, keyTemp);
   for (const std::string& domain : domains) {
     // The double slash is part of the value.
     file << selector << "._domainkey." << domain << " " << domain << ":" << selector << ":"
-         << "/var/packages/Brindlecot/etc/dkim.key//dkim.private" << std::endl;
+         << "/var/packages/Brindlecot/etc/dkim.key//dkim.private" << EndLine;
   }
-  CloseStream(file);
-  if (RenameTo(keyTemp, kKeyTable, 424) < 0) return -1;
+  if (Install(file, keyTemp, kKeyTable, 424) < 0) return -1;
 
   OpenEmpty(file, signingTemp);
   for (const std::string& domain : domains) {
-    file << "*@" << domain << " " << selector << "._domainkey." << domain << std::endl;
+    file << "*@" << domain << " " << selector << "._domainkey." << domain << EndLine;
   }
-  CloseStream(file);
-  if (RenameTo(signingTemp, kSigningTable, 438) < 0) return -1;
+  if (Install(file, signingTemp, kSigningTable, 438) < 0) return -1;
 
   OpenEmpty(file, trustedTemp);
   for (const std::string& domain : domains) {
-    file << domain << std::endl;
+    file << domain << EndLine;
   }
-  CloseStream(file);
-  return RenameTo(trustedTemp, kTrustedHosts, 451);
+  return Install(file, trustedTemp, kTrustedHosts, 451);
 }

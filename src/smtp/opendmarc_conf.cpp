@@ -6,8 +6,9 @@ int ConfigGenerator::GenerateDmarcConfig() {
   char temp[] = "/var/packages/Brindlecot/target/etc/opendmarc.confXXXXXX";
   std::ofstream opendmarcConf;
   OpenFromTemplate(opendmarcConf, temp, "/var/packages/Brindlecot/target/etc/template/opendmarc.template");
-  opendmarcConf << "AuthservID " << GetString(smtp, "smtp_hostname") << std::endl;
-  CloseStream(opendmarcConf);
+  opendmarcConf << "AuthservID " << GetString(smtp, "smtp_hostname") << EndLine;
+  if (!WrittenWhole(opendmarcConf, temp)) return -1;
   // Not InstallFile: the file stays owner-only.
+  if (!OnDisk(temp)) return -1;
   return std::rename(temp, "/var/packages/Brindlecot/target/etc/opendmarc.conf");
 }

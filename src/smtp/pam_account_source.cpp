@@ -7,7 +7,7 @@
 namespace {
 
 // One compact line that ends in a newline: what the helper reads as its last argument.
-std::string WriteLine(const Json::Value& value) {
+std::string ToLine(const Json::Value& value) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"  // the newer writers end without the newline
   Json::FastWriter writer;
@@ -31,7 +31,7 @@ int ConfigGenerator::UpdatePamConfig() {
     ids["id-list"].append("dovecot.local");
     ids["id-list"].append("smtp.local");
   }
-  const std::string json = WriteLine(ids);
+  const std::string json = ToLine(ids);
   constexpr int kOptions = 187;  // the core library's own flags for a package helper
   if (ZELBCExecl("/usr/nubo/sbin/nubopkghelper", kOptions, "update", "Brindlecot", "pam-config", json.c_str(),
                  static_cast<char*>(nullptr)) != 0) {

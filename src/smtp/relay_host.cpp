@@ -1,32 +1,32 @@
 #include <unistd.h>
 
-#include <tuple>
-
 #include "core/config_generator.h"
+#include "core/owned.h"
 #include "core/paths.h"
 
 int ConfigGenerator::WriteRelayHost() {
   constexpr const char* kSaslPasswd = "/var/packages/Brindlecot/target/etc/sasl_passwd";
 
+  const SignalsWait signalsWait;
   std::ofstream saslPasswd(kSaslPasswd);
   mainCf << "relayhost = " << GetString(smtp, "smtp_relay_server") << ":"
-         << GetInt(smtp, "smtp_relay_server_port") << std::endl;
+         << GetInt(smtp, "smtp_relay_server_port") << EndLine;
   if (GetBool(smtp, "smtp_relay_secure_conn")) {
-    mainCf << "smtp_use_tls = yes" << std::endl;
-    mainCf << "smtp_sasl_tls_security_options = noanonymous" << std::endl;
+    mainCf << "smtp_use_tls = yes" << EndLine;
+    mainCf << "smtp_sasl_tls_security_options = noanonymous" << EndLine;
   }
   if (GetBool(smtp, "smtp_relay_auth_enabled")) {
-    mainCf << "smtp_sasl_auth_enable = yes" << std::endl;
-    mainCf << "smtp_sasl_password_maps = hash:/var/packages/Brindlecot/target/etc/sasl_passwd" << std::endl;
-    mainCf << "smtp_sasl_security_options = noanonymous" << std::endl;
+    mainCf << "smtp_sasl_auth_enable = yes" << EndLine;
+    mainCf << "smtp_sasl_password_maps = hash:/var/packages/Brindlecot/target/etc/sasl_passwd" << EndLine;
+    mainCf << "smtp_sasl_security_options = noanonymous" << EndLine;
   }
   // The key is the value of relayhost, character for character: that is what Postfix looks up.
   saslPasswd << GetString(smtp, "smtp_relay_server") << ":" << GetInt(smtp, "smtp_relay_server_port") << " "
              << GetString(smtp, "smtp_relay_account") << ":" << GetString(smtp, "smtp_relay_password")
-             << std::endl;
-  CloseStream(saslPasswd);
+             << EndLine;
+  if (!WrittenWhole(saslPasswd, kSaslPasswd)) return -1;  // the old map stays
 
   const int compiled = CompileMap(kPostmap, kSaslPasswd);
-  std::ignore = unlink(kSaslPasswd);  // the password stays in the compiled map alone
+  (void)unlink(kSaslPasswd);  // the password stays in the compiled map alone
   return compiled < 0 ? -1 : 0;
 }
