@@ -201,7 +201,7 @@ def main(deb, tar):
     protected()
     stumbling()
     # The administrator's files outlive an upgrade and a removal.
-    kept = ("main.cf.local", "spamassassin/init.pre", "spamassassin/mine.pre")
+    kept = ("main.cf.local", "main.cfbackup", "spamassassin/init.pre", "spamassassin/mine.pre")
     write(f"{BARE}{ETC}/login_map", "alice@mail.example.com alice\n")
     write(f"{BARE}{PACKAGE}/etc/customize/postfix/main.cf", "biff = maybe\n")
     for path in kept:
@@ -218,7 +218,8 @@ def main(deb, tar):
     conffiles = set(run("dpkg-deb", "-I", deb, "conffiles").stdout.split())
     check("removed, only the administrator's files are left", (status, left) == (0, set(mine) | conffiles),
           (shown, left ^ (set(mine) | conffiles)))
-    os.unlink(f"{BARE}{ETC}/main.cf.local")
+    for name in ("main.cf.local", "main.cfbackup"):
+        os.unlink(f"{BARE}{ETC}/{name}")
     status, shown = inside("dpkg", "--purge", "nubo-set-config")
     left = tree()
     check("purged, nothing is left", (status, left) == (0, before), (shown, left.items() ^ before.items()))
