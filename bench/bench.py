@@ -13,7 +13,7 @@ BENCH = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, BENCH + "/../lab")
 # pylint: disable=wrong-import-position
 from appliance import COMMANDS, ETC, PACKAGE, PROGRAM, generated, lay_out, read, run, settings, write  # noqa: E402
-from demo import COMPANY  # noqa: E402
+from scenarios import COMPANY  # noqa: E402
 
 WORK = "/run/bench"
 POSTALIAS = PACKAGE + "/target/sbin/postalias"

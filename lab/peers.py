@@ -1,14 +1,16 @@
 """The other servers that a mail appliance meets, on its private machine: names, relay host, directory, domain."""
 
-import base64
-import os
-import socketserver
 import ssl
-import threading
+import subprocess
 
-from appliance import CLIENT, HERE, PACKAGE, daemon, read, run, wait_for, write
+from aiosmtpd.controller import Controller
+from aiosmtpd.smtp import AuthResult
+
+from appliance import CLIENT, HERE, PACKAGE, answers, daemon, read, run, running, wait_for, write
 
 RELAY_HOST = "192.0.2.25"
+PASSWORD = 'b #$"p'  # of the directory's accounts
+DOMAIN_PASSWORD = "Passw0rd.User"
 NAMES = f"""no-resolv
 no-hosts
 listen-address=127.0.0.53
@@ -38,77 +40,79 @@ dn: cn={0},dc=example,dc=com
 objectClass: person
 cn: {0}
 sn: {0}
-userPassword: b #$"p
+userPassword: {1}
+"""
+
+DOMAIN = f"""set -e
+samba-tool domain provision --targetdir=/run/domain --realm=EXAMPLE.COM --domain=CORP --server-role=dc \\
+  --dns-backend=SAMBA_INTERNAL --adminpass=Passw0rd.Admin --host-name=dc1 --host-ip=127.0.0.1 \\
+  --option=interfaces=lo --option='bind interfaces only=yes' --option='dns forwarder=127.0.0.53'
+for user in svc-mail erin; do
+  samba-tool user create --configfile=/run/domain/etc/smb.conf $user {DOMAIN_PASSWORD}
+done
 """
 
 
 def name_server():
     """Knows far.example, relay.example, senders with SPF records and two blocklists; nothing else exists."""
     write("/run/names.conf", NAMES)
-    daemon("dnsmasq", "--conf-file=/run/names.conf", "--keep-in-foreground")
+    daemon("dnsmasq", "--conf-file=/run/names.conf", "--keep-in-foreground", port=53, host="127.0.0.53")
 
 
-class Relay(socketserver.StreamRequestHandler):
-    """One connection to the relay host: it offers STARTTLS and AUTH, and keeps what it hears."""
+class Relay:
+    """The relay host: it offers STARTTLS and AUTH, and keeps what it hears."""
 
     heard = []  # "open" or "encrypted" with name and password, then the message
 
-    def handle(self):
-        line, tls = "", "open"
-        self.wfile.write(b"220 relay.example\r\n")
-        while line[:4] != "QUIT":
-            line = self.rfile.readline().decode() or "QUIT"
-            answer = b"250 ok\r\n"
-            if line[:4] == "EHLO":
-                answer = b"250-relay.example\r\n250-STARTTLS\r\n250 AUTH PLAIN\r\n"
-            elif line[:4] == "AUTH":
-                self.heard.append(f"{tls} {base64.b64decode(line.split()[2]).decode()}".replace("\0", " "))
-                answer = b"235 ok\r\n"
-            elif line[:4] == "DATA":
-                self.wfile.write(b"354 go on\r\n")
-                self.heard.append("".join(iter(lambda: self.rfile.readline().decode(), ".\r\n")))
-            self.wfile.write(answer)
-            if line[:4] == "STAR":
-                context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-                context.load_cert_chain(PACKAGE + "/etc/ssl/server.crt", PACKAGE + "/etc/ssl/server.key")
-                self.request, tls = context.wrap_socket(self.request, server_side=True), "encrypted"
-                self.setup()
+    async def handle_DATA(self, _server, _session, envelope):
+        self.heard.append(envelope.content.decode())
+        return "250 ok"
+
+    def authenticate(self, _server, session, _envelope, _mechanism, login):
+        self.heard.append(f"{'encrypted' if session.ssl else 'open'} {login.login.decode()} {login.password.decode()}")
+        return AuthResult(success=True)
 
 
 def relay_host():
     """relay.example, port 2525."""
-    server = socketserver.ThreadingTCPServer((RELAY_HOST, 2525), Relay)
-    threading.Thread(target=server.serve_forever, daemon=True).start()
+    context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
+    context.load_cert_chain(PACKAGE + "/etc/ssl/server.crt", PACKAGE + "/etc/ssl/server.key")
+    relay = Relay()
+    Controller(relay, RELAY_HOST, 2525, tls_context=context, authenticator=relay.authenticate,
+               auth_require_tls=False).start()
 
 
 def directory():
-    """An LDAP directory on this machine that knows frieda, and the account that nslcd uses; returns the server."""
+    """An LDAP directory on this machine that knows frieda, and the account that nslcd uses."""
     write("/run/slapd.conf", SLAPD)
     write("/run/slapd/entries.ldif", "dn: dc=example,dc=com\nobjectClass: dcObject\nobjectClass: organization\n"
           "dc: example\no: example\n"
-          + ENTRY.format("nslcd") + ENTRY.format("frieda"))
+          + ENTRY.format("nslcd", PASSWORD) + ENTRY.format("frieda", PASSWORD))
     run("slapadd", "-f", "/run/slapd.conf", "-l", "/run/slapd/entries.ldif", check=True)
     write("/usr/nubo/etc/nslcd.conf",
           "uri ldap://localhost\nbase dc=example,dc=com\nbinddn cn=nslcd,dc=example,dc=com\n")
-    write("/usr/nubo/etc/ldap.secret", 'b #$"p\n', 0o600)
-    return daemon("slapd", "-f", "/run/slapd.conf", "-h", "ldap://localhost:389", "-d", "0", port=389)
+    write("/usr/nubo/etc/ldap.secret", PASSWORD + "\n", 0o600)
+    running["slapd"] = daemon("slapd", "-f", "/run/slapd.conf", "-h", "ldap://localhost:389", "-d", "0", port=389)
 
 
-def domain():
-    """Makes this machine a controller of the Windows domain CORP, and so joined to it; erin is one of its users."""
+def make_domain():
+    """Begins to make the Windows domain CORP, which takes seconds of its own; its users are svc-mail and erin."""
+    return subprocess.Popen(["sh", "-c", DOMAIN], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+
+def domain(made):
+    """Makes this machine the controller of what make_domain() made, and so joined to it."""
+    if made.wait():
+        raise RuntimeError("samba-tool failed")
     write("/etc/hosts", "127.0.0.1 dc1.example.com dc1\n" + read("/etc/hosts"))
     write("/etc/resolv.conf", "nameserver 127.0.0.1\nsearch example.com\n")
-    os.unlink("/etc/samba/smb.conf")
-    run("samba-tool", "domain", "provision", "--realm=EXAMPLE.COM", "--domain=CORP", "--server-role=dc",
-        "--dns-backend=SAMBA_INTERNAL", "--adminpass=Passw0rd.Admin", "--host-name=dc1", "--host-ip=127.0.0.1",
-        "--option=interfaces=lo", "--option=dns forwarder=127.0.0.53", check=True)
     # The map is read without TLS; getpwent lists the domain's users only when told to.
-    write("/etc/samba/smb.conf", read("/etc/samba/smb.conf").replace(
+    write("/etc/samba/smb.conf", read("/run/domain/etc/smb.conf").replace(
         "[global]", "[global]\nldap server require strong auth = no\nwinbind enum users = yes", 1))
-    daemon("samba", "--foreground", "--no-process-group")
-    wait_for(lambda: run("net", "ads", "testjoin").returncode == 0, "the domain controller", 60)
-    for user in ("svc-mail", "erin"):
-        run("samba-tool", "user", "create", user, "Passw0rd.User", check=True)
-    write("/usr/nubo/etc/wins.secret", "domain = CORP\nuser = svc-mail\npassword = Passw0rd.User\n", 0o600)
-    wait_for(lambda: "CORP\\erin" in run("getent", "passwd").stdout, "the domain's users", 60)
+    write("/usr/nubo/etc/wins.secret", f"domain = CORP\nuser = svc-mail\npassword = {DOMAIN_PASSWORD}\n", 0o600)
+    daemon("samba", "--foreground", "--no-process-group", port=53)
+    # Asked before they answer, net may wait for longer than a minute.
+    wait_for(lambda: answers(88, "127.0.0.1") and answers(389, "127.0.0.1"), "Kerberos and LDAP")
+    wait_for(lambda: "CORP\\erin" in run("getent", "passwd").stdout, "the domain's users")
     run("install", "-d", "-o", "CORP\\erin", "/home/CORP/erin", check=True)
+    return run("net", "ads", "testjoin").stdout

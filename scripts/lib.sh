@@ -16,7 +16,7 @@ check_packages=(clang-format clang-tidy clang libclang-rt-14-dev strace mandoc)
 mail_packages=(postfix postfix-ldap postfix-policyd-spf-perl libsasl2-modules dovecot-core dovecot-imapd
   dovecot-pop3d opendkim opendmarc publicsuffix gpg-agent spamassassin memcached openssl)
 network_packages=(slapd ldap-utils dnsmasq-base samba samba-ad-provision samba-dsdb-modules samba-vfs-modules
-  samba-common-bin python3-samba winbind libnss-winbind libpam-winbind krb5-user)
+  samba-common-bin python3-samba winbind libnss-winbind libpam-winbind krb5-user python3-aiosmtpd)
 
 heading() { printf '\n== %s\n' "$*"; }
 
