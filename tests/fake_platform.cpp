@@ -19,6 +19,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -164,6 +165,20 @@ int main(int argc, char* argv[]) {
   EndLine();
   return status;
 }
+
+struct Config::Data {};
+struct Alias::Data {};
+
+Config::Config() = default;
+Config::~Config() = default;
+Postfix::Postfix() = default;
+Postfix::~Postfix() = default;
+MailScanner::MailScanner() = default;
+MailScanner::~MailScanner() = default;
+ImapPop3::ImapPop3() = default;
+ImapPop3::~ImapPop3() = default;
+Alias::Alias() = default;
+Alias::~Alias() = default;
 
 boost::any& Config::Get(const std::string& key) {
   const std::string& object = objects[this];

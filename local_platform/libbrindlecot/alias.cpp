@@ -3,6 +3,9 @@
 ///     {"postmaster": ["root"], "sales": ["alice", "bob@example.com"]}
 ///
 /// and the same as aliases(5) has it.
+#include <map>
+#include <vector>
+
 #include "common/files.h"
 #include "libbrindlecot/json_file.h"
 #include "platform/brindlecot.h"
@@ -26,6 +29,13 @@ std::string Quoted(const std::string& text, const char* specials) {
 
 }  // namespace
 
+struct Alias::Data {
+  std::map<std::string, std::vector<std::string>> recipients;  ///< by alias name
+};
+
+Alias::Alias() : data_(std::make_unique<Data>()) {}
+Alias::~Alias() = default;
+
 int Alias::load() {
   JsonFile file("/var/packages/Brindlecot/etc/settings/aliases.json");
   std::map<std::string, std::vector<std::string>> aliases;
@@ -40,14 +50,14 @@ int Alias::load() {
     }
   }
   if (file.Result() == 0) {
-    aliases_.swap(aliases);
+    data_->recipients.swap(aliases);
   }
   return file.Result();
 }
 
 int Alias::ExportAlias(const std::string& path) {
   std::string lines;
-  for (const auto& [name, recipients] : aliases_) {
+  for (const auto& [name, recipients] : data_->recipients) {
     const char* separator = ": ";
     lines += Quoted(name, " \"#%(),:;<>@[\\]");
     for (const std::string& recipient : recipients) {

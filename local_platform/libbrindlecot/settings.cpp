@@ -2,6 +2,8 @@
 ///
 ///     {"smtp_hostname": "mail.example.com", "smtp_port": 25, "additional_domains": ["example.org"],
 ///      "dnsbl": [{"zone": "zen.example.net", "kind": "RBL"}]}
+#include <map>
+
 #include "libbrindlecot/json_file.h"
 #include "libbrindlecot/setting_keys.h"
 #include "platform/brindlecot.h"
@@ -66,7 +68,19 @@ PairList TakeBlocklists(JsonFile& file) {
 
 }  // namespace
 
-boost::any& Config::Get(const std::string& key) { return values_[key]; }
+struct Config::Data {
+  Values values;
+  std::list<std::string> domains;  ///< of Postfix alone, like the blocklists
+  PairList blocklists;
+};
+
+Config::Config() : data_(std::make_unique<Data>()) {}
+Config::~Config() = default;
+
+boost::any& Config::Get(const std::string& key) { return data_->values[key]; }
+
+Postfix::Postfix() = default;
+Postfix::~Postfix() = default;
 
 int Postfix::LoadSettings() {
   JsonFile file("/var/packages/Brindlecot/etc/settings/smtp.json");
@@ -74,24 +88,30 @@ int Postfix::LoadSettings() {
   file.Take("additional_domains", list);
   const auto domains = file.Texts("additional_domains", list);
   PairList blocklists = TakeBlocklists(file);
-  const int result = LoadValues(file, kSmtpKeys, values_);
+  const int result = LoadValues(file, kSmtpKeys, data_->values);
   if (result == 0) {
-    additionDomains_.assign(domains.begin(), domains.end());
-    dnsblList_.swap(blocklists);
+    data_->domains.assign(domains.begin(), domains.end());
+    data_->blocklists.swap(blocklists);
   }
   return result;
 }
 
-std::list<std::string>& Postfix::GetAdditionDomain() { return additionDomains_; }
+std::list<std::string>& Postfix::GetAdditionDomain() { return data_->domains; }
 
-std::list<std::pair<std::string, std::string>>& Postfix::GetDNSBLList() { return dnsblList_; }
+std::list<std::pair<std::string, std::string>>& Postfix::GetDNSBLList() { return data_->blocklists; }
+
+MailScanner::MailScanner() = default;
+MailScanner::~MailScanner() = default;
 
 int MailScanner::LoadSettings() {
   JsonFile file("/var/packages/Brindlecot/etc/settings/scanner.json");
-  return LoadValues(file, kScannerKeys, values_);
+  return LoadValues(file, kScannerKeys, data_->values);
 }
+
+ImapPop3::ImapPop3() = default;
+ImapPop3::~ImapPop3() = default;
 
 int ImapPop3::LoadSettings() {
   JsonFile file("/var/packages/Brindlecot/etc/settings/imap_pop3.json");
-  return LoadValues(file, kImapPop3Keys, values_);
+  return LoadValues(file, kImapPop3Keys, data_->values);
 }

@@ -4,15 +4,17 @@
 ///
 /// Results: 0 or more is success and a negative value a failure, except where a call says otherwise.
 /// The library logs its own failures, one line at LOG_ERR each.
+///
+/// This program makes the settings objects and calls their constructors and destructors, which are the
+/// library's. An object is one pointer to data that only the library knows.
 #pragma once
 
 #include <boost/any.hpp>
 #include <cstdio>
 #include <list>
-#include <map>
+#include <memory>
 #include <string>
 #include <utility>
-#include <vector>
 
 /// A setting's value as a settings object holds it: `bool`, `int` or `std::string`.
 template <typename T>
@@ -23,17 +25,28 @@ struct Value {
 /// A group of settings, read by key.
 class Config {
  public:
+  Config(const Config&) = delete;
+  Config& operator=(const Config&) = delete;
+
   /// The value of `key`, a `Value<T>` of the key's own type; empty when there is no such key. Valid
   /// until the settings are loaded again.
   boost::any& Get(const std::string& key);
 
  protected:
-  std::map<std::string, boost::any> values_;
+  struct Data;
+
+  Config();
+  ~Config();
+
+  std::unique_ptr<Data> data_;
 };
 
 /// The SMTP server's settings.
 class Postfix : public Config {
  public:
+  Postfix();
+  ~Postfix();
+
   /// Fills the object from the stored settings. On failure the object is not to be read.
   int LoadSettings();
 
@@ -43,34 +56,43 @@ class Postfix : public Config {
   /// DNS blocklists in the administrator's order: the DNS zone, and its kind ("RBL" lists client
   /// addresses, anything else domain names).
   std::list<std::pair<std::string, std::string>>& GetDNSBLList();
-
- private:
-  std::list<std::string> additionDomains_;
-  std::list<std::pair<std::string, std::string>> dnsblList_;
 };
 
 /// Content-scanning settings.
 class MailScanner : public Config {
  public:
+  MailScanner();
+  ~MailScanner();
+
   int LoadSettings();
 };
 
 /// IMAP and POP3 settings.
 class ImapPop3 : public Config {
  public:
+  ImapPop3();
+  ~ImapPop3();
+
   int LoadSettings();
 };
 
 /// The local alias table.
 class Alias {
  public:
+  Alias();
+  Alias(const Alias&) = delete;
+  Alias& operator=(const Alias&) = delete;
+  ~Alias();
+
   int load();
 
   /// Writes the loaded aliases to `path`, one a line, in the format of Postfix's aliases(5).
   int ExportAlias(const std::string& path);
 
  private:
-  std::map<std::string, std::vector<std::string>> aliases_;  ///< recipients by alias name
+  struct Data;
+
+  std::unique_ptr<Data> data_;
 };
 
 /// What each sender may send.

@@ -7,6 +7,8 @@
 
 #include <cstdio>
 
+extern "C" {
+
 /// A text-to-text hash that keeps its keys in the order of their first insertion. Opaque.
 struct ZELBCSzHash;
 
@@ -94,3 +96,5 @@ unsigned int ZELBCErrGet();
 /// `DOMAIN\user`. The library may replace the list, hence its address. Negative when the database
 /// cannot be read or the domain is empty.
 int ZELBUserEnum(ZELBCSzList** list, int type, const char* domain);
+
+}  // extern "C"

@@ -2,6 +2,8 @@
 /// this program uses; the library implements them.
 #pragma once
 
+extern "C" {
+
 /// Copies the value of `key` ("uri", "base", "binddn") of an nslcd.conf(5) file into `value` (of `size`
 /// bytes), NUL-terminated. Returns a value above 0 on success; 0 or below when the option is missing or
 /// empty, its value does not fit, or the file cannot be read.
@@ -10,3 +12,5 @@ int NUBOLDAPInfoGetFromConf(const char* path, const char* key, char* value, int 
 /// Copies the LDAP bind secret into `secret` (of `size` bytes), NUL-terminated. Negative when there is
 /// none, it does not fit, or its file is open to others; ZELBCErrGet() then tells why.
 int NUBOLDAPSecretGet(char* secret, int size);
+
+}  // extern "C"

@@ -2,6 +2,8 @@
 /// library implements them.
 #pragma once
 
+extern "C" {
+
 /// Non-zero when the appliance is joined to an Active Directory domain, 0 otherwise.
 int NUBOWinsADSJoined();
 
@@ -10,3 +12,5 @@ int NUBOWinsADSJoined();
 /// or does not fit.
 int NUBOWinsGetAuthUser(char* domain, int domainSize, char* user, int userSize, char* password,
                         int passwordSize);
+
+}  // extern "C"
