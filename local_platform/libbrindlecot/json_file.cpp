@@ -3,7 +3,9 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <memory>
 
@@ -24,6 +26,34 @@ Json::CharReader& Reader() {
     return builder.newCharReader();
   }());
   return *reader;
+}
+
+/// JsonCpp stops at a number that is too large for a double. Replaces such numbers by null, which is a fault
+/// for every key as well, and blanks. False when there are none.
+bool ReplaceLargeNumbers(std::string& json) {
+  bool replaced = false;
+  std::size_t end = 0;
+  for (std::size_t at = 0; at < json.size(); at = end) {
+    end = at + 1;
+    if (json[at] == '"') {
+      while (end < json.size() && json[end] != '"') {
+        end += json[end] == '\\' ? 2 : 1;
+      }
+      ++end;
+    } else if (json.compare(at, 2, "//") == 0) {
+      end = json.find_first_of("\r\n", at);
+    } else if (json.compare(at, 2, "/*") == 0) {
+      end = std::min(json.find("*/", at + 2), json.size() - 2) + 2;
+    } else if (json[at] == '-' || (json[at] >= '0' && json[at] <= '9')) {
+      end = std::min(json.find_first_not_of("0123456789+-.eE", at), json.size());
+      char* stop = nullptr;
+      if (std::isinf(std::strtod(&json[at], &stop)) && stop == &json[end]) {
+        json.replace(at, end - at, std::string("null").append(end - at - 4, ' '));
+        replaced = true;
+      }
+    }
+  }
+  return replaced;
 }
 
 }  // namespace
@@ -50,7 +80,10 @@ void JsonFile::Parse() {
   Json::Value root;
   std::string errors;
   try {
-    if (!Reader().parse(content_.data(), content_.data() + content_.size(), &root, &errors)) {
+    const auto parse = [&] {
+      return Reader().parse(content_.data(), content_.data() + content_.size(), &root, &errors);
+    };
+    if (!parse() && !(ReplaceLargeNumbers(content_) && parse())) {
       // Only the first error counts, the others follow from it. Its wording may quote the file.
       int line = 1;
       int column = 1;
