@@ -8,9 +8,12 @@
 
 #include "common/files.h"
 #include "common/text.h"
+#include "libnubocore/error.h"
 #include "platform/nubosdk.h"
 
 namespace {
+
+constexpr const char* kSecret = "/usr/nubo/etc/ldap.secret";
 
 bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
@@ -50,6 +53,18 @@ std::string_view FindValue(std::string_view content, std::string_view key) {
   return {};
 }
 
+/// The first line of `content` without its line end, LF or CRLF; blanks are part of a secret.
+std::string_view FirstLine(std::string_view content) {
+  std::string_view line = TakeLine(content);
+  if (!line.empty() && line.back() == '\n') {
+    line.remove_suffix(1);
+    if (!line.empty() && line.back() == '\r') {
+      line.remove_suffix(1);
+    }
+  }
+  return line;
+}
+
 }  // namespace
 
 int NUBOLDAPInfoGetFromConf(const char* path, const char* key, char* value, int size) {
@@ -64,6 +79,27 @@ int NUBOLDAPInfoGetFromConf(const char* path, const char* key, char* value, int 
     syslog(LOG_ERR, "%s is missing or has no %s", path, key);
   } else if (length < 0) {
     syslog(LOG_ERR, "%s: %s: expected a text of less than %d bytes", path, key, size);
+  }
+  return length;
+}
+
+int NUBOLDAPSecretGet(char* secret, int size) {
+  CopyToBuffer({}, secret, size);
+  std::string content;
+  if (ReadSecretFile(kSecret, content) == ReadResult::kFailed) {
+    SetLastError(Error::kUnreadable);
+    return -1;
+  }
+  const std::string_view line = FirstLine(content);
+  if (line.empty()) {
+    syslog(LOG_ERR, "%s is missing or empty", kSecret);
+    SetLastError(Error::kMissing);
+    return -1;
+  }
+  const int length = CopyToBuffer(line, secret, size);
+  if (length < 0) {
+    syslog(LOG_ERR, "%s: expected a text of less than %d bytes", kSecret, size);
+    SetLastError(Error::kTooLong);
   }
   return length;
 }
