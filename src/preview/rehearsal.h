@@ -1,0 +1,14 @@
+/// The rehearsal: the real daemons run on the new files, in the sandbox, and are asked what users of the mail
+/// system would ask. It finds what no checker of a file can: a port that is wanted twice, a table that is not
+/// there, a message that is not delivered.
+///
+/// There is no network. What fails for want of a name server, a directory or another host does not count.
+#pragma once
+
+#include <vector>
+
+#include "preview/verdict.h"
+
+/// Starts Dovecot, the milters that are on and Postfix, as far as they are installed and have files, and asks
+/// them. To be called last: the network is left for good.
+std::vector<Verdict> Rehearse();
