@@ -19,7 +19,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kPostmap = "/var/packages/Brindlecot/target/sbin/postmap";
 constexpr const char* kKeptPamConfig = "/usr/nubo/etc/pam-config/Brindlecot.json";
 
 std::string Read(const fs::path& path) {

@@ -5,10 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "core/paths.h"
 #include "preview/mail_check.h"
 #include "preview/mail_dialogue.h"
-
-constexpr const char* kEtc = "/var/packages/Brindlecot/target/etc";
 
 using Observations = std::vector<MailObservation>;
 using Values = std::map<std::string, std::string>;

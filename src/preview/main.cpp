@@ -12,6 +12,7 @@
 #include "preview/rehearsal.h"
 #include "preview/report.h"
 #include "preview/sandbox.h"
+#include "preview/warnings.h"
 
 namespace {
 
@@ -59,6 +60,9 @@ int Show(const Options& options) {
   // No daemon that is rehearsed reads what this command writes.
   if (options.rehearsal && options.words != std::vector<std::string>{"mailscanner"}) add(Rehearse());
   add(checkers.AskLast());
+  const bool failed =
+      std::any_of(preview.runs.begin(), preview.runs.end(), [](const Run& run) { return run.failed; });
+  if (!failed) preview.warnings = SettingsWarnings();
   (options.json ? PrintJson : PrintText)(std::cout, preview);
   return preview.Status();
 }

@@ -40,7 +40,7 @@ void CoverData() {
   if (fs::exists(kMain)) {
     for (const char* name : {"queue_directory", "data_directory", "mail_spool_directory"}) {
       const std::string folder = MainParameter(name);
-      if (folder.rfind("/var/packages/", 0) != 0) Cover(folder);
+      if (folder.rfind("/var/packages/", 0) != 0) CoverByDirectories(folder);
     }
   }
   const std::unique_ptr<FILE, int (*)(FILE*)> users(std::fopen("/etc/passwd", "re"), std::fclose);
@@ -55,7 +55,8 @@ void CoverData() {
 bool Start(std::vector<Verdict>& verdicts, const std::vector<std::string>& command, const std::string& log) {
   TakeLogOf("");
   const Ended ended = RunProgram(command);
-  Verdict verdict = {"rehearsal: " + command[0] + " starts", Verdict::kGood, {}};
+  Verdict verdict = {
+      "rehearsal: " + fs::path(command[0]).filename().string() + " starts", Verdict::kGood, {}};
   if (ended.status == kNotRun) return false;  // a checker has said that it is not installed
   if (ended.status != 0) {
     verdict.word = Verdict::kRefused;
@@ -133,7 +134,9 @@ std::vector<Verdict> Rehearse() {
   const bool postfix = fs::exists(kMain) && fs::exists(std::string(kEtc) + "/master.cf");
   CoverData();
   LeaveNetwork();
-  if (postfix) RunProgram({"postfix", "-c", kEtc, "check"});  // makes the directory for Dovecot's socket
+  // Makes the directories of the queue, of which Dovecot needs one for its socket.
+  if (postfix && !fs::exists(MainParameter("queue_directory") + "/pid"))
+    RunProgram({"postfix", "-c", kEtc, "check"});
   MailCheck check;
   check.isolated = true;
   check.subject = "rehearsal";
@@ -141,11 +144,14 @@ std::vector<Verdict> Rehearse() {
   check.dovecot = fs::exists(kDovecot) && Start(verdicts, {"dovecot", "-c", kDovecot}, "");
   check.postfix = false;
   std::string log;
+  std::string master;
   if (postfix) {
     StartMilter(verdicts, "opendkim", "-x", 8891);
     StartMilter(verdicts, "opendmarc", "-c", 8893);
     log = MainParameter("maillog_file");
-    check.postfix = Start(verdicts, {"postfix", "-c", kEtc, "start"}, log);
+    // Not by postfix(1), which would check all once more.
+    master = MainParameter("daemon_directory") + "/master";
+    check.postfix = Start(verdicts, {master, "-c", kEtc, "-w"}, log);
   }
   if (check.postfix) SendProbe(log);
   for (const MailObservation& seen : CheckMail(check)) {

@@ -120,7 +120,7 @@ void LayOut() {
   const std::string changed = std::string(kWork) + "/new";
   Copy(kInstalled, changed);
   Mount(changed, kEtc, nullptr, MS_BIND);
-  ReplaceByCopy(std::string(kTarget) + "/var", false);
+  CoverByDirectories(std::string(kTarget) + "/var");
   for (const char* state : {"/var/lib/samba", "/var/cache/samba"}) ReplaceByCopy(state, true);  // for net(8)
   // The users of a directory or a domain are asked for through sockets, names too.
   Cover("/run", {"nscd", "nslcd", "samba/winbindd", "systemd/resolve", "systemd/userdb"});
@@ -280,6 +280,8 @@ void Cover(const std::string& directory, const std::vector<std::string>& kept) {
     close(one.tree);
   }
 }
+
+void CoverByDirectories(const std::string& directory) { ReplaceByCopy(directory, false); }
 
 void LeaveNetwork() {
   // To be found again by a daemon that is to listen on one of them, and one for a machine that has none.

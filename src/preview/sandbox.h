@@ -11,7 +11,8 @@
 #include <string>
 #include <vector>
 
-inline constexpr const char* kEtc = "/var/packages/Brindlecot/target/etc";
+#include "core/paths.h"
+
 inline constexpr const char* kWork = "/tmp/preview";                  ///< for root alone
 inline constexpr const char* kInstalled = "/tmp/preview/old";         ///< the generated files as they were
 inline constexpr const char* kPamConfig = "/tmp/preview/pam-config";  ///< what the package helper was told
@@ -29,6 +30,9 @@ std::vector<std::string> TakeLog();
 /// Covers the directory with an empty one of the same owner and mode, in memory. Of what was in it, the paths
 /// in `kept` stay. Nothing happens where there is no such directory.
 void Cover(const std::string& directory, const std::vector<std::string>& kept = {});
+
+/// Covers the directory with a copy of itself, in memory: without files, just with the directories in it.
+void CoverByDirectories(const std::string& directory);
 
 /// From here on, in a network of its own: the loopback interface, with the machine's own addresses beside its
 /// usual ones, and a name server that answers at once that it does not know.

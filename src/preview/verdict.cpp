@@ -7,6 +7,7 @@
 #include <iterator>
 #include <regex>
 
+#include "preview/mail_questions.h"
 #include "preview/run.h"
 #include "preview/sandbox.h"
 
@@ -86,9 +87,9 @@ std::vector<Verdict> Checkers::AskLast() {
 }
 
 std::string MainParameter(const std::string& name) {
-  std::string value = RunProgram({"postconf", "-c", kFolder, "-xh", name}).output;
-  value.erase(std::min(value.find('\n'), value.size()));
-  return value;
+  static const Values values = ValuesOf(RunProgram({"postconf", "-c", kFolder, "-x"}).output);
+  const auto found = values.find(name);
+  return found == values.end() ? "" : found->second;
 }
 
 bool UsesMilter(const std::string& port) {

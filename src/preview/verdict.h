@@ -34,7 +34,7 @@ class Checkers {
   std::optional<Program> lint_;
 };
 
-/// The value of a parameter of the new main.cf.
+/// The value of a parameter of the new main.cf, which is read once.
 std::string MainParameter(const std::string& name);
 
 /// Whether the new main.cf lets Postfix ask the milter that listens on this port of the machine.
