@@ -117,7 +117,7 @@ void AskAsStranger(Observations& seen, const Listener& listener, const Values& m
 
 // Reads in the log what became of the message. False while that is open; `seen` then says how far it came.
 bool HasEnded(MailObservation& seen, const std::string& log, std::streamoff begin,
-              const std::string& messageId, bool waitingIsGood) {
+              const std::string& messageId, bool isolated, bool waitingIsGood) {
   std::ifstream file(log);
   file.seekg(begin);
   std::vector<std::string> lines;
@@ -127,6 +127,8 @@ bool HasEnded(MailObservation& seen, const std::string& log, std::streamoff begi
     if (end != std::string::npos) queueId = line.substr(0, end).substr(line.rfind(' ', end) + 1);
     lines.push_back(line);
   }
+  bool leaves = false;
+  bool stays = false;
   seen.detail = queueId.empty() ? "it is not taken into the queue" : "it waits in the queue";
   for (const std::string& line : lines) {
     std::smatch match;
@@ -140,11 +142,19 @@ bool HasEnded(MailObservation& seen, const std::string& log, std::streamoff begi
       return true;
     } else if (std::regex_search(line, match, std::regex("status=(sent|deferred|bounced|expired) .*"))) {
       seen.detail = match[0];
-      seen.good = match[1] == "deferred" && waitingIsGood;
-      if (match[1] != "sent") return true;
+      // A copy for another host, or a filter that does not run here: what stays here is still to come.
+      if (isolated && match[1] == "deferred" && Holds(line, "/smtp[")) {
+        leaves = true;
+      } else if (match[1] == "sent") {
+        stays = true;
+      } else {
+        seen.good = match[1] == "deferred" && waitingIsGood;
+        return true;
+      }
     }
   }
-  return false;
+  seen.good = leaves;
+  return leaves && stays;
 }
 
 void SendMessage(Observations& seen, const MailCheck& check, const Values& main) {
@@ -164,7 +174,7 @@ void SendMessage(Observations& seen, const MailCheck& check, const Values& main)
     const bool waitingIsGood = check.isolated && Holds(main.at("alias_maps"), "ldap:");
     const auto start = std::chrono::steady_clock::now();
     std::chrono::seconds patience = kDelivery;
-    while (!HasEnded(message, log, std::max<std::streamoff>(begin, 0), id, waitingIsGood) &&
+    while (!HasEnded(message, log, std::max<std::streamoff>(begin, 0), id, check.isolated, waitingIsGood) &&
            std::chrono::steady_clock::now() < start + patience) {
       if (Holds(message.detail, ": ")) patience = kAfterFault;
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
