@@ -27,7 +27,8 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
   ${PROJECT_BINARY_DIR}/conffiles
   ${PROJECT_SOURCE_DIR}/packaging/postinst
   ${PROJECT_SOURCE_DIR}/packaging/prerm
-  ${PROJECT_SOURCE_DIR}/packaging/postrm)
+  ${PROJECT_SOURCE_DIR}/packaging/postrm
+  ${PROJECT_SOURCE_DIR}/packaging/triggers)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_SET_DESTDIR ON)  # every file has its place from the root
 set(CPACK_INSTALL_PREFIX /)
