@@ -19,14 +19,14 @@ bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
-/// Takes the first word off `text`, with the blanks behind it.
+/// Removes the first word, and the blanks after it, from `text` and returns the word.
 std::string_view TakeWord(std::string_view& text) {
   const std::string_view word = text.substr(0, text.find_first_of(" \t\r"));
   text = Trim(text.substr(word.size()));
   return word;
 }
 
-/// Tells whether `word` is one of the maps of nslcd.conf(5), for which `base` can be set apart.
+/// True when `word` is one of the maps of nslcd.conf(5). A line `base MAP DN` is for that map only.
 bool IsMapName(std::string_view word) {
   constexpr std::string_view kMaps[] = {"aliases", "ethers",    "group", "hosts",    "netgroup", "networks",
                                         "passwd",  "protocols", "rpc",   "services", "shadow"};
@@ -34,7 +34,7 @@ bool IsMapName(std::string_view word) {
                      [=](std::string_view map) { return EqualsIgnoringCase(word, map); });
 }
 
-/// The value of `key`; empty when it is missing.
+/// The value of `key`: of its first line, and for `uri` only the first one there. Empty when it is missing.
 std::string_view FindValue(std::string_view content, std::string_view key) {
   while (!content.empty()) {
     std::string_view value = Trim(TakeLine(content));
@@ -53,7 +53,7 @@ std::string_view FindValue(std::string_view content, std::string_view key) {
   return {};
 }
 
-/// The first line of `content` without its line end, LF or CRLF; blanks are part of a secret.
+/// The first line of `content` without its line end (LF or CRLF). Blanks stay: they belong to the secret.
 std::string_view FirstLine(std::string_view content) {
   std::string_view line = TakeLine(content);
   if (!line.empty() && line.back() == '\n') {
@@ -87,19 +87,19 @@ int NUBOLDAPSecretGet(char* secret, int size) {
   CopyToBuffer({}, secret, size);
   std::string content;
   if (ReadSecretFile(kSecret, content) == ReadResult::kFailed) {
-    SetLastError(Error::kUnreadable);
+    lastError = Error::kUnreadable;
     return -1;
   }
   const std::string_view line = FirstLine(content);
   if (line.empty()) {
     syslog(LOG_ERR, "%s is missing or empty", kSecret);
-    SetLastError(Error::kMissing);
+    lastError = Error::kMissing;
     return -1;
   }
   const int length = CopyToBuffer(line, secret, size);
   if (length < 0) {
     syslog(LOG_ERR, "%s: expected a text of less than %d bytes", kSecret, size);
-    SetLastError(Error::kTooLong);
+    lastError = Error::kTooLong;
   }
   return length;
 }

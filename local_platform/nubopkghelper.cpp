@@ -1,6 +1,6 @@
-/// Stands in for the appliance's package helper: keeps the PAM configuration that a package asks for,
-/// `nubopkghelper update Brindlecot pam-config JSON`. The JSON (RFC 8259) is an object with one member,
-/// "id-list": the PAM ids of the IMAP/POP3 server and of the SMTP server.
+/// Stands in for the appliance's package helper. `nubopkghelper update Brindlecot pam-config JSON` stores the
+/// PAM configuration that the package asks for. The JSON (RFC 8259) is an object with one member, "id-list":
+/// the PAM ids of the IMAP/POP3 server and of the SMTP server.
 #include <json/json.h>
 #include <sys/stat.h>
 

@@ -31,7 +31,7 @@ bool IsPrivate(int file, const char* path) {
 
 ReadResult Read(const char* path, std::string& content, bool secret) {
   content.clear();
-  // A pipe in the file's place must not keep the run waiting; to a file this makes no difference.
+  // O_NONBLOCK: if a pipe stands in the file's place, the run must not wait for it.
   const int file = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (file < 0) {
     if (errno == ENOENT) {
@@ -100,7 +100,7 @@ int ReplaceFile(const char* path, std::string_view content, mode_t mode) {
     LogFailure(path, "cannot create a file beside it");
     return -1;
   }
-  // On disk before it is renamed: a power cut must not leave an empty file in the old one's place.
+  // Written to the disk before the rename. Otherwise a power cut could leave an empty file.
   const bool written = WriteAll(file, content) && fchmod(file, mode) == 0 && fsync(file) == 0;
   const int reason = errno;
   const bool closed = close(file) == 0;
@@ -109,7 +109,7 @@ int ReplaceFile(const char* path, std::string_view content, mode_t mode) {
   }
   errno = written ? errno : reason;
   LogFailure(path, "cannot be replaced");
-  (void)unlink(temp.c_str());  // one failure, one line: the first is the cause
+  (void)unlink(temp.c_str());  // the first failure is logged, this one is not
   return -1;
 }
 

@@ -1,4 +1,4 @@
-/// Text that the libraries of the local platform read from files and hand out in buffers.
+/// Text, for the libraries of the local platform: taking files apart and filling callers' buffers.
 #pragma once
 
 #include <string_view>
@@ -6,9 +6,9 @@
 /// `text` without the blanks, tabs and line ends (LF, CRLF, CR) at its two ends.
 std::string_view Trim(std::string_view text);
 
-/// Takes the first line off `text`, which is not empty, and returns it with its line end, if it has one.
+/// Removes the first line from `text`, which is not empty, and returns it with its line end, if it has one.
 std::string_view TakeLine(std::string_view& text);
 
-/// Copies `value` into `buffer` of `size` bytes, NUL-terminated, and returns its length. A value that does
-/// not fit or holds a NUL byte is never cut: -1, and an empty string in the buffer.
+/// Copies `value` into `buffer` of `size` bytes, NUL-terminated, and returns its length. When it does not fit
+/// or holds a NUL byte: -1, and an empty string in the buffer. A value is never cut.
 int CopyToBuffer(std::string_view value, char* buffer, int size);

@@ -1,8 +1,8 @@
-/// The alias table: an object of alias names, each with its recipients,
+/// The alias table: an object of alias names, each with its recipients:
 ///
 ///     {"postmaster": ["root"], "sales": ["alice", "bob@example.com"]}
 ///
-/// and the same as aliases(5) has it.
+/// It is exported in the format of aliases(5).
 #include <map>
 #include <vector>
 
@@ -12,7 +12,7 @@
 
 namespace {
 
-/// `text` as a double-quoted string when one of its characters would not stand for itself.
+/// `text`, in double quotes when it has one of the characters `specials`.
 std::string Quoted(const std::string& text, const char* specials) {
   if (text.find_first_of(specials) == std::string::npos) {
     return text;
@@ -61,7 +61,7 @@ int Alias::ExportAlias(const std::string& path) {
     const char* separator = ": ";
     lines += Quoted(name, " \"#%(),:;<>@[\\]");
     for (const std::string& recipient : recipients) {
-      lines += separator + Quoted(recipient, " \"#%(),:;<>[\\]");  // an address keeps its `@` bare
+      lines += separator + Quoted(recipient, " \"#%(),:;<>[\\]");  // `@` is part of an address
       separator = ", ";
     }
     lines += '\n';

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// A regular expression in which every character of `text` stands for itself.
+/// The regular expression that matches `text` and nothing else.
 std::string Literal(const std::string& text) {
   std::string literal;
   for (const char c : text) {

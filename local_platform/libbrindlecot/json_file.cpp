@@ -15,7 +15,7 @@
 
 namespace {
 
-/// One for all files: it is expensive to make.
+/// The reader of all files, since making one takes long.
 Json::CharReader& Reader() {
   static const std::unique_ptr<Json::CharReader> reader([] {
     Json::CharReaderBuilder builder;
@@ -67,10 +67,10 @@ JsonFile::JsonFile(const char* path) : path_(path) {
     faulty_ = true;
   }
   if (result == ReadResult::kOk) {
-    // JsonCpp takes a NUL for the end of the text; any other control character is a fault to it, or here.
+    // JsonCpp takes a NUL byte for the end of the text. Another control character is a fault, so use that.
     std::replace(content_.begin(), content_.end(), '\0', '\1');
     if (content_.rfind("\xef\xbb\xbf", 0) == 0) {
-      content_.erase(0, 3);  // a byte order mark, which its offsets do not count
+      content_.erase(0, 3);  // a byte order mark; JsonCpp's offsets do not count it
     }
     Parse();
   }
@@ -84,7 +84,7 @@ void JsonFile::Parse() {
       return Reader().parse(content_.data(), content_.data() + content_.size(), &root, &errors);
     };
     if (!parse() && !(ReplaceLargeNumbers(content_) && parse())) {
-      // Only the first error counts, the others follow from it. Its wording may quote the file.
+      // The other errors follow from the first. Its text may quote a secret, so only its place is logged.
       int line = 1;
       int column = 1;
       std::sscanf(errors.c_str(), "* Line %d, Column %d", &line, &column);
@@ -106,7 +106,7 @@ void JsonFile::SyntaxError(int line, int column, const char* what) {
 }
 
 void JsonFile::Expected(std::string_view key, std::string_view what) {
-  constexpr int kMostFaults = 100;  // logged of one file
+  constexpr int kMostFaults = 100;  // that are logged for one file
   faulty_ = true;
   if (++faults_ <= kMostFaults) {
     syslog(LOG_ERR, "%s: %s: expected %s", path_, Printable(key).c_str(), Printable(what).c_str());
@@ -147,7 +147,7 @@ bool JsonFile::Bool(std::string_view key, const Json::Value& value) {
   return value.asBool();
 }
 
-// JsonCpp reads "-" and "01" as well, which are no JSON.
+// JsonCpp also accepts "-" and "01", which are not JSON.
 bool JsonFile::IsPlain(const Json::Value& integer) const {
   const auto start = static_cast<std::size_t>(integer.getOffsetStart());
   const std::string text = content_.substr(start, static_cast<std::size_t>(integer.getOffsetLimit()) - start);

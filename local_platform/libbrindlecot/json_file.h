@@ -1,5 +1,5 @@
 /// One settings file: a JSON object (RFC 8259, and comments as JsonCpp reads them), read whole and
-/// checked. Every fault is logged, one line each, and no value ever is: it may be a secret.
+/// checked. Each fault is logged in one line. A value is never logged: it may be a secret.
 ///
 ///     PATH:LINE:COLUMN: syntax error
 ///     PATH: KEY: expected ...
@@ -14,38 +14,41 @@
 
 class JsonFile {
  public:
-  /// Reads the file at `path`, which outlives the object. When it is missing, or faulty, the object is
-  /// empty.
+  /// Reads the file at `path`; the string has to live as long as this object. A file that is missing or is
+  /// not one JSON object gives an empty object.
   explicit JsonFile(const char* path);
 
-  /// Whether there is no such file, which is no fault.
+  /// True when the file does not exist. That is not a fault.
   bool Missing() const { return missing_; }
 
-  /// 0, or -1 once a fault was found.
+  /// 0, or -1 when a fault was found.
   int Result() const { return faulty_ ? -1 : 0; }
 
   const Json::Value& Object() const { return object_; }
 
-  /// Takes the value of `key` out of the object. False, with `value` as it was, when the object has none.
+  /// Removes `key` from the object and puts its value into `value`. False when there is no such key; `value`
+  /// is then unchanged.
   bool Take(const char* key, Json::Value& value);
 
-  /// Every key that was not taken is a fault.
+  /// Reports each key that was not taken as a fault.
   void RejectRest();
 
-  /// The object's keys where they are names of the administrator's choice, in byte order. It is a fault
-  /// when one is empty, not text, or equals another without regard to case.
+  /// The object's keys in byte order, for files whose keys are names. A name that is empty, is not text, or
+  /// equals another one without regard to case is a fault.
   std::vector<std::string> Names();
 
-  /// Logs that `key` was expected to be, or to have, `what`.
+  /// Reports a fault: `KEY: expected WHAT`.
   void Expected(std::string_view key, std::string_view what);
 
-  // A value of `key` in its one type. Anything else is a fault, and the result then of no use.
+  // Each checks `value`, found at `key`, and returns it. A value of another type is a fault; the result is
+  // then of no use.
 
   bool Bool(std::string_view key, const Json::Value& value);
 
   int Integer(std::string_view key, const Json::Value& value, int lowest, int highest);
 
-  /// A string of at least `shortest` bytes, 0 or 1. `item` ("item 2 to be ") says which one of the key.
+  /// A string of at least `shortest` bytes, 0 or 1. `item` (such as "item 2 to be ") stands in the fault of a
+  /// list's item.
   std::string Text(std::string_view key, const Json::Value& value, std::size_t shortest = 0,
                    const std::string& item = "");
 

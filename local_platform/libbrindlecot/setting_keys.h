@@ -1,5 +1,5 @@
-/// Every setting of the three groups that are read by key: its type, default and range, once. Nothing of it
-/// is made at run time.
+/// The table of settings: type, default and range of every key in the three groups that are read by key. All
+/// of it is constant, so that a run does not spend time on making it.
 #pragma once
 
 #include <boost/any.hpp>

@@ -24,8 +24,8 @@ boost::any Given(JsonFile& file, const SettingKey& setting, const Json::Value& v
   return Value<std::string>{file.Text(setting.key, value)};
 }
 
-/// Replaces `values` by what the file holds, or defaults. -1, with `values` as they were, when the file
-/// has a fault.
+/// Replaces `values` by those of the file, and by defaults for missing keys. -1 when the file has a fault;
+/// `values` are then unchanged.
 int LoadValues(JsonFile& file, std::initializer_list<SettingKey> keys, Values& values) {
   Values loaded;
   for (const SettingKey& setting : keys) {

@@ -2,10 +2,4 @@
 
 #include "platform/nubocore.h"
 
-namespace {
-Error lastError = Error::kNone;
-}  // namespace
-
-void SetLastError(Error error) { lastError = error; }
-
 unsigned int ZELBCErrGet() { return static_cast<unsigned int>(lastError); }

@@ -1,7 +1,7 @@
-/// The library's last error, for callers that can tell no more than that a call failed.
+/// The code of the library's last error, which a caller may log after a call that failed.
 #pragma once
 
-/// Codes of ZELBCErrGet. A failure that has none of them leaves the last error as it was.
+/// Codes of ZELBCErrGet. Other failures do not change the last error.
 enum class Error : unsigned int {
   kNone = 0,
   kMissing = 1,     ///< the file is missing, or holds no value
@@ -9,4 +9,4 @@ enum class Error : unsigned int {
   kTooLong = 3,     ///< the value does not fit the caller's buffer
 };
 
-void SetLastError(Error error);
+inline Error lastError = Error::kNone;

@@ -47,7 +47,7 @@ Line ReadLine(std::string_view line) {
   return {LineKind::kPair, key, Trim(text.substr(equals + 1))};
 }
 
-/// What the file should hold in the place of `line`; null when nothing is wrong with it.
+/// What was expected in the place of `line`; null when the line is right.
 const char* Expected(const Line& line, bool first) {
   if (line.kind == LineKind::kOther) {
     return "a pair, key = value";
@@ -76,7 +76,7 @@ std::string Formatted(const char* format, const ZELBCSzHash::Entry& entry) {
   return line;
 }
 
-/// The number of the last line of each entry that has one in `content`.
+/// The number of the last line in `content` that sets an entry, by entry.
 using LineNumbers = std::unordered_map<const ZELBCSzHash::Entry*, std::size_t>;
 
 LineNumbers LastLines(std::string_view content, const ZELBCSzHash& hash) {
@@ -96,8 +96,9 @@ LineNumbers LastLines(std::string_view content, const ZELBCSzHash& hash) {
 std::string WithKeys(std::string_view content, const ZELBCSzHash& hash, const char* format) {
   const LineNumbers last = LastLines(content, hash);
   std::string changed;
-  // The entry that the last line in the first column set, if any. Any such line ends the pair above it:
-  // the indented lines of a block (`namespace inbox {`) are no continuation of a pair before the block.
+  // The entry of the pair being read, if any. Every line in the first column ends the pair before it, also
+  // one that is no pair: indented lines in a block (`namespace inbox {`) do not continue a pair above the
+  // block.
   const ZELBCSzHash::Entry* entry = nullptr;
   for (std::size_t number = 0; !content.empty(); ++number) {
     const std::string_view text = TakeLine(content);

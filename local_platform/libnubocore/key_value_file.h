@@ -3,8 +3,8 @@
 
 #include <string_view>
 
-#include "libnubocore/string_hash.h"
+#include "libnubocore/strings.h"
 
-/// Adds the pairs of `content`, the text of the key/value file at `path`, to `hash`. False when a line is
-/// no pair: logged with its number and what was expected there, never with its text, which may be a secret.
+/// Adds the pairs of `content`, the text of the key/value file at `path`, to `hash`. False when a line is no
+/// pair. Then the line's number and what was expected are logged, but never its text, which may be a secret.
 bool ParsePairs(const char* path, std::string_view content, ZELBCSzHash& hash);

@@ -30,12 +30,12 @@ constexpr const char* kOutputLimit = "killed after 8 MB of output";
 
 /// Adds what the child does with its descriptors. 0, or an error number.
 int SetDescriptors(posix_spawn_file_actions_t& actions, int output) {
-  // A descriptor 2 that is closed, or closes when a program starts, would be the next file that the
-  // child opens: its messages would go there.
+  // If the child started with descriptor 2 closed, the next file that it opens would have this number, and
+  // its error messages would go into that file.
   const int flags = fcntl(STDERR_FILENO, F_GETFD);
   const bool passOn = flags >= 0 && (flags & FD_CLOEXEC) == 0;
-  // The pipe may have one of the three numbers. Its writing end is not 0, since the reading end is lower,
-  // and is copied to 1 before 2 is opened.
+  // This order also works when the pipe has one of the numbers 0 to 2: its writing end is never 0, because
+  // the reading end is lower, and it is copied to 1 before 2 is opened.
   return std::max({
       posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0),
       output < 0 ? posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0)
@@ -45,8 +45,8 @@ int SetDescriptors(posix_spawn_file_actions_t& actions, int output) {
   });
 }
 
-/// Gives the child every signal unblocked, with its default action, and a process group of its own, so that
-/// it can be killed with all that it starts. 0, or an error number.
+/// The child gets all signals unblocked with their default actions, and a process group of its own, so that
+/// it can be killed together with all that it starts. 0, or an error number.
 int SetSignals(posix_spawnattr_t& attributes) {
   sigset_t none;
   sigset_t all;
@@ -61,8 +61,8 @@ int SetSignals(posix_spawnattr_t& attributes) {
   });
 }
 
-/// Starts the program `arguments[0]` with its output going to the descriptor `output`, or to /dev/null
-/// when that is negative. 0 with its process in `program`, or an error number.
+/// Starts the program `arguments[0]`. Its output goes to the descriptor `output`, or to /dev/null when that
+/// is negative. 0 with the process in `program`, or an error number.
 int Start(std::vector<const char*> arguments, int output, pid_t& program) {
   arguments.push_back(nullptr);
   posix_spawn_file_actions_t actions;
@@ -75,7 +75,7 @@ int Start(std::vector<const char*> arguments, int output, pid_t& program) {
   if (error == 0) {
     error = std::max(SetDescriptors(actions, output), SetSignals(attributes));
     if (error == 0) {
-      // posix_spawn(3) leaves the strings as they are; its type is older than const.
+      // posix_spawn(3) does not change the strings, though its type does not say so.
       error = posix_spawn(&program, arguments[0], &actions, &attributes,
                           const_cast<char* const*>(arguments.data()), environ);
     }
@@ -87,7 +87,7 @@ int Start(std::vector<const char*> arguments, int output, pid_t& program) {
 
 std::string Because(const char* what, int error) { return std::string(what) + ": " + std::strerror(error); }
 
-/// Waits until there is something to read from `file`, be it its end. False when that takes too long.
+/// Waits until `file` has something to read or is at its end. False when that takes too long.
 bool IsReadable(int file, Clock::time_point end) {
   pollfd waiting = {file, POLLIN, 0};
   int ready = -1;
@@ -98,7 +98,7 @@ bool IsReadable(int file, Clock::time_point end) {
   return ready != 0;
 }
 
-/// Reads `file` to its end. Empty, or why not.
+/// Reads `file` to its end. Returns an empty text, or why it failed.
 std::string ReadAll(int file, Clock::time_point end, std::string& text) {
   char block[8192];
   while (text.size() <= kMostBytes) {
@@ -128,8 +128,8 @@ bool HasEnded(pid_t program, Clock::time_point end) {
   return ended;
 }
 
-/// Waits for a program that has been started and, if it is wanted, reads its output. Empty with the program's
-/// status when it has ended by itself, or why not.
+/// Reads the output of a started program, unless `output` is null, and waits for the program. Returns an
+/// empty text, with the program's `status`, when it ended by itself; otherwise why it did not.
 std::string Finish(pid_t program, int file, std::string* output, int& status) {
   const Clock::time_point end = Clock::now() + kMostTime;
   std::string failure = output != nullptr ? ReadAll(file, end, *output) : "";
@@ -147,14 +147,14 @@ std::string Finish(pid_t program, int file, std::string* output, int& status) {
   return failure;
 }
 
-/// Runs a program to its end, with its output in `output` unless that is null. Empty with its status, or why
-/// that is not to be had.
+/// Runs a program to its end and puts its output into `output`, unless that is null. Returns an empty text,
+/// with the program's `status`, or why there is no status.
 std::string Execute(const std::vector<const char*>& arguments, std::string* output, int& status) {
   int ends[2] = {-1, -1};
   if (output != nullptr && pipe2(ends, O_CLOEXEC) != 0) {
     return Because("could not be run", errno);
   }
-  // Where SIGCHLD is ignored, and a parent may leave it so, the kernel drops the status of a child.
+  // A caller may have set SIGCHLD to be ignored. The kernel would then drop the child's status.
   struct sigaction standard = {};
   struct sigaction inherited = {};
   standard.sa_handler = SIG_DFL;
@@ -162,7 +162,7 @@ std::string Execute(const std::vector<const char*>& arguments, std::string* outp
   pid_t program = 0;
   const int error = Start(arguments, ends[1], program);
   if (output != nullptr && close(ends[1]) != 0) {
-    dup2(ends[0], ends[1]);  // a writing end that stayed open would keep the reader waiting
+    dup2(ends[0], ends[1]);  // or the reader would wait for this end too
   }
   std::string failure =
       error != 0 ? Because("could not be run", error) : Finish(program, ends[0], output, status);
@@ -183,7 +183,7 @@ int Run(const std::vector<const char*>& arguments) {
   return -1;
 }
 
-/// A stream from which `text` can be read. Null with the reason in errno.
+/// Opens a stream from which `text` can be read. Null, with the reason in errno, on failure.
 FILE* OpenStreamOn(const std::string& text) {
   FILE* stream = fmemopen(nullptr, text.size() + 1, "w+");
   if (stream != nullptr) {

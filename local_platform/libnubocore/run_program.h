@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-/// Runs the program `arguments[0]` with the rest of `arguments` and waits for it; nothing is logged.
-/// Empty when it exited with 0, otherwise how it ended, for a log line that names the program. After five
-/// minutes it is killed, with all that it has started.
+/// Runs the program `arguments[0]` with the rest of `arguments` and waits for it. Returns an empty text when
+/// it exited with 0, otherwise how it ended, for a log line. Logs nothing. After five minutes the program is
+/// killed, together with all that it has started.
 std::string RunProgram(const std::vector<const char*>& arguments);

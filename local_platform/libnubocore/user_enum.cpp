@@ -9,16 +9,16 @@
 #include <iterator>
 #include <string>
 
-#include "libnubocore/string_list.h"
+#include "libnubocore/strings.h"
 #include "platform/nubocore.h"
 
 namespace {
 
 constexpr int kWindowsDomain = 2;
 
-/// Tells whether `error`, left by the database after its last user, means that users are missing. What
-/// its sources leave at a plain end varies (ENOENT, ECONNREFUSED, ...), so an error that getpwent(3) does
-/// not document counts only when there was no user at all.
+/// True when `error`, the error number after the last user, means that users are missing. Some of the
+/// database's sources set one at a normal end too (ENOENT, ECONNREFUSED, ...). So a number that getpwent(3)
+/// does not document counts only when there was no user at all.
 bool IsReadError(int error, bool anyUser) {
   constexpr int kErrors[] = {EAGAIN, EINTR, EIO, EMFILE, ENFILE, ENOMEM, ERANGE};
   const bool documented = std::find(std::begin(kErrors), std::end(kErrors), error) != std::end(kErrors);
@@ -48,8 +48,8 @@ int AppendUsers(ZELBCSzList& list, const std::string& prefix) {
   if (IsReadError(readError, anyUser)) {
     return readError;
   }
-  // When a source of the database goes away half-way, getpwent(3) goes on to the next one and may end without
-  // an error. Then none of its users can be looked up any more.
+  // When one source of the database stops answering half-way, getpwent(3) goes on with the next one and may
+  // end without an error. But then the users of that source can no longer be looked up.
   return list.count > first && getpwnam(list.items[first]) == nullptr ? EIO : 0;
 }
 

@@ -1,6 +1,5 @@
-/// The package's settings library, libbrindlecot: the administrator's choices, and the files that the
-/// library writes from them itself. Declarations of what this program uses; the library implements
-/// them.
+/// The package's settings library, libbrindlecot: the administrator's settings, and the files that the
+/// library itself writes from them. These are declarations of what this program uses; the library defines it.
 ///
 /// Results: 0 or more is success and a negative value a failure, except where a call says otherwise.
 /// The library logs its own failures, one line at LOG_ERR each.
@@ -16,7 +15,7 @@
 #include <string>
 #include <utility>
 
-/// A setting's value as a settings object holds it: `bool`, `int` or `std::string`.
+/// A setting's value in a settings object; `T` is `bool`, `int` or `std::string`.
 template <typename T>
 struct Value {
   T value;
@@ -28,8 +27,8 @@ class Config {
   Config(const Config&) = delete;
   Config& operator=(const Config&) = delete;
 
-  /// The value of `key`, a `Value<T>` of the key's own type; empty when there is no such key. Valid
-  /// until the settings are loaded again.
+  /// The value of `key`, a `Value<T>` of the key's type; empty when there is no such key. The reference is
+  /// valid until the settings are loaded again.
   boost::any& Get(const std::string& key);
 
  protected:
@@ -47,14 +46,14 @@ class Postfix : public Config {
   Postfix();
   ~Postfix();
 
-  /// Fills the object from the stored settings. On failure the object is not to be read.
+  /// Fills the object from the stored settings. After a failure the object must not be read.
   int LoadSettings();
 
-  /// Mail domains beside the host name's own, in the administrator's order.
+  /// Further mail domains, in the administrator's order.
   std::list<std::string>& GetAdditionDomain();
 
-  /// DNS blocklists in the administrator's order: the DNS zone, and its kind ("RBL" lists client
-  /// addresses, anything else domain names).
+  /// DNS blocklists in the administrator's order, each with its DNS zone and its kind: "RBL" for a list of
+  /// client addresses, anything else for a list of domain names.
   std::list<std::pair<std::string, std::string>>& GetDNSBLList();
 };
 
@@ -95,7 +94,7 @@ class Alias {
   std::unique_ptr<Data> data_;
 };
 
-/// What each sender may send.
+/// How many messages each sender may send.
 class SenderQuota {
  public:
   /// Writes, installs and compiles the sender quota map that main.cf names.
@@ -110,5 +109,5 @@ class AttachmentFilter {
 };
 
 /// Writes each `Name of field: value` line of `stream` as `Name_of_field=value` to the file at `path`,
-/// opened with fopen(3)'s `mode`. 0 on success, any other value on failure. Leaves `stream` open.
+/// opened with the `mode` of fopen(3). 0 on success, any other value on failure. `stream` stays open.
 int PopenToFile(FILE* stream, const char* path, const char* mode);

@@ -1,5 +1,5 @@
-/// The appliance's SDK, libnubosdk: the LDAP client's settings and bind secret. Declarations of what
-/// this program uses; the library implements them.
+/// The appliance's SDK, libnubosdk: the LDAP client's settings and bind secret. These are declarations of
+/// what this program uses; the library defines it.
 #pragma once
 
 extern "C" {
@@ -10,7 +10,7 @@ extern "C" {
 int NUBOLDAPInfoGetFromConf(const char* path, const char* key, char* value, int size);
 
 /// Copies the LDAP bind secret into `secret` (of `size` bytes), NUL-terminated. Negative when there is
-/// none, it does not fit, or its file is open to others; ZELBCErrGet() then tells why.
+/// none, it does not fit, or group or others have a right to its file; ZELBCErrGet() then has the reason.
 int NUBOLDAPSecretGet(char* secret, int size);
 
 }  // extern "C"

@@ -1,5 +1,5 @@
-/// The appliance's Windows-domain library, libnubowins. Declarations of what this program uses; the
-/// library implements them.
+/// The appliance's Windows-domain library, libnubowins. These are declarations of what this program uses; the
+/// library defines it.
 #pragma once
 
 extern "C" {

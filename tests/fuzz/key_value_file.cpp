@@ -3,7 +3,7 @@
 
 #include "common/text.h"
 #include "fuzz.h"
-#include "libnubocore/string_hash.h"
+#include "libnubocore/strings.h"
 #include "platform/nubocore.h"
 
 static std::vector<std::string> Lines(const std::string& text) {
