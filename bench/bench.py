@@ -12,7 +12,7 @@ import sys
 BENCH = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, BENCH + "/../lab")
 # pylint: disable=wrong-import-position
-from appliance import COMMANDS, ETC, PACKAGE, PROGRAM, generated, lay_out, read, run, settings, write  # noqa: E402
+from appliance import COMMANDS, ETC, PACKAGE, PROGRAM, lay_out, read, run, settings, write  # noqa: E402
 from scenarios import COMPANY  # noqa: E402
 
 WORK = "/run/bench"
@@ -25,6 +25,12 @@ GROUPS = {  # a command, and each file that it may write below ETC with its temp
              "opendkim.conf": "opendkim", "opendkim/KeyTable": "", "opendkim/SigningTable": "",
              "opendkim/TrustedHosts": "", "opendmarc.conf": "opendmarc", "quota_memcache.cf": ""}}
 USERS = (0, 1000, 10000, 100000, 1000000)
+
+
+def generated(path, template):
+    """What stands behind the template's text in a generated file."""
+    text, head = read(path), read(f"{ETC}/template/{template}.template")
+    return text[len(head):] if text.startswith(head) else text
 
 
 def build(output, *arguments):

@@ -66,7 +66,8 @@ build() {
 
 # stage: the package as the build of the preset "release" installs it, below $scratch/stage.
 stage() {
-  DESTDIR=$scratch/stage cmake --install "$top/build/release"
+  build release nubo_set_config nubo_config_preview nubopkghelper &&
+    DESTDIR=$scratch/stage cmake --install "$top/build/release"
 }
 
 # private_root COMMAND...: the command on a private machine, see lab/private_root.
