@@ -1,25 +1,32 @@
 #!/usr/bin/env python3
-# Whole runs as text: run_cases.py PROGRAM... FILE.case...
+# Whole runs as text: run_cases.py PROGRAM FILE.case...
 #
-# A case sets the scene, runs one command, and names all that comes of it: what was printed, calls and log lines,
-# the status, and every file that is new, changed or gone, with its mode and bytes. What it does not name makes
-# it fail. Cases in cases/fake run the program with the platform of fake_platform.cpp, which explains the lines
-# set, domain, dnsbl, user, value, info, search and fail; those in cases/local run it as it is shipped.
+# A case lays files out, runs one command, and names all that comes of it: status, output, programs run, log lines,
+# and each file that is new, changed or gone, with its mode and bytes. What it does not name makes it fail. Only the
+# first case of a file does so in full: the next ones start from its scene, and tell what differs in what comes of it.
 #
-#     case TITLE
-#     file PATH CONTENT         a file in place (\n, \t, \r, \xHH and \\ as in C); secret: with mode 0600
-#     script PATH COMMAND       a program in place; postmap, postalias, nubopkghelper and net do nothing by default
+#     case TITLE                or, where that says enough, the first line of its scene
+#     smtp JSON                 keys of a settings file; likewise the other names in SETTINGS
+#     file PATH CONTENT         a file (\n, \t, \r, \xHH and \\ as in C; \{9 c} is nine times c); secret: with mode 0600
+#     script PATH COMMAND       a program; postmap and postalias copy the table, nubopkghelper does nothing
 #     dir PATH / remove PATH    a directory in place; nothing there
-#     brief NAME...             files whose bytes other cases show; "reads", "trace" for such calls, all calls
-#     run COMMAND...            the program's arguments
-#     expect
-#     (the transcript; $E is the package's target/etc, $P the package, XXXXXX a temporary name's suffix)
+#     closed                    the program has no descriptors 0, 1, 2
+#     run WORD...               the program's arguments
+#     base                      from here on, this case is what others start from
+#     status N / says TEXT / runs PROGRAM... / log TEXT
+#     PATH MODE                 a file; $E is target/etc, $P the package, XXXXXX a temporary name's suffix
+#     |TEXT                     a line of it
+#     PATH ~N |TEXT             in the place of the line N that it had in the first case with this file; also
+#     +N |TEXT / -N to M        behind line N, without these lines
 #
 # Runs on a private machine only (lab/private_root). What differs is printed as a patch: once reviewed, it can
 # be applied to the cases with `patch -p1`.
 import difflib
+import itertools
+import json
 import os
 import re
+import shlex
 import shutil
 import subprocess
 import sys
@@ -27,62 +34,69 @@ import sys
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../lab")
 from appliance import ETC, PACKAGE, POSTMAP, listen, read, write
 
-NAMES = ("main.cf|master.cf|header_checks|opendkim.conf|KeyTable|SigningTable|TrustedHosts|opendmarc.conf|"
-         "10-master.conf|10-mail.conf|MailScanner.conf|local.cf|aliases|aliases.cf|quota_memcache.cf|ad_info")
+PLACES = (PACKAGE, "/usr/nubo", "/tmp")
+SETTINGS = ("smtp", "scanner", "imap_pop3", "aliases", "sender_quotas", "attachment_filter")
+VERBS = (*SETTINGS, "file", "secret", "script", "dir", "remove", "closed", "run", "base")
+SUFFIX = re.compile(r"((?:\.cf|\.conf|_checks|Table|Hosts|aliases|_map|ad_info))[A-Za-z0-9]{6}\b")
 OWN = re.compile(r"^<11>.{15} nubo_set_config: ")  # LOG_USER and LOG_ERR
-ESCAPES = {"n": "\n", "t": "\t", "r": "\r", "\\": "\\"}
 EMULATOR = os.environ.get("EMULATOR", "").split()  # runs the program where it is another machine's
+FILES = {"/etc/passwd": ("root:x:0:0::/:\nD\\zoe:x:7:7::/:\n", 0o644),
+         "/usr/nubo/etc/nslcd.conf": ("uri ldap://a\nbase b\nbinddn c\n", 0o644),
+         "/usr/nubo/etc/ldap.secret": ("s3cret\n", 0o600),
+         "/usr/nubo/etc/wins.secret": ("domain=D\nuser=u\npassword=p\n", 0o600)}
+NET = "printf 'LDAP server: h\\nLDAP port: 389\\nBind Path: b\\ndistinguishedName: CN=a\\n'"
 PROGRAMS = (POSTMAP, PACKAGE + "/target/sbin/postalias", "/usr/nubo/sbin/nubopkghelper", "/usr/bin/net")
 
 
 def expand(text):
     def escaped(match):
-        byte = match[1] and bytes.fromhex(match[1]).decode(errors="surrogateescape")
-        return byte or ESCAPES[match[2]]
+        byte, count, repeated, letter = match.groups()
+        if byte:
+            return bytes.fromhex(byte).decode(errors="surrogateescape")
+        return int(count) * repeated if count else {"n": "\n", "t": "\t", "r": "\r"}.get(letter, letter)
 
-    return re.sub(r"\\(?:x(..)|(.))", escaped, text)
+    return re.sub(r"\\(?:x(..)|\{(\d+) (.)\}|(.))", escaped, text)
 
 
 def shorten(text):
-    text = re.sub(rf"({NAMES})[A-Za-z0-9]{{6}}\b", r"\1XXXXXX", text)
+    text = re.sub(r"(.)\1{99,}", lambda match: f"\\{{{len(match[0])} {match[1]}}}", SUFFIX.sub(r"\1XXXXXX", text))
     return text.replace(ETC, "$E").replace(PACKAGE, "$P")
 
 
 def put_program(path, command):
-    write(path, f'#!/bin/sh\necho "$0 $*" >>/run/trace\n{command}\n', 0o755)
+    write(path, f"#!/bin/sh\nprintf '%s\\0' \"$0 $*\" >>/run/trace\n{command}\n", 0o755)
 
 
-def tree():
+def tree(*tops):
     """Mode and content of every file, by path."""
-    found = {}
-    for top in ("/tmp", PACKAGE, "/usr/nubo"):
-        for folder, _, names in os.walk(top):
-            for path in (os.path.join(folder, name) for name in names):
-                found[path] = f"{os.stat(path).st_mode & 0o7777:o}", read(path)
-    return found
+    paths = [os.path.join(folder, name) for top in tops for folder, _, names in os.walk(top) for name in names]
+    return {path: (f"{os.stat(path).st_mode & 0o7777:o}", read(path)) for path in paths}
+
+
+def in_scene(line):
+    return line.split(" ")[0] in VERBS
 
 
 def set_scene(lines):
-    """Lays the files of a scene out; returns the program's arguments and what is to be brief."""
-    for path in ("/tmp", PACKAGE, "/usr/nubo", "/etc/passwd", "/usr/bin/net"):
-        subprocess.run(f"rm -rf {path}/* {path}", shell=True, stderr=subprocess.DEVNULL, check=False)
-        os.makedirs("/tmp", exist_ok=True)
+    """Lays the files of a scene out; returns the words of `run`, and the lines of one word."""
+    for path in (PACKAGE, "/usr/nubo", *(entry.path for entry in os.scandir("/tmp"))):
+        shutil.rmtree(path, ignore_errors=True)
     for folder in ("MailScanner", "dovecot/conf.d", "opendkim", "spamassassin"):
         os.makedirs(f"{ETC}/{folder}")
     for name in "main master header_checks opendkim opendmarc 10-mail mailscanner spamassassin".split():
         write(f"{ETC}/template/{name}.template", f"# {name}\n")
     for path in PROGRAMS:
-        put_program(path, "exit 0")
-    write("/etc/passwd", "")
-    arguments, brief = [], set()
+        put_program(path, 'cp -p "$1" "$1.db" 2>&-' if "/post" in path else NET if path.endswith("/net") else "")
+    for path, (content, mode) in FILES.items():
+        write(path, content, mode)
+    argv, flags = [], set()
     for line in lines:
-        verb, _, rest = line.partition(" ")
+        verb, _, rest = line.replace("$E", ETC).replace("$P", PACKAGE).partition(" ")
         path, _, content = rest.partition(" ")
-        path = path.replace("$E", ETC).replace("$P", PACKAGE)
-        if verb == "run":
-            arguments = rest.split()
-        elif verb == "brief":
-            brief |= set(rest.split())
+        if verb in SETTINGS:
+            path = f"{PACKAGE}/etc/settings/{verb}.json"
+            values = json.loads(read(path)) if os.path.exists(path) else {}
+            write(path, json.dumps(values | json.loads(rest), ensure_ascii=False))
         elif verb in ("file", "secret"):
             write(path, expand(content), 0o644 if verb == "file" else 0o600)
         elif verb == "script":
@@ -90,11 +104,12 @@ def set_scene(lines):
         elif verb == "dir":  # not empty, so that no rename replaces it
             os.makedirs(path + "/x")
         elif verb == "remove":
-            subprocess.run(["rm", "-r", path], check=True)
-        elif verb == "user":
-            with open("/etc/passwd", "a", encoding="utf-8") as file:
-                file.write(f"{rest}:x:7:7::/:\n")
-    return arguments, brief
+            shutil.rmtree(path) if os.path.isdir(path) else os.unlink(path)
+        elif verb == "run":
+            argv = shlex.split(rest)
+        else:
+            flags.add(verb)
+    return argv, flags
 
 
 def cover():
@@ -106,62 +121,86 @@ def cover():
     subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/tmp"], check=True)
 
 
-def transcript(program, lines, take_log):
-    arguments, brief = set_scene(lines)
+def run(program, argv, flags, take_log):
+    """What comes of a run, as blocks of lines by file; under "" what is in no file."""
     write("/run/trace", "")
-    before = tree()
-    run = subprocess.run([*EMULATOR, program, *arguments], stdin=subprocess.DEVNULL, capture_output=True, check=False,
-                         env={"NUBO_SCENE": "\n".join(lines)}, timeout=60)
-    shown = (run.stdout + run.stderr).decode(errors="surrogateescape")
-    if "reads" in brief:
-        shown = re.sub(r"(?m)^read .*\n", "", shown)
-    shown += "".join("runs " + line for line in read("/run/trace").splitlines(True))
-    shown += "".join("log " + OWN.sub("", line) + "\n" for line in take_log())
-    shown = ("" if "trace" in brief else shorten(shown)) + f"status {run.returncode}\n"
-    after, in_brief = tree(), []
-    for path in sorted(before.keys() | after.keys()):
-        if path not in after:
-            shown += f"{shorten(path)} gone\n"
-        elif before.get(path) != after[path]:
-            mode, content = after[path]
-            line = f"{shorten(path)} {mode}"
-            if os.path.basename(path) in brief:
-                in_brief.append(line)
-                continue
-            shown += line + "\n"
-            if content:
-                shown += "".join(f"|{line}\n" for line in shorten(content).removesuffix("\n").split("\n"))
-                shown += "" if content.endswith("\n") else "(no newline at the end)\n"
-    shown += "in brief " + ", ".join(in_brief) + "\n" if in_brief else ""
-    return shown
+    before = tree(*PLACES)
+    # A parent may leave SIGCHLD ignored; then the kernel drops the status of a child that is not looked after.
+    shell = 'trap "" CHLD; exec "$@"' + " <&- >&- 2>&-" * ("closed" in flags)
+    done = subprocess.run(["sh", "-c", shell, "sh", *program, *argv], stdin=subprocess.DEVNULL, capture_output=True,
+                          check=False, timeout=60, env={})
+    lines = ["says " + line.decode() for line in (done.stdout + done.stderr).splitlines()]
+    lines += ["runs " + line for line in read("/run/trace").split("\0")[:-1]]
+    lines += ["log " + OWN.sub("", line) for line in take_log()]
+    lines = [shorten(line).replace("\n", "\\n") for line in lines]
+    if EMULATOR:  # vfork(2) is a fork there, whose child can only exit to say that it found no program
+        lines = [line.replace(": exit status 127", ": could not be run: Permission denied") for line in lines]
+    blocks = {"": [f"status {done.returncode}", *lines]}
+    after = tree(*PLACES)
+    for path in before.keys() - after.keys():
+        blocks[shorten(path)] = ["gone"]
+    for path, (mode, content) in after.items():
+        compiled = after.get(path + ".db") == after[path]
+        done = path.endswith(".db") and after.get(path[:-3]) == after[path]
+        if compiled or before.get(path) != after[path] and not done:
+            lines = ["|" + line for line in shorten(content).split("\n")]
+            lines = lines[:-1] if content.endswith("\n") or not content else [*lines, "(no line end)"]
+            blocks[shorten(path)] = [mode + " compiled" * compiled, *lines]
+    return blocks
 
 
-def main(*paths):
+def differences(lines, known):
+    """What makes the known lines these."""
+    for kind, begin, end, start, stop in difflib.SequenceMatcher(None, known, lines, False).get_opcodes():
+        if kind != "equal":
+            both = begin + min(end - begin, stop - start)
+            yield from (f"~{number + 1} {lines[start + number - begin]}" for number in range(begin, both))
+            yield from (f"+{both} {line}" for line in lines[start + both - begin:stop])
+            yield from [f"-{both + 1}" + f" to {end}" * (end > both + 1)] * (end > both)
+
+
+def render(blocks, base, known):
+    """The run as text: what differs from the base, and from what is known of a file."""
+    shown = []
+    for name in sorted(name for name in blocks if blocks[name] != base.get(name)):
+        head, *lines = blocks[name]
+        like = known.get(name.removesuffix("XXXXXX"))
+        title = [name] * bool(name) + [head] * (not like or like[0] != head)
+        changes = list(differences(lines, like[1:])) if like else lines
+        if like and name and changes:
+            title.append(changes.pop(0))
+        shown += [" ".join(title)] * bool(title) + changes
+    missing = sorted(base.keys() - blocks.keys())
+    shown += [" ".join(["not written", *missing])] * bool(missing)
+    return "".join(line + "\n" for line in shown)
+
+
+def main(program, *paths):
     os.umask(0o022)
-    for name, path in zip(("fake", "local"), paths):
-        os.mkdir("/run/" + name)
-        shutil.copy(path, f"/run/{name}/nubo_set_config")
-    texts = {path: read(path) for path in paths[2:]}
+    shutil.copy(program, "/run/nubo_set_config")
+    texts = {path: read(path) for path in paths}
     cover()
     write("/etc/nsswitch.conf", "passwd: files\n")
     take_log = listen()
     passed = failed = 0
     for path, text in texts.items():
-        cases = re.split(r"(?m)^case ", text)[1:]
-        program = f"/run/{os.path.basename(os.path.dirname(path))}/nubo_set_config"
-        written = ""
-        for case in cases:
-            scene, _, expected = case.partition("\nexpect\n")
-            title, *lines = scene.split("\n")
-            actual = transcript(program, lines, take_log)
-            if EMULATOR:  # vfork(2) is a fork there, whose child can only exit to say that it found no program
-                actual = actual.replace(": exit status 127\n", ": could not be run: Permission denied\n")
-            written += f"case {scene}\nexpect\n{actual}"
-            if actual == expected:
-                passed += 1
-                continue
-            failed += 1
-            print(f"{path}: {title}")
+        written, start, base, known = "", [], {}, {}
+        for case in re.split(r"(?m)^case ", text)[1:]:
+            title, *lines = case.removesuffix("\n").split("\n")
+            scene = list(itertools.takewhile(in_scene, lines))
+            expected = "".join(line + "\n" for line in lines[len(scene):])
+            scene = [title] * in_scene(title) + scene
+            argv, flags = set_scene(start + scene)
+            blocks = run([*EMULATOR, "/run/nubo_set_config"], argv, flags, take_log)
+            actual = render(blocks, base, known)
+            if not base or "base" in scene:
+                start, base = start + scene, blocks
+            known = {**blocks, **known, **base}
+            written += "case " + "".join(line + "\n" for line in [title] * (not in_scene(title)) + scene) + actual
+            good = actual == expected
+            passed += good
+            failed += not good
+            print("" if good else f"{path}: {title}\n", end="")
         name = path[path.rindex("tests/"):]
         diff = difflib.unified_diff(text.splitlines(True), written.splitlines(True), "a/" + name, "b/" + name)
         print("".join(diff), end="")
