@@ -38,17 +38,11 @@ bool IsMapName(std::string_view word) {
 std::string_view FindValue(std::string_view content, std::string_view key) {
   while (!content.empty()) {
     std::string_view value = Trim(TakeLine(content));
-    if (!EqualsIgnoringCase(TakeWord(value), key)) {
-      continue;
-    }
+    if (!EqualsIgnoringCase(TakeWord(value), key)) continue;
     std::string_view rest = value;
     const std::string_view word = TakeWord(rest);
-    if (EqualsIgnoringCase(key, "uri")) {
-      return word;
-    }
-    if (!EqualsIgnoringCase(key, "base") || !IsMapName(word)) {
-      return value;
-    }
+    if (EqualsIgnoringCase(key, "uri")) return word;
+    if (!EqualsIgnoringCase(key, "base") || !IsMapName(word)) return value;
   }
   return {};
 }
@@ -70,9 +64,7 @@ std::string_view FirstLine(std::string_view content) {
 int NUBOLDAPInfoGetFromConf(const char* path, const char* key, char* value, int size) {
   CopyToBuffer({}, value, size);
   std::string content;
-  if (ReadFile(path, content) == ReadResult::kFailed) {
-    return -1;
-  }
+  if (ReadFile(path, content) == ReadResult::kFailed) return -1;
   const std::string_view found = FindValue(content, key);
   const int length = CopyToBuffer(found, value, size);
   if (found.empty()) {

@@ -34,9 +34,7 @@ ReadResult Read(const char* path, std::string& content, bool secret) {
   // O_NONBLOCK: if a pipe stands in the file's place, the run must not wait for it.
   const int file = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (file < 0) {
-    if (errno == ENOENT) {
-      return ReadResult::kMissing;
-    }
+    if (errno == ENOENT) return ReadResult::kMissing;
     LogFailure(path, "expected a readable file");
     return ReadResult::kFailed;
   }
@@ -85,9 +83,7 @@ int WriteFile(const char* path, std::string_view content) {
   const bool written = file >= 0 && WriteAll(file, content);
   const int reason = errno;
   const bool closed = file >= 0 && close(file) == 0;
-  if (written && closed) {
-    return 0;
-  }
+  if (written && closed) return 0;
   errno = written ? errno : reason;
   LogFailure(path, "cannot be written");
   return -1;
@@ -104,9 +100,7 @@ int ReplaceFile(const char* path, std::string_view content, mode_t mode) {
   const bool written = WriteAll(file, content) && fchmod(file, mode) == 0 && fsync(file) == 0;
   const int reason = errno;
   const bool closed = close(file) == 0;
-  if (written && closed && rename(temp.c_str(), path) == 0) {
-    return 0;
-  }
+  if (written && closed && rename(temp.c_str(), path) == 0) return 0;
   errno = written ? errno : reason;
   LogFailure(path, "cannot be replaced");
   (void)unlink(temp.c_str());  // the first failure is logged, this one is not

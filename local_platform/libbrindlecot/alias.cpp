@@ -14,9 +14,7 @@ namespace {
 
 /// `text`, in double quotes when it has one of the characters `specials`.
 std::string Quoted(const std::string& text, const char* specials) {
-  if (text.find_first_of(specials) == std::string::npos) {
-    return text;
-  }
+  if (text.find_first_of(specials) == std::string::npos) return text;
   std::string quoted = "\"";
   for (const char c : text) {
     if (c == '"' || c == '\\') {

@@ -37,9 +37,7 @@ int AttachmentFilter::GenerateConfig() {
   file.Take("deny_extensions", list);
   const auto extensions = file.Texts("deny_extensions", list, 1);
   file.RejectRest();
-  if (file.Result() != 0) {
-    return -1;
-  }
+  if (file.Result() != 0) return -1;
   std::string rules;
   for (const std::string& extension : extensions) {
     rules += "deny\t(?i)\\." + Literal(extension) +

@@ -13,9 +13,7 @@ namespace {
 /// The `name=value` line of a `Name: value` line; empty when it has no name or no value.
 std::string Pair(std::string_view line) {
   const std::size_t colon = line.find(':');
-  if (colon == std::string_view::npos) {
-    return "";
-  }
+  if (colon == std::string_view::npos) return "";
   std::string name(Trim(line.substr(0, colon)));
   const std::string value(Trim(line.substr(colon + 1)));
   std::replace(name.begin(), name.end(), ' ', '_');
@@ -34,9 +32,7 @@ bool ReadStream(FILE* stream, std::string& text) {
 
 bool Write(const char* path, const std::string& mode, const std::string& text) {
   FILE* const file = fopen(path, (mode + 'e').c_str());
-  if (file == nullptr) {
-    return false;
-  }
+  if (file == nullptr) return false;
   const bool written = WriteAll(fileno(file), text);
   const int reason = errno;
   const bool closed = fclose(file) == 0;
@@ -53,9 +49,7 @@ int PopenToFile(FILE* stream, const char* path, const char* mode) {
   for (std::string_view rest = output; read && !rest.empty();) {
     pairs += Pair(TakeLine(rest));
   }
-  if (read && Write(path, mode, pairs)) {
-    return 0;
-  }
+  if (read && Write(path, mode, pairs)) return 0;
   syslog(LOG_ERR, "%s: %s: %s", Printable(path).c_str(),
          read ? "cannot be written" : "expected readable output for it", std::strerror(errno));
   return -1;

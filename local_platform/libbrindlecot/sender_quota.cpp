@@ -21,8 +21,6 @@ int SenderQuota::GenerateConfig() {
     const int limit = file.Integer(address, file.Object()[address], 0, INT_MAX);
     lines += address + ' ' + std::to_string(limit) + '\n';
   }
-  if (file.Result() != 0 || ReplaceFile(map, lines, 0644) != 0) {
-    return -1;
-  }
+  if (file.Result() != 0 || ReplaceFile(map, lines, 0644) != 0) return -1;
   return ZELBCExec("/var/packages/Brindlecot/target/sbin/postmap", map, nullptr, nullptr, nullptr);
 }

@@ -15,9 +15,7 @@ using PairList = std::list<std::pair<std::string, std::string>>;
 
 /// The value that the file has for `setting`, checked.
 boost::any Given(JsonFile& file, const SettingKey& setting, const Json::Value& value) {
-  if (std::holds_alternative<bool>(setting.defaultValue)) {
-    return Value<bool>{file.Bool(setting.key, value)};
-  }
+  if (std::holds_alternative<bool>(setting.defaultValue)) return Value<bool>{file.Bool(setting.key, value)};
   if (std::holds_alternative<int>(setting.defaultValue)) {
     return Value<int>{file.Integer(setting.key, value, setting.lowest, setting.highest)};
   }

@@ -33,28 +33,18 @@ struct Line {
 
 Line ReadLine(std::string_view line) {
   const std::string_view text = Trim(line);
-  if (text.empty() || text.front() == '#') {
-    return {LineKind::kSkipped, {}, {}};
-  }
-  if (line.front() == ' ' || line.front() == '\t') {
-    return {LineKind::kContinuation, {}, text};
-  }
+  if (text.empty() || text.front() == '#') return {LineKind::kSkipped, {}, {}};
+  if (line.front() == ' ' || line.front() == '\t') return {LineKind::kContinuation, {}, text};
   const std::size_t equals = text.find('=');
   const std::string_view key = Trim(text.substr(0, equals));
-  if (equals == std::string_view::npos || key.empty()) {
-    return {LineKind::kOther, {}, {}};
-  }
+  if (equals == std::string_view::npos || key.empty()) return {LineKind::kOther, {}, {}};
   return {LineKind::kPair, key, Trim(text.substr(equals + 1))};
 }
 
 /// What was expected in the place of `line`; null when the line is right.
 const char* Expected(const Line& line, bool first) {
-  if (line.kind == LineKind::kOther) {
-    return "a pair, key = value";
-  }
-  if (line.kind == LineKind::kContinuation && first) {
-    return "a pair before its continuation";
-  }
+  if (line.kind == LineKind::kOther) return "a pair, key = value";
+  if (line.kind == LineKind::kContinuation && first) return "a pair before its continuation";
   const bool binary =
       line.key.find('\0') != std::string_view::npos || line.value.find('\0') != std::string_view::npos;
   return binary ? "text without NUL bytes" : nullptr;
@@ -163,9 +153,7 @@ int ZELBCFileGetPair(const char* path, ZELBCSzHash** hash) {
 
 int ZELBCFileSetKeys(const char* path, ZELBCSzHash* hash, int /*flags*/, const char* format) {
   std::string content;
-  if (!ReadExisting(path, content)) {
-    return -1;
-  }
+  if (!ReadExisting(path, content)) return -1;
   struct stat status = {};
   if (stat(path, &status) != 0) {
     syslog(LOG_ERR, "%s: expected a readable mode: %s", path, std::strerror(errno));
@@ -178,13 +166,9 @@ int ZELBCFileGetKeyValue(const char* path, const char* key, char* value, int siz
   CopyToBuffer({}, value, size);
   std::string content;
   ZELBCSzHash hash;
-  if (ReadFile(path, content) != ReadResult::kOk || !ParsePairs(path, content, hash)) {
-    return -1;
-  }
+  if (ReadFile(path, content) != ReadResult::kOk || !ParsePairs(path, content, hash)) return -1;
   const ZELBCSzHash::Entry* entry = hash.Find(key);
-  if (entry == nullptr) {
-    return -1;
-  }
+  if (entry == nullptr) return -1;
   const int length = CopyToBuffer(entry->value, value, size);
   if (length < 0) {
     syslog(LOG_ERR, "%s: %s: expected a text of less than %d bytes", path, key, size);

@@ -68,9 +68,7 @@ int Start(std::vector<const char*> arguments, int output, pid_t& program) {
   posix_spawn_file_actions_t actions;
   posix_spawnattr_t attributes;
   int error = posix_spawn_file_actions_init(&actions);
-  if (error != 0) {
-    return error;
-  }
+  if (error != 0) return error;
   error = posix_spawnattr_init(&attributes);
   if (error == 0) {
     error = std::max(SetDescriptors(actions, output), SetSignals(attributes));
@@ -102,16 +100,10 @@ bool IsReadable(int file, Clock::time_point end) {
 std::string ReadAll(int file, Clock::time_point end, std::string& text) {
   char block[8192];
   while (text.size() <= kMostBytes) {
-    if (!IsReadable(file, end)) {
-      return kTimeLimit;
-    }
+    if (!IsReadable(file, end)) return kTimeLimit;
     const ssize_t got = read(file, block, sizeof block);
-    if (got == 0) {
-      return "";
-    }
-    if (got < 0 && errno != EINTR) {
-      return Because("killed after its output could not be read", errno);
-    }
+    if (got == 0) return "";
+    if (got < 0 && errno != EINTR) return Because("killed after its output could not be read", errno);
     text.append(block, got > 0 ? static_cast<std::size_t>(got) : 0);
   }
   return kOutputLimit;
@@ -140,9 +132,7 @@ std::string Finish(pid_t program, int file, std::string* output, int& status) {
     kill(-program, SIGKILL);
   }
   while (waitpid(program, &status, 0) < 0) {
-    if (errno != EINTR) {
-      return Because("could not be waited for", errno);
-    }
+    if (errno != EINTR) return Because("could not be waited for", errno);
   }
   return failure;
 }
@@ -151,9 +141,7 @@ std::string Finish(pid_t program, int file, std::string* output, int& status) {
 /// with the program's `status`, or why there is no status.
 std::string Execute(const std::vector<const char*>& arguments, std::string* output, int& status) {
   int ends[2] = {-1, -1};
-  if (output != nullptr && pipe2(ends, O_CLOEXEC) != 0) {
-    return Because("could not be run", errno);
-  }
+  if (output != nullptr && pipe2(ends, O_CLOEXEC) != 0) return Because("could not be run", errno);
   // A caller may have set SIGCHLD to be ignored. The kernel would then drop the child's status.
   struct sigaction standard = {};
   struct sigaction inherited = {};
@@ -176,9 +164,7 @@ std::string Execute(const std::vector<const char*>& arguments, std::string* outp
 /// RunProgram, with a failure logged. 0, or -1.
 int Run(const std::vector<const char*>& arguments) {
   const std::string failure = RunProgram(arguments);
-  if (failure.empty()) {
-    return 0;
-  }
+  if (failure.empty()) return 0;
   syslog(LOG_ERR, "%s: %s", arguments[0], failure.c_str());
   return -1;
 }
@@ -198,12 +184,8 @@ FILE* OpenStreamOn(const std::string& text) {
 std::string RunProgram(const std::vector<const char*>& arguments) {
   int status = 0;
   std::string failure = Execute(arguments, nullptr, status);
-  if (!failure.empty()) {
-    return failure;
-  }
-  if (WIFSIGNALED(status)) {
-    return "killed by signal " + std::to_string(WTERMSIG(status));
-  }
+  if (!failure.empty()) return failure;
+  if (WIFSIGNALED(status)) return "killed by signal " + std::to_string(WTERMSIG(status));
   return WEXITSTATUS(status) == 0 ? "" : "exit status " + std::to_string(WEXITSTATUS(status));
 }
 

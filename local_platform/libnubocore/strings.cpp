@@ -22,9 +22,7 @@ struct List : ZELBCSzList {
 bool Grow(ZELBCSzList& list, int capacity) {
   auto* items = static_cast<char**>(
       reallocarray(static_cast<void*>(list.items), static_cast<std::size_t>(capacity), sizeof(char*)));
-  if (items == nullptr) {
-    return false;
-  }
+  if (items == nullptr) return false;
   list.items = items;
   list.capacity = capacity;
   return true;

@@ -42,12 +42,8 @@ int AppendUsers(ZELBCSzList& list, const std::string& prefix) {
     errno = 0;
   }
   const int readError = errno;
-  if (IsReadError(openError, anyUser)) {
-    return openError;
-  }
-  if (IsReadError(readError, anyUser)) {
-    return readError;
-  }
+  if (IsReadError(openError, anyUser)) return openError;
+  if (IsReadError(readError, anyUser)) return readError;
   // When one source of the database stops answering half-way, getpwent(3) goes on with the next one and may
   // end without an error. But then the users of that source can no longer be looked up.
   return list.count > first && getpwnam(list.items[first]) == nullptr ? EIO : 0;
