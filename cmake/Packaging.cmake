@@ -1,5 +1,5 @@
-# Debian packages, by CPack. What belongs to Debian alone is installed here: documentation where its policy wants
-# it, and names in the PATH for programs that live in the package's own tree.
+# Debian packages, made by CPack. What only Debian needs is installed here: documentation where its policy wants it,
+# and links in /usr/sbin to the programs, so that they are in the PATH.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME nubo-set-config)
 set(CPACK_PACKAGE_CONTACT "nubo_set_config authors <maintainers@nubo-set-config.invalid>")
@@ -13,8 +13,8 @@ group of these files whole and replaces each in one step.
 nubo_config_preview shows beforehand what a run would change, and what the
 daemons would say of it.")
 
-# What it calls; net(8), of samba-common-bin, only for a Windows domain's accounts. The daemons that read the files
-# are recommended: which of them run here is the administrator's choice.
+# It depends on what it calls, except net(8) of samba-common-bin, which only Windows domains need. It recommends the
+# daemons that read the files: the administrator chooses which of them run here.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "postfix, openssl, iproute2")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "postfix-ldap, libsasl2-modules, dovecot-imapd, dovecot-pop3d, opendkim, \
@@ -30,7 +30,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
   ${PROJECT_SOURCE_DIR}/packaging/postrm
   ${PROJECT_SOURCE_DIR}/packaging/triggers)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_SET_DESTDIR ON)  # every file has its place from the root
+set(CPACK_SET_DESTDIR ON)  # all destinations are absolute
 set(CPACK_INSTALL_PREFIX /)
 set(CPACK_STRIP_FILES ON)
 include(CPack)

@@ -24,7 +24,7 @@ int ConfigGenerator::GenerateDomainAliases() {
   const RemovedAtEnd removed(temp);
   if (!Written(MakeTempFile(temp) == 0, temp)) return -1;
 
-  constexpr int kDomainUsers = 2;  // the core library's type of a Windows domain's users
+  constexpr int kDomainUsers = 2;  // the core library's number for users of a Windows domain
   OwnedList users;
   users.handle = ZELBCSzListAlloc(1024);
   if (users.handle == nullptr) {
@@ -42,7 +42,7 @@ int ConfigGenerator::GenerateDomainAliases() {
   for (int i = 0; i < users.handle->count; ++i) {
     const char* name = users.handle->items[i];
     const char* backslash = std::strchr(name, '\\');
-    // A line without a key would spoil the table, and a line feed in a name would forge an alias.
+    // Without a user's name the line would continue the one above, and a line feed would begin another alias.
     if (backslash == nullptr || backslash[1] == '\0' || HasControls(name)) continue;
     const char* user = backslash + 1;
     line.assign(user).append(" : ").append(name, backslash).append("\\\\").append(user);
@@ -51,7 +51,7 @@ int ConfigGenerator::GenerateDomainAliases() {
   if (!WrittenWhole(domainAliases, temp)) return -1;
 
   if (InstallFile(temp, "/var/packages/Brindlecot/target/etc/domain-aliases") < 0) {
-    unlink(temp);  // not to be seen while the old table is compiled
+    unlink(temp);  // gone before the old table is compiled
   }
   return CompileMap(kPostalias, "/var/packages/Brindlecot/target/etc/domain-aliases") < 0 ? -1 : 0;
 }

@@ -10,9 +10,9 @@ namespace {
 constexpr const char* kNet = "/usr/bin/net";
 constexpr int kLineSize = 512;
 
-// Adds the domain's server, port and search base to `domain`, under the names that `net ads info` prints,
-// and the distinguished name of `user` as "bind_dn". The scratch file is removed before the programs are
-// waited for, since what is declared last is destroyed first.
+// Adds the domain's server, port and search base to `domain`, under the names that `net ads info` prints, and
+// the distinguished name of `user` as "bind_dn". The scratch file is declared after the programs, so that it
+// is removed before they are waited for: destructors run in reverse.
 bool GetDomainInfo(OwnedHash& domain, const char* user) {
   OwnedOutput info;
   OwnedOutput search;
@@ -32,7 +32,7 @@ bool GetDomainInfo(OwnedHash& domain, const char* user) {
   char kept[kLineSize] = {};
   while (std::fgets(line, sizeof line, search.handle) != nullptr) {
     if (std::strstr(line, "distinguishedName") == nullptr) continue;
-    // Other attributes may quote the word; the name itself is the last of an entry.
+    // The word may also stand in other attributes. The last line with it is the name's.
     std::memcpy(kept, line, sizeof kept);
     (void)ZELBCStrTrimSpace(kept, 0);
   }
@@ -52,7 +52,7 @@ int ConfigGenerator::GenerateDomainLdapAliasMap() {
   char password[1024] = {};
 
   char temp[] = "/var/packages/Brindlecot/target/etc/domain-aliases.cfXXXXXX";
-  std::optional<SignalsWait> signalsWait;  // from the password on, not while programs run
+  std::optional<SignalsWait> signalsWait;  // begins with the password, when no program runs any more
   const RemovedAtEnd removed(temp);
   OwnedHash domain;
   if (!Written(MakeTempFile(temp) == 0, temp)) return -1;

@@ -16,8 +16,7 @@ bool GetNslcdOption(const char* key, char (&value)[kValueSize], int line) {
   return false;
 }
 
-// The text behind "scheme://", port and path included; empty when nothing follows the scheme. False
-// when there is no scheme.
+// The text after "scheme://", with port and path. It may be empty. False when there is no scheme.
 bool FindHostPart(std::string_view uri, std::string_view& host) {
   const size_t scheme = uri.find_first_not_of('/');
   if (scheme == std::string_view::npos) return false;

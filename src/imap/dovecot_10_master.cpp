@@ -14,7 +14,7 @@ int ConfigGenerator::GenerateDovecotConfig() {
   dovecotMasterConf << "    process_limit = 256" << EndLine;
   dovecotMasterConf << "    inet_listener imap {" << EndLine;
   if (!GetBool(imapPop3, "imap_enabled")) {
-    // IMAP is never off on the appliance itself. The other listeners are switched off by port 0.
+    // On the appliance itself IMAP always works. Port 0 switches the other listeners off.
     dovecotMasterConf << "        address = localhost" << EndLine;
   }
   dovecotMasterConf << "        port = 143" << EndLine;

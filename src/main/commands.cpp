@@ -56,7 +56,7 @@ int RunCommand(int argc, const char* const argv[]) {
   try {
     return Run(argc, argv);
   } catch (const boost::bad_any_cast&) {
-    return -1;  // logged by the read, which knows the key
+    return -1;  // already logged, with the key
   } catch (const std::exception& error) {
     syslog(LOG_ERR, "%s:%d run ended: %s", kLogSource, 57, error.what());
     return -1;

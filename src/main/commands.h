@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-/// The words in the order in which all of them are run.
+/// All words, in the order in which a full run takes them.
 std::vector<std::string> CommandWords();
 
-/// What the program does with its command line; the exit status. Prints the usage where that is wrong.
+/// Runs the command line and returns the exit status. Prints the usage when the command line is wrong.
 int RunCommand(int argc, const char* const argv[]);

@@ -7,8 +7,8 @@
 
 namespace {
 
-// A caller may have closed the standard descriptors. A file opened in the place of one would be written
-// to by whatever prints there.
+// A caller may have closed a standard descriptor. The next file that is opened would get its number, and
+// messages would be printed into that file.
 void KeepStandardDescriptors() {
   int file = open("/dev/null", O_RDWR);
   while (file >= 0 && file < STDERR_FILENO) file = dup(file);

@@ -2,7 +2,7 @@
 
 namespace {
 
-// MailScanner's word for how the report goes with the message; the empty one sends none.
+// MailScanner's word for how spam is delivered: as an attachment, without its HTML, or (empty) as it came.
 const char* ReportAction(int mechanism) {
   switch (mechanism) {
     case 1:

@@ -3,8 +3,7 @@
 
 namespace {
 
-// What the recipient and the HELO list both begin with: the administrator's own tables, then those who may
-// send.
+// The beginning of the recipient and of the HELO list: the administrator's tables, then who may always send.
 std::list<std::string> CommonRestrictions() {
   return {"check_client_access hash:/var/packages/Brindlecot/target/etc/access/client_access",
           "check_sender_access hash:/var/packages/Brindlecot/target/etc/access/sender_access",
@@ -24,7 +23,7 @@ int ConfigGenerator::WriteSenderRestrictions() {
     mainCf << "smtpd_sasl_sender_quota_maps = hash:/var/packages/Brindlecot/target/etc/sender_quota_map"
            << EndLine;
     mainCf << "smtpd_sasl_sender_rate_limit = " << GetInt(smtp, "smtpd_sasl_sender_rate_limit") << EndLine;
-    // Two slashes: the path keeps its own.
+    // With the path's own slash there are two.
     mainCf << "smtpd_sasl_sender_quota_cache = memcache:/" << kQuotaMemcacheCf << EndLine;
     restrictions.emplace_back("reject_sasl_sender_rate_exceed");
     (void)GenerateQuotaMemcacheMap();
@@ -40,7 +39,7 @@ int ConfigGenerator::WriteRecipientRestrictions() {
   restrictions.emplace_back("reject_unauth_destination");
   for (const char* key : {"reject_unauth_pipelining", "reject_unknown_client_hostname",
                           "reject_non_fqdn_sender", "reject_unknown_sender_domain"}) {
-    // These settings are named after the restrictions that they switch on.
+    // These settings have the names of the restrictions that they switch on.
     if (GetBool(smtp, key)) restrictions.emplace_back(key);
   }
   if (GetBool(smtp, "enable_spf_check")) {

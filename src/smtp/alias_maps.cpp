@@ -4,7 +4,7 @@
 
 namespace {
 
-// The administrator may prefer the table of a joined domain's users to a lookup in its directory.
+// In a joined domain the administrator can choose a table of its users in place of lookups in its directory.
 bool DomainUsesTable() {
   char choice[128] = {};
   (void)ZELBCFileGetKeyValue("/var/packages/Brindlecot/etc/brindlecot.conf", "domain_alias_map", choice,

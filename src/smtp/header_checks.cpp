@@ -14,7 +14,7 @@ int ConfigGenerator::GenerateHeaderChecks() {
       GetBool(scanner, "enable_dangerous_content_scan")) {
     headerChecks << "/^Received:/ HOLD" << EndLine;
   }
-  // The template comes last: the first rule that matches wins.
+  // The template comes last, because the first rule that matches wins.
   constexpr const char* kTemplate = "/var/packages/Brindlecot/target/etc/template/header_checks.template";
   if (WrittenWhole(headerChecks, temp)) {
     if (AppendFile(kTemplate, temp) == kNotWhole) {

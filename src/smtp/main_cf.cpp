@@ -17,7 +17,7 @@ int ConfigGenerator::GenerateMainCf() {
   const std::list<std::string> domains = smtp.GetAdditionDomain();
   mainCf << "mydestination = $myhostname, localhost.$mydomain, localhost, " << JoinList(domains, ", ")
          << EndLine;
-  // The setting is in megabytes. Wide, because 2048 of them do not fit 32 bits.
+  // The setting is in MiB. 64 bits, since the bytes of 2048 MiB do not fit into an int.
   mainCf << "message_size_limit = " << std::int64_t{GetInt(smtp, "message_limit")} * 1048576 << EndLine;
   const std::string bcc = GetString(smtp, "always_bcc");
   if (!bcc.empty()) {

@@ -45,7 +45,7 @@ int ConfigGenerator::GenerateDkimConfig() {
 
   OpenEmpty(file, keyTemp);
   for (const std::string& domain : domains) {
-    // The double slash is part of the value.
+    // The double slash belongs to the value.
     file << selector << "._domainkey." << domain << " " << domain << ":" << selector << ":"
          << "/var/packages/Brindlecot/etc/dkim.key//dkim.private" << EndLine;
   }

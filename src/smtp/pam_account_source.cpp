@@ -6,10 +6,10 @@
 
 namespace {
 
-// One compact line that ends in a newline: what the helper reads as its last argument.
+// The JSON in one line with a newline at its end, as the helper reads its last argument.
 std::string ToLine(const Json::Value& value) {
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"  // the newer writers end without the newline
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"  // the newer writers leave the newline out
   Json::FastWriter writer;
 #pragma GCC diagnostic pop
   return writer.write(value);
@@ -32,7 +32,7 @@ int ConfigGenerator::UpdatePamConfig() {
     ids["id-list"].append("smtp.local");
   }
   const std::string json = ToLine(ids);
-  constexpr int kOptions = 187;  // the core library's own flags for a package helper
+  constexpr int kOptions = 187;  // the core library's flags for running a package helper
   if (ZELBCExecl("/usr/nubo/sbin/nubopkghelper", kOptions, "update", "Brindlecot", "pam-config", json.c_str(),
                  static_cast<char*>(nullptr)) != 0) {
     syslog(LOG_ERR, "%s:%d Cannot generate new pam-config for [%s]", kLogSource, 547, json.c_str());

@@ -20,13 +20,13 @@ int ConfigGenerator::WriteRelayHost() {
     mainCf << "smtp_sasl_password_maps = hash:/var/packages/Brindlecot/target/etc/sasl_passwd" << EndLine;
     mainCf << "smtp_sasl_security_options = noanonymous" << EndLine;
   }
-  // The key is the value of relayhost, character for character: that is what Postfix looks up.
+  // Postfix looks up the value of relayhost, so the key must be exactly that.
   saslPasswd << GetString(smtp, "smtp_relay_server") << ":" << GetInt(smtp, "smtp_relay_server_port") << " "
              << GetString(smtp, "smtp_relay_account") << ":" << GetString(smtp, "smtp_relay_password")
              << EndLine;
-  if (!WrittenWhole(saslPasswd, kSaslPasswd)) return -1;  // the old map stays
+  if (!WrittenWhole(saslPasswd, kSaslPasswd)) return -1;  // the old map stays in use
 
   const int compiled = CompileMap(kPostmap, kSaslPasswd);
-  (void)unlink(kSaslPasswd);  // the password stays in the compiled map alone
+  (void)unlink(kSaslPasswd);  // now only the compiled map holds the password
   return compiled < 0 ? -1 : 0;
 }
