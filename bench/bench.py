@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""What a run costs: beside the least that it can cost, and beside what people use instead. bench.py STAGE RESULTS,
-on a private machine, from scripts/bench; the table and the plot go into the directory RESULTS."""
+"""What a run costs, compared with the least that it can cost and with what people use instead. bench.py STAGE RESULTS
+runs on a private machine, from scripts/bench. The table and the plot go into the directory RESULTS."""
 
 import glob
 import json
@@ -18,8 +18,8 @@ from scenarios import COMPANY  # noqa: E402
 WORK = "/run/bench"
 POSTALIAS = PACKAGE + "/target/sbin/postalias"
 POSTCONF = "postconf -e"
-SETTINGS = {"defaults": {}, "company": COMPANY}  # no settings files at all; most settings on, in six files
-GROUPS = {  # a command, and each file that it may write below ETC with its template
+SETTINGS = {"defaults": {}, "company": COMPANY}  # no settings files; most settings on, in six files
+GROUPS = {  # by command, each file that it may write below ETC, and the file's template
     "dovecot": {"dovecot/conf.d/10-master.conf": "", "dovecot/conf.d/10-mail.conf": "10-mail"},
     "smtp": {"main.cf": "main", "master.cf": "master", "header_checks": "", "MailScanner/filename.rules.conf": "",
              "opendkim.conf": "opendkim", "opendkim/KeyTable": "", "opendkim/SigningTable": "",
@@ -39,7 +39,7 @@ def build(output, *arguments):
 
 
 def idle(*programs):
-    """Lets programs that a command runs do nothing."""
+    """Puts a program that does nothing in the place of those that a command runs."""
     for program in programs:
         if os.path.lexists(program):
             os.unlink(program)
@@ -47,8 +47,8 @@ def idle(*programs):
 
 
 def timed(rounds, commands, old_file=""):
-    """Runs each of several commands `rounds` times, in turn. Milliseconds and peak KiB of each run, by command.
-    `old_file` was changed an hour before each run."""
+    """Runs several commands in turn, `rounds` times each. Returns milliseconds and peak KiB of each run, by command.
+    `old_file` gets a time of change an hour before each run."""
     argv = [item for command in commands for item in ["--", *command]]
     lines = run(WORK + "/timed", str(rounds), old_file, *argv, check=True).stdout.splitlines()
     rows = [[int(figure) for figure in line.split()] for line in lines]
@@ -57,14 +57,14 @@ def timed(rounds, commands, old_file=""):
 
 # ---- The floors of a command ----
 
-# What belongs to memory, and what floor.c does where the command runs a program.
+# System calls for memory, and those that floor.c makes by itself when it starts a program.
 MEMORY = {"brk", "mmap", "munmap", "futex", "getrandom"}
 STARTING = {"rt_sigaction", "rt_sigprocmask", "fcntl", "prlimit64", "clone3"}
 REPLAYED = {"openat", "read", "write", "close", "lseek", "newfstatat", "chmod", "fchmod", "fsync", "rename", "unlink"}
 
 
 def calls(*command):
-    """The system calls of a command from the first line of main on, as the C statements of calls.h."""
+    """The system calls of a command, from the start of main, as the C statements of calls.h."""
     for path in glob.glob(WORK + "/strace.*"):
         os.unlink(path)
     run("strace", "-ff", "-s", "100000", "-o", WORK + "/strace", *command, check=True)
@@ -100,7 +100,7 @@ def calls(*command):
 
 
 def floors(word):
-    """Two programs with the system calls of the command: static C, and C++ linked as the program is."""
+    """Two programs with the command's system calls: one in static C, one in C++ with the program's libraries."""
     statements = calls(PROGRAM, word)
     write(WORK + "/calls.h", statements)
     libraries = re.findall(r"\(NEEDED\).*\[(.*)\]", run("readelf", "-d", PROGRAM, check=True).stdout)
@@ -144,11 +144,11 @@ def commands():
 # ---- What people use instead ----
 
 def each(pattern):
-    """What writes a file of values, from the pattern for one of them."""
+    """A function that writes a file of values; `pattern` is the form of one value."""
     return lambda values: "".join(pattern % pair for pair in values.items())
 
 
-# What renders; the mark for a value in its templates; its file of values.
+# Each rival: its command, the mark for a value in its templates, and its file of values.
 ENGINES = {
     "sed": ("/bin/sh", "shell.sh sed", "@{}@", each("s|@%s@|%s|\n")),
     "envsubst": ("/bin/sh", "shell.sh envsubst", "${{{}}}",
@@ -163,7 +163,7 @@ VALUE = re.compile(r"^([^#\n]* = )(.+)$|^(\d+)( inet .*)$", re.M)  # a line of a
 
 
 def with_marks(path, template, mark, values):
-    """A generated file with a mark in the place of each setting's value, which is added to the values."""
+    """A generated file with a mark in the place of each setting's value. Adds the values to the values."""
     def marked(line):
         key, value, port, rest = line.groups()
         name = f"V{len(values)}"
@@ -198,7 +198,7 @@ def check_rivals(found, files):
         os.utime(ETC + "/main.cf", (0, 0))
         run(*command, check=True)
         for name, text in wanted.items():
-            # postconf drops the blank behind a value.
+            # postconf drops a blank after a value.
             if read(f"{ETC}/{name}").replace(" \n", "\n") != text.replace(" \n", "\n"):
                 sys.exit(f"bench: {engine} writes another {name}")
 
@@ -214,7 +214,7 @@ def compare_rivals():
             files = {name: template for name, template in GROUPS[word].items() if os.path.exists(f"{ETC}/{name}")}
             found = rivals(word, files)
             check_rivals(found, files)
-            # Postfix's programs wait for a main.cf that has just changed.
+            # Postfix's programs wait after a change of main.cf.
             measured = timed(100, [[PROGRAM, word], *found.values()], ETC + "/main.cf")
             times = dict(zip(("nubo_set_config", *found), (statistics.median(times) for times, _ in measured)))
             for engine, row in rows.items():
@@ -226,8 +226,8 @@ def compare_rivals():
 # ---- The users of a domain ----
 
 def domain_users():
-    """One row a number of users: the time and its ratio to the floor's; what a user takes above a run without any,
-    time, the floor's, memory; the peak of memory; the time with the real postalias."""
+    """A row for each number of users: the time, also as a multiple of the floor's; time, the floor's time and memory of
+    each user, without what a run with no users takes; the peak of memory; the time with the real postalias."""
     settings(smtp={"account_type": "win", "win_domain_short_name": "CORP"})
     write("/etc/nsswitch.conf", "passwd: files\n")
     own, floor = [PROGRAM, "domain_alias"], [build("users_floor", BENCH + "/users_floor.c")]
@@ -255,7 +255,7 @@ def domain_users():
     return rows
 
 
-# ---- What is told ----
+# ---- The report ----
 
 def cell(value):
     if isinstance(value, list):
@@ -267,7 +267,7 @@ def cell(value):
 
 
 def table(heads, rows, note):
-    """A Markdown table that reads well as plain text too."""
+    """A Markdown table that is also readable as plain text."""
     lines = [heads] + [[cell(value) for value in row] for row in rows]
     widths = [max(map(len, column)) for column in zip(*lines)]
     lines.insert(1, ["-" * widths[0]] + ["-" * (width - 1) + ":" for width in widths[1:]])
@@ -284,7 +284,7 @@ def plot(path, of_commands, of_rivals, of_users):
     figure, (left, middle, right) = pyplot.subplots(1, 3, figsize=(17, 6), layout="constrained")
 
     def bars(axes, names, series, start):
-        """Horizontal bars, one group a name, from the top."""
+        """Horizontal bars from the top, a group for each name."""
         height = 0.8 / len(series)
         for number, (label, values) in enumerate(series.items()):
             shown = [(place, value) for place, value in enumerate(values) if value]
@@ -324,7 +324,7 @@ def plot(path, of_commands, of_rivals, of_users):
 def main():
     stage, results = sys.argv[1:]
     os.mkdir(WORK)
-    # All files in memory: the less a file system costs, the more of the time is the program's own.
+    # All files are in memory, so that most of the time is the program's own and not the file system's.
     for directory in ("/var/packages", "/usr/nubo"):
         os.makedirs(directory, exist_ok=True)
         run("mount", "-t", "tmpfs", "bench", directory, check=True)

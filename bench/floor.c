@@ -1,6 +1,6 @@
 #define _GNU_SOURCE
-// The least that a command can cost: its own system calls and nothing between them. bench.py writes calls.h
-// from what strace(1) saw the command do. Valid as C and as C++.
+// The least that a command can cost: its system calls with nothing between them. bench.py writes calls.h from
+// the output of strace(1). Valid as C and as C++.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>

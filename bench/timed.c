@@ -1,8 +1,8 @@
 // timed ROUNDS PATH -- COMMAND... [-- COMMAND...]...
 //
-// Runs the commands in turn, in another order in each round, and prints one line a round: for each command,
-// as they are given, its nanoseconds from start to end and its peak memory in KiB. PATH, unless it is "",
-// gets a modification time of an hour ago before each run.
+// Runs the commands in turn, in a different order in each round, and prints one line for each round. It has,
+// for each command in the order given, the nanoseconds from start to end and the peak memory in KiB. Before
+// each run, PATH gets a modification time of an hour ago, unless it is "".
 #define _GNU_SOURCE
 #include <fcntl.h>
 #include <sched.h>

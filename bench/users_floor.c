@@ -1,4 +1,5 @@
-// The least that the table of a domain's users can cost: one walk over the user database, one write a line.
+// The least that the table of a domain's users can cost: one walk over the user database, and one write for
+// each line.
 #define _GNU_SOURCE
 #include <pwd.h>
 #include <spawn.h>

@@ -1,4 +1,4 @@
-"""What the administrator, mail users and strangers do with a mail appliance. Each returns what is seen, as text."""
+"""What the administrator, mail users and strangers do with a mail appliance. Each function returns what is seen."""
 
 import contextlib
 import imaplib
@@ -26,12 +26,12 @@ TEST_SPAM = "XJS*C4JDBQADN1.NSBN3*2IDNEN*GTUBE-STANDARD-ANTI-UBE-TEST-EMAIL*C.34
 
 
 def accepted(**files):
-    """What the daemons' checkers, and we for MailScanner's, have against the files, but for what they must have."""
+    """What the daemons' checkers, and one here for MailScanner, complain about, except for what they cannot know."""
     for name in ("opendkim.conf", "opendmarc.conf"):
         with contextlib.suppress(FileNotFoundError):
             os.unlink(f"{ETC}/{name}")
     generate(**files)
-    # Only the appliance's own Postfix knows these; OpenDMARC wants a name.
+    # Only the appliance's own Postfix knows these parameters, and OpenDMARC needs a host name.
     known = "unused parameter: smtpd_sasl_sender_(quota|rate)_"
     if not files.get("smtp", {}).get("smtp_hostname"):
         known += "|^opendmarc: .*(required value missing|exit 78)"
@@ -62,7 +62,7 @@ def previewed(**smtp):
 
 
 def refused(text):
-    """What one run makes of a settings file, or of a directory in its place."""
+    """What one run does with a settings file, or with a directory in its place."""
     settings()
     before, path = contents(ETC), PACKAGE + "/etc/settings/smtp.json"
     write(path, text) if text else os.mkdir(path)
@@ -83,7 +83,7 @@ def awkward_aliases():
     generate(aliases=table)
     for line in run("postmap", "-q", "-", f"hash:{ETC}/aliases", text="\n".join(table)).stdout.splitlines():
         name, recipients = line.split("\t", 1)
-        # As the mail system reads an address: quoted pieces, and a backslash before a sign.
+        # Reads an address as the mail system does: with quoted parts, and a backslash before a character.
         found[name] = [re.sub(r'\\(.)|"', r"\1", item) for item in
                        re.findall(r'((?:"(?:\\.|[^"\\])*"|\\.|[^,"\\])+)(?:, |$)', recipients)]
     some = "\n".join(read(ETC + "/aliases").splitlines()[500:504])
@@ -125,7 +125,7 @@ def relayed():
 
 
 def signed(**how):
-    """What a verifier that has our published key says of a message."""
+    """What a verifier with our published key says about a message."""
     key = read(PACKAGE + "/etc/dkim.key/dkim.txt").strip()
     write("/run/keys", "".join(f"default._domainkey.{name} {key}\n" for name in ("mail.example.com", "two.example")))
     write("/run/verify.conf", "Mode v\nTestPublicKeys /run/keys\n")

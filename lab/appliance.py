@@ -20,11 +20,11 @@ PROGRAM = PACKAGE + "/target/bin/nubo_set_config"
 POSTMAP = PACKAGE + "/target/sbin/postmap"
 COMMANDS = ("smtp", "dovecot", "mailscanner", "alias", "domain_alias", "sender_quota_map")
 DOVECOT = ETC + "/dovecot/dovecot.conf"
-HERE = "192.0.2.1"  # the appliance as other machines see it
+HERE = "192.0.2.1"  # the appliance's address for other machines
 CLIENT = "192.0.2.10"  # another machine
-# The daemons that start() knows: what they are run as, and the port that answers once they are up.
+# The daemons that start() knows: their commands, and the port that answers once they run.
 DAEMONS = {
-    # "postfix start" would check everything each time, which takes longer than most rows of scenarios.py.
+    # "postfix start" would check everything each time, and take longer than most rows of scenarios.py.
     "postfix": (("sh", "-c", f"[ -d {PACKAGE}/target/var/spool/postfix/active ] || postfix -c {ETC} check; "
                  f"exec /usr/lib/postfix/sbin/master -d -c {ETC}"), 25),
     "dovecot": (("dovecot", "-F", "-c", DOVECOT), 143),
@@ -33,12 +33,12 @@ DAEMONS = {
     "memcached": (("memcached", "-u", "memcache", "-l", "127.0.0.1"), 11211),
 }
 running = {}
-take_log = None  # takes the lines logged so far
+take_log = None  # returns the lines logged since its last call
 message_id = ["0"]
 
 
 def run(*command, text=None, check=False):
-    """Runs a program that ends by itself; its stdout and stderr are in the result."""
+    """Runs a program to its end. The result has its stdout and stderr."""
     result = subprocess.run(command, input=text or "", capture_output=True, text=True, errors="surrogateescape",
                             check=False)
     if check and result.returncode:
@@ -49,7 +49,7 @@ def run(*command, text=None, check=False):
 def write(path, text, mode=0o644):
     os.makedirs(os.path.dirname(path), exist_ok=True)
     if os.path.lexists(path):
-        os.unlink(path)  # may be another's
+        os.unlink(path)  # it may be another program's
     with open(path, "w", encoding="utf-8", errors="surrogateescape", newline="",
               opener=lambda p, flags: os.open(p, flags, mode)) as file:
         file.write(text)
@@ -61,7 +61,7 @@ def read(path):
 
 
 def listen():
-    """Collects what is sent to the system log, whose queue is short. Returns what takes the lines so far."""
+    """Receives what is sent to the system log. Returns a function that gives the lines since its last call."""
     log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     log.bind("/dev/log")
     os.chmod("/dev/log", 0o666)
@@ -73,7 +73,7 @@ def listen():
 
     def take():
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as end:
-            end.sendto(b"", "/dev/log")  # comes after all others
+            end.sendto(b"", "/dev/log")  # marks the end of what was sent before
         return list(iter(lines.get, ""))
 
     threading.Thread(target=receive, daemon=True).start()
@@ -81,12 +81,12 @@ def listen():
 
 
 def lay_out(stage, users=("alice", "bob")):
-    """Installs the staged package and lets the machine have a network, a system log and users."""
+    """Installs the staged package, and gives the machine a network, a system log and users."""
     run("sh", "-c", 'cp -a "$0"/* /', stage, check=True)
     run(os.path.dirname(os.path.abspath(__file__)) + "/../packaging/postinst", check=True)
     write("/etc/hosts", f"127.0.0.1 localhost\n::1 localhost\n{HERE} mail.example.com mail\n")
     write("/etc/resolv.conf", "nameserver 127.0.0.53\n")
-    # A network all of whose addresses are answered here; who names none of its own comes from CLIENT.
+    # All addresses of this network are this machine's. A client that does not choose one comes from CLIENT.
     run("ip", "route", "add", "local", "192.0.2.0/24", "dev", "lo", check=True)
     run("ip", "route", "change", "local", "192.0.2.0/24", "dev", "lo", "src", CLIENT, check=True)
     for user in users:
@@ -97,7 +97,7 @@ def lay_out(stage, users=("alice", "bob")):
 
 
 def settings(**files):
-    """Replaces the settings: one argument a file, its object as a dict; a file that is not named is removed."""
+    """Replaces the settings. Each argument is a file's object as a dict; files that are not named are removed."""
     for path in glob.glob(PACKAGE + "/etc/settings/*.json"):
         os.unlink(path)
     for name, values in files.items():
@@ -106,11 +106,11 @@ def settings(**files):
 
 
 def command(word):
-    """Runs one command; its exit status and the lines that it logged."""
+    """Runs one command and returns its exit status and the lines that it logged."""
     take_log()
     status = run(PROGRAM, word).returncode
     lines = [line.split(" nubo_set_config: ", 1)[1] for line in take_log() if " nubo_set_config: " in line]
-    # Postfix's programs wait two seconds for a file that has just changed.
+    # Postfix's programs wait until a changed file is two seconds old.
     for path in glob.glob(ETC + "/*.cf"):
         os.utime(path, (time.time() - 10,) * 2)
     return status, lines
@@ -126,7 +126,7 @@ def generate(**files):
 
 
 def contents(folder):
-    """The files below a folder, each with its bytes."""
+    """The bytes of each file below a folder, by path."""
     return {path: read(path) for path in glob.glob(folder + "/**", recursive=True) if os.path.isfile(path)}
 
 
@@ -136,7 +136,7 @@ def lint(check, _local_cf):
 
 
 def complaints():
-    """What the daemons' own checkers have against the files that are there, one line each."""
+    """What the daemons' own checkers complain about, one line each."""
     found = []
     for check in (("postconf", "-n", "-c", ETC), ("postfix", "-c", ETC, "check"), ("doveconf", "-n", "-c", DOVECOT),
                   ("spamassassin", "--lint", "--siteconfigpath", ETC + "/spamassassin"),
@@ -145,7 +145,7 @@ def complaints():
             continue
         begin = len(mail_log())
         result = lint(check, read(ETC + "/spamassassin/local.cf")) if check[1] == "--lint" else run(*check)
-        # Without a terminal the tools speak to the log, where running daemons may speak too.
+        # Without a terminal the tools write to the log, as running daemons may too.
         logged = [line for line in mail_log()[begin:].splitlines() if " postfix/post" in line]
         found += [f"{check[0]}: {line}" for line in result.stderr.splitlines() + logged]
         if result.returncode:
@@ -160,14 +160,14 @@ def mail_log():
 
 
 def start(name):
-    """Starts one of DAEMONS, or starts it anew so that it reads its files. Postfix needs Dovecot."""
+    """Starts or restarts one of DAEMONS, so that it reads its files. Postfix needs Dovecot."""
     stop(name)
     argv, port = DAEMONS[name]
     running[name] = daemon(*argv, port=port)
 
 
 def stop(name):
-    """Kills a daemon, if it runs, and all its processes: none takes another connection. (Dovecot ends in seconds.)"""
+    """Kills a daemon and all its processes, so that none accepts another connection."""
     process = running.pop(name, None)
     if process:
         with contextlib.suppress(ProcessLookupError):
@@ -177,7 +177,7 @@ def stop(name):
 
 
 def daemon(*argv, port, host="127.0.0.1"):
-    """Starts a program that stays in the foreground and waits until its port answers."""
+    """Starts a program that stays in the foreground, and waits until its port answers."""
     with open("/run/daemons.log", "a", encoding="utf-8") as log:
         process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
     wait_for(lambda: answers(port, host), f"{argv[0]} on port {port}")
@@ -200,14 +200,14 @@ def wait_for(condition, what):
 
 
 def trusting():
-    """A client's TLS context that trusts the appliance's certificate, whatever its address."""
+    """A client's TLS context that trusts the appliance's certificate for any address."""
     context = ssl.create_default_context(cafile=PACKAGE + "/etc/ssl/server.crt")
     context.check_hostname = False
     return context
 
 
 def message(sender, to, text):
-    """A message whose identification is one of its own, and the last one that mailbox() looks for."""
+    """A message with an identification of its own. mailbox() looks for the last message made here."""
     message_id[0] = f"<{int(time.time() * 1e6)}@far.example>"
     return f"From: {sender}\nTo: {to}\nDate: Thu, 1 Jan 2026 12:00:00 +0000\nMessage-ID: {message_id[0]}\n{text}"
 

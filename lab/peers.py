@@ -9,7 +9,7 @@ from aiosmtpd.smtp import AuthResult
 from appliance import CLIENT, HERE, PACKAGE, answers, daemon, read, run, running, wait_for, write
 
 RELAY_HOST = "192.0.2.25"
-PASSWORD = 'b #$"p'  # of the directory's accounts
+PASSWORD = 'b #$"p'  # of the accounts in the directory
 DOMAIN_PASSWORD = "Passw0rd.User"
 NAMES = f"""no-resolv
 no-hosts
@@ -54,13 +54,13 @@ done
 
 
 def name_server():
-    """Knows far.example, relay.example, senders with SPF records and two blocklists; nothing else exists."""
+    """A name server. It knows far.example, relay.example, senders with SPF records and two blocklists."""
     write("/run/names.conf", NAMES)
     daemon("dnsmasq", "--conf-file=/run/names.conf", "--keep-in-foreground", port=53, host="127.0.0.53")
 
 
 class Relay:
-    """The relay host: it offers STARTTLS and AUTH, and keeps what it hears."""
+    """A relay host. It offers STARTTLS and AUTH and keeps what it receives."""
 
     heard = []  # "open" or "encrypted" with name and password, then the message
 
@@ -96,22 +96,22 @@ def directory():
 
 
 def make_domain():
-    """Begins to make the Windows domain CORP, which takes seconds of its own; its users are svc-mail and erin."""
+    """Starts making the Windows domain CORP with the users svc-mail and erin. It takes seconds, in the background."""
     return subprocess.Popen(["sh", "-c", DOMAIN], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
 
 def domain(made):
-    """Makes this machine the controller of what make_domain() made, and so joined to it."""
+    """Makes this machine the controller of that domain, and so a member of it."""
     if made.wait():
         raise RuntimeError("samba-tool failed")
     write("/etc/hosts", "127.0.0.1 dc1.example.com dc1\n" + read("/etc/hosts"))
     write("/etc/resolv.conf", "nameserver 127.0.0.1\nsearch example.com\n")
-    # The map is read without TLS; getpwent lists the domain's users only when told to.
+    # The map binds without TLS, and getpwent has to list the domain's users.
     write("/etc/samba/smb.conf", read("/run/domain/etc/smb.conf").replace(
         "[global]", "[global]\nldap server require strong auth = no\nwinbind enum users = yes", 1))
     write("/usr/nubo/etc/wins.secret", f"domain = CORP\nuser = svc-mail\npassword = {DOMAIN_PASSWORD}\n", 0o600)
     daemon("samba", "--foreground", "--no-process-group", port=53)
-    # Asked before they answer, net may wait for longer than a minute.
+    # net may wait for more than a minute if it asks before they answer.
     wait_for(lambda: answers(88, "127.0.0.1") and answers(389, "127.0.0.1"), "Kerberos and LDAP")
     wait_for(lambda: "CORP\\erin" in run("getent", "passwd").stdout, "the domain's users")
     run("install", "-d", "-o", "CORP\\erin", "/home/CORP/erin", check=True)

@@ -1,5 +1,5 @@
 #!/bin/bash
-# What the scripts share; sourced by bash scripts in this folder.
+# Functions that the bash scripts in this folder share.
 set -uo pipefail
 [ "$(id -u)" = 0 ] || { echo "Needs root: packages are installed, and daemons run." >&2; exit 1; }
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -12,7 +12,7 @@ passed=0 failed=0 skipped=0
 build_packages=(g++ cmake make libboost-dev libjsoncpp-dev libidn2-dev libcurl4-openssl-dev libgtest-dev
   python3 python3-jsonschema util-linux iproute2)
 check_packages=(clang-format clang-tidy clang libclang-rt-14-dev strace mandoc)
-# Where there is a gpg, SpamAssassin's installation needs its agent.
+# SpamAssassin's installation needs gpg's agent when gpg is there.
 mail_packages=(postfix postfix-ldap postfix-policyd-spf-perl libsasl2-modules dovecot-core dovecot-imapd
   dovecot-pop3d opendkim opendmarc publicsuffix gpg-agent spamassassin memcached openssl)
 network_packages=(slapd ldap-utils dnsmasq-base samba samba-ad-provision samba-dsdb-modules samba-vfs-modules
@@ -20,7 +20,7 @@ network_packages=(slapd ldap-utils dnsmasq-base samba samba-ad-provision samba-d
 
 heading() { printf '\n== %s\n' "$*"; }
 
-# quietly WHAT COMMAND...: the output is shown only when the command fails.
+# quietly WHAT COMMAND...: shows the command's output only when it fails.
 quietly() {
   local what=$1 log="$scratch/log" began=$SECONDS
   shift
@@ -33,7 +33,7 @@ quietly() {
   return 1
 }
 
-# install_packages PACKAGE...: asks the network only for what the machine lacks, and starts no service.
+# install_packages PACKAGE...: installs the packages that are missing and starts no service.
 install_packages() {
   local missing
   missing=$(comm -23 <(printf '%s\n' "$@" | sort -u) \
@@ -53,7 +53,7 @@ apt_install() (
   printf '#!/bin/sh\nexit 101\n' >$policy
   chmod 755 $policy
   export DEBIAN_FRONTEND=noninteractive
-  apt-get -o DPkg::Lock::Timeout=300 update || true  # an index that is stale may still do
+  apt-get -o DPkg::Lock::Timeout=300 update || true  # an old index may be good enough
   apt-get -o DPkg::Lock::Timeout=300 install -y --no-install-recommends "$@"
 )
 
@@ -64,19 +64,19 @@ build() {
   cmake -S "$top" --preset "$preset" && cmake --build "$top/build/$preset" -j "$(nproc)" ${1:+--target "$@"}
 }
 
-# stage: the package as the build of the preset "release" installs it, below $scratch/stage.
+# stage: installs the build of the preset "release" below $scratch/stage.
 stage() {
   build release nubo_set_config nubo_config_preview nubopkghelper &&
     DESTDIR=$scratch/stage cmake --install "$top/build/release"
 }
 
-# private_root COMMAND...: the command on a private machine, see lab/private_root.
+# private_root COMMAND...: runs the command on a private machine, see lab/private_root.
 private_root() {
   "$top/lab/private_root" "$top" "$@"
 }
 
-# suite NAME COMMAND...: a command that closes with 'N passed, N failed[, N skipped]' adds these figures,
-# any other one counts as a single check.
+# suite NAME COMMAND...: runs a test suite. When its last line is 'N passed, N failed[, N skipped]', these figures are
+# added up; otherwise it counts as one check.
 suite() {
   local name=$1 began=$SECONDS status sums
   shift

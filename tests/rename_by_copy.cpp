@@ -1,5 +1,4 @@
-// Takes the atomic rename away from a program that is run with this library preloaded. The damage has to be
-// seen.
+// Preloaded into a program, it makes rename not atomic. faults.py has to find the damage.
 #include <unistd.h>
 
 #include <fstream>

@@ -26,7 +26,7 @@ std::string Read(const fs::path& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// The text of a file; of a compiled table its entries, but for the time of its compilation.
+/// The text of a file. For a compiled table, its entries without the one with the time of compilation.
 std::string TextOf(const fs::path& path) {
   if (path.extension() != ".db" || !fs::exists(path)) return Read(path);
   std::istringstream entries(
@@ -40,7 +40,7 @@ std::string TextOf(const fs::path& path) {
   return text;
 }
 
-/// Mode and owner of a file; empty where there is none.
+/// Mode and owner of a file; empty when there is no file.
 std::string Access(const fs::path& path) {
   struct stat status = {};
   if (stat(path.c_str(), &status) != 0) return "";
@@ -52,7 +52,7 @@ std::string Access(const fs::path& path) {
          (owners != nullptr ? owners->gr_name : std::to_string(status.st_gid));
 }
 
-/// Adds the difference of two files, of which one may be missing, if there is any.
+/// Compares two files, of which one may be missing, and adds their difference if there is one.
 void Compare(std::vector<Difference>& found, Masks& masks, const fs::path& before, const fs::path& after,
              const std::string& path) {
   Difference difference = {path, Access(before), Access(after), "", false};
@@ -92,7 +92,7 @@ std::vector<Difference> FindDifferences(Masks& masks) {
   for (const std::string& name : names) {
     Compare(found, masks, fs::path(kInstalled) / name, fs::path(kEtc) / name, fs::path(kEtc) / name);
   }
-  // The appliance's own helper does not let us see what it keeps.
+  // The appliance's own helper does not show what it has stored.
   if (fs::exists(kPamConfig) && fs::is_directory(fs::path(kKeptPamConfig).parent_path())) {
     fs::permissions(kPamConfig, fs::perms(0644));
     Compare(found, masks, kKeptPamConfig, kPamConfig, kKeptPamConfig);

@@ -1,4 +1,4 @@
-/// What a run has changed in the generated files.
+/// The differences that a run makes in the generated files.
 #pragma once
 
 #include <string>
@@ -6,16 +6,16 @@
 
 #include "preview/masks.h"
 
-/// A file that was changed, or is new, or is gone.
+/// A file that is changed, new or gone.
 struct Difference {
   std::string path;
-  std::string before;  ///< mode and owner, as "644 root:root"; empty for a new file
-  std::string after;   ///< likewise; empty for a file that is gone
-  std::string diff;    ///< as diff -u prints it, without secrets; empty where only mode or owner changed
-  bool secret;         ///< the text changed in nothing but a secret
+  std::string before;  ///< mode and owner, such as "644 root:root"; empty for a new file
+  std::string after;   ///< the same afterwards; empty for a file that is gone
+  std::string diff;    ///< as diff -u prints it, without secrets; empty when only mode or owner changed
+  bool secret;         ///< only a secret changed in the text
 };
 
-/// Compares the sandbox's generated files, compiled tables as the entries that they hold, with the installed
-/// ones, and what the package helper was told with what it keeps. In the order of the paths. All secrets that
-/// both hold are learned by `masks`.
+/// Compares the generated files in the sandbox with the installed ones, and what the package helper was told
+/// with what it has stored. Compiled tables are compared by their entries. The result is in the order of the
+/// paths. `masks` learns all secrets in both.
 std::vector<Difference> FindDifferences(Masks& masks);

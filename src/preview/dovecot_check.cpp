@@ -7,7 +7,7 @@ struct Service {
   const char* name;
   const char* protocol;
   const char* command;
-  const char* port;  // that nobody listens on while the service is off
+  const char* port;  // on which nobody listens while the service is off
 };
 
 void AskService(Observations& seen, const Service& service, const std::string& port,

@@ -27,7 +27,7 @@ bool IsRefusal(const std::string& line) {  // RFC 5321, section 4.2.1
          std::isdigit(line[2]) != 0;
 }
 
-// The first refusal, else the last line; with libcurl's reason where it has one.
+// The first refusal, or else the last line; with libcurl's reason if it has one.
 std::string Said(const std::vector<std::string>& lines, const char* reason) {
   for (const std::string& line : lines) {
     if (IsRefusal(line)) return line;
@@ -68,7 +68,7 @@ Answer Hold(const Dialogue& dialogue) {
     curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, dialogue.command);
   }
   const CURLcode result = curl_easy_perform(curl);
-  // Broken off at DATA, to which the server had consented.
+  // It is broken off after the server has agreed to DATA.
   const bool good = result == (mail ? CURLE_ABORTED_BY_CALLBACK : CURLE_OK);
   if (!good && *error == '\0')
     return {false, result == CURLE_COULDNT_CONNECT, Said(lines, curl_easy_strerror(result))};

@@ -1,25 +1,26 @@
-/// One dialogue with a mail server, as a mail program would hold it; libcurl speaks SMTP, IMAP, POP3 and TLS.
+/// One dialogue with a mail server, like that of a mail program. libcurl speaks SMTP, IMAP, POP3 and TLS.
 #pragma once
 
 #include <string>
 
-/// What is to be said.
+/// What to say.
 struct Dialogue {
-  std::string url;        ///< smtp, smtps, imap, imaps, pop3 or pop3s; for SMTP its path is the name in EHLO
-  const char* command;    ///< the protocol's own, after the greeting (and STARTTLS)
-  bool startTls = false;  ///< the server must offer STARTTLS, and TLS must come about
-  std::string to{};    ///< SMTP: mail from the empty address to this one, up to DATA; `command` is not used
-  std::string from{};  ///< the own IPv4 address to come from; empty: any
+  std::string url;      ///< smtp, smtps, imap, imaps, pop3 or pop3s; for SMTP, the path is the name for EHLO
+  const char* command;  ///< of the protocol, sent after the greeting (and STARTTLS)
+  bool startTls = false;  ///< the server must offer STARTTLS, and TLS must work
+  std::string
+      to{};  ///< SMTP: send mail from the empty address to this one, up to DATA, in place of `command`
+  std::string from{};  ///< this machine's IPv4 address to connect from; empty: any
 };
 
-/// What was heard.
+/// What the server answered.
 struct Answer {
-  bool good;         ///< the server consented to everything
+  bool good;         ///< the server agreed to everything
   bool refused;      ///< nothing listens there
-  std::string said;  ///< the server's first refusal, else its last line; where it said nothing, why
+  std::string said;  ///< the server's first refusal, or else its last line; when it said nothing, why
 };
 
-/// Holds the dialogue. A server that does not answer is waited for 5 seconds; 20 with `to`, since checks that
-/// ask DNS may take long. No message comes about: the connection ends where its text would begin. Whether
-/// clients trust the server's certificate is not asked.
+/// Holds the dialogue. Waits at most 5 seconds for an answer; 20 with `to`, because the server's checks in
+/// DNS may take long. No message is sent: the connection ends before its text would begin. The server's
+/// certificate is not checked.
 Answer Hold(const Dialogue& dialogue);

@@ -17,12 +17,11 @@ Values ValuesOf(const std::string& text);
 
 bool Has(const std::vector<std::string>& words, const std::string& word);
 
-/// Holds the dialogue three times, or up to the first that fails, and adds what was seen: after a reload that
-/// went wrong, an old process may share a port with a new one and take some of the connections. Whether all
-/// of them went well.
+/// Holds the dialogue three times, or until one fails, and adds what was seen. True when all went well.
+/// (After a failed reload an old process may share the port and take some of the connections.)
 bool Ask(Observations& seen, const std::string& what, const Dialogue& dialogue);
 
-/// The first IPv4 address of this machine that other machines could use; empty when it has none.
+/// The first IPv4 address of this machine that other machines can reach; empty when it has none.
 std::string OwnAddress();
 
 void CheckPostfix(Observations& seen, const MailCheck& check);

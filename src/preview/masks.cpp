@@ -10,8 +10,8 @@ constexpr size_t kShortestKnown = 6;
 
 bool IsPasswordMap(const std::string& name) { return name.rfind("sasl_passwd", 0) == 0; }
 
-/// Where the secret in a line of a directory's table begins; npos where there is none. `inside` says whether
-/// the line before it held one: a line that begins with a blank goes on with the value above it.
+/// Where the secret in a line of a directory's table begins; npos when there is none. `inside` is true when
+/// the line before held one: a line that begins with a blank continues the value above it.
 size_t FindBindSecret(const std::string& line, bool inside) {
   const size_t begin = line.find_first_not_of(kBlanks);
   if (begin == std::string::npos) return begin;
@@ -22,7 +22,7 @@ size_t FindBindSecret(const std::string& line, bool inside) {
   return sign == std::string::npos || line[sign] != '=' ? std::string::npos : sign + 1;
 }
 
-/// The text with each of its secrets replaced by what `replace` makes of it.
+/// The text with each secret replaced by the result of `replace`.
 std::string Replaced(const std::string& name, const std::string& text,
                      const std::function<std::string(const std::string&)>& replace) {
   if (!Masks::HoldsSecrets(name)) return text;
@@ -55,7 +55,7 @@ bool Masks::HoldsSecrets(const std::string& name) {
 
 void Masks::Learn(const std::string& name, const std::string& text) {
   Replaced(name, text, [&](const std::string& secret) {
-    // In the password map the user's name stands before it; a colon ends that.
+    // In the password map, the user's name and a colon stand before the password.
     const size_t colon = IsPasswordMap(name) ? secret.find(':') : std::string::npos;
     for (const std::string& known :
          {Trimmed(secret), colon == std::string::npos ? "" : Trimmed(secret.substr(colon + 1))}) {

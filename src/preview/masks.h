@@ -4,26 +4,26 @@
 #include <set>
 #include <string>
 
-/// What stands where a secret stood.
+/// What is shown in place of a secret.
 inline constexpr const char* kMask = "********";
 
-/// Knows the secrets that it has seen in files, to hide them wherever a program may repeat them.
+/// Learns the secrets in files and hides them in whatever a program prints.
 class Masks {
  public:
-  /// Whether the generated file of this name may hold secrets.
+  /// True when the generated file of this name may hold secrets.
   static bool HoldsSecrets(const std::string& name);
 
-  /// Remembers the secrets in the text of the generated file of this name.
+  /// Learns the secrets in the text of the generated file of this name.
   void Learn(const std::string& name, const std::string& text);
 
-  /// The text of the generated file of this name without its secrets: in sasl_passwd and its table, what
-  /// stands behind the first blank or tab of a line; in a directory's table, what bind_pw is. Other files
-  /// hold none.
+  /// The text of the generated file of this name without its secrets. In sasl_passwd and its table, a secret
+  /// is what follows the first blank or tab of a line; in a directory's table, the value of bind_pw. Other
+  /// files hold none.
   static std::string File(const std::string& name, const std::string& text);
 
-  /// What a program said, in one line: without the secrets that were learned, and without what postmap(1)
-  /// quotes of sasl_passwd. A learned secret of up to five bytes is left to the latter: it might be a part of
-  /// any word, and the masks would tell it.
+  /// One line that a program printed, without the learned secrets and without what postmap(1) quotes of
+  /// sasl_passwd. Learned secrets of up to five bytes are not searched for: they may be parts of other words,
+  /// and hiding those would give the secret away.
   std::string Said(std::string line) const;
 
  private:

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr std::chrono::seconds kDelivery(15);
-constexpr std::chrono::seconds kAfterFault(3);  // a fatal error may be another's
+constexpr std::chrono::seconds kAfterFault(3);  // the fatal error may belong to another message
 
 bool Holds(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
@@ -27,11 +27,11 @@ struct Listener {
   std::string host;
   std::string port;
   bool wrapped;   // TLS from the first byte
-  bool startTls;  // to be offered
+  bool startTls;  // has to be offered
   bool open;      // takes mail from people who have not logged in
 };
 
-// A service that listens on a port: `line` as `postconf -M` prints it.
+// A service that listens on a port, from a `line` of `postconf -M`.
 Listener ListenerOf(const std::string& line, const std::string& name, const Values& main) {
   const auto value = [&](const std::string& parameter) {
     std::smatch match;
@@ -60,7 +60,7 @@ Listener ListenerOf(const std::string& line, const std::string& name, const Valu
           !wrapped && level != "encrypt" && !Has(Words(value("smtpd_client_restrictions")), "reject")};
 }
 
-// Whether it speaks SMTP at all.
+// True when it speaks SMTP.
 bool AskListener(Observations& seen, const Listener& listener) {
   const std::string what = "Postfix, port " + listener.name;
   const std::string place = listener.host + ":" + listener.port + "/localhost";
@@ -70,8 +70,8 @@ bool AskListener(Observations& seen, const Listener& listener) {
   return true;
 }
 
-// Whether the IPv4 address is in one of the networks, which are written as in mynetworks (postconf(5)).
-// Tables are not looked into.
+// True when the IPv4 address is in one of the networks, which are written as in mynetworks (postconf(5)).
+// Tables are not searched.
 bool IsIn(const std::string& address, const std::vector<std::string>& networks) {
   in_addr wanted = {};
   inet_pton(AF_INET, address.c_str(), &wanted);
@@ -85,7 +85,7 @@ bool IsIn(const std::string& address, const std::vector<std::string>& networks) 
   });
 }
 
-// Whether a refusal to take mail is a fault here, and none of a name or a directory that cannot be asked.
+// True when a refusal to accept mail is a fault here, and not the lack of an answer from DNS or a directory.
 bool IsFault(const std::string& refusal, bool isolated) {
   if (std::regex_search(refusal, std::regex("^451 4\\.(3\\.5|7\\.1)|queue file write error"))) return true;
   return isolated ? refusal[0] == '5' : refusal.rfind("450", 0) != 0;
@@ -103,19 +103,20 @@ void AskAsStranger(Observations& seen, const Listener& listener, const Values& m
   } else if (IsIn("127.0.0.2", trusted) || listener.host != "127.0.0.1") {
     return;
   }
-  // Named by its address (RFC 5321, section 4.1.3), so that no check of names can meet it.
+  // Its name is an address (RFC 5321, section 4.1.3), so that no check of names can reject it.
   dialogue.url += ":" + listener.port + "/%5B" + dialogue.from + "%5D";
   Answer answer = Hold(dialogue);
   seen.push_back(
       {"a stranger's mail to postmaster", answer.good || !IsFault(answer.said, isolated), answer.said});
-  dialogue.to = "postmaster@elsewhere.invalid";  // nobody's domain: RFC 6761, section 6.4
+  dialogue.to = "postmaster@elsewhere.invalid";  // a domain that never exists: RFC 6761, section 6.4
   answer = Hold(dialogue);
   seen.push_back({"no mail of a stranger to other domains", !answer.good, answer.said});
 }
 
 // ---- A message ------------------------------------------------------------------------------
 
-// Reads in the log what became of the message. False while that is open; `seen` then says how far it came.
+// Reads in the log what became of the message. False while that is not decided; `seen` then says how far it
+// got.
 bool HasEnded(MailObservation& seen, const std::string& log, std::streamoff begin,
               const std::string& messageId, bool isolated, bool waitingIsGood) {
   std::ifstream file(log);
@@ -142,7 +143,7 @@ bool HasEnded(MailObservation& seen, const std::string& log, std::streamoff begi
       return true;
     } else if (std::regex_search(line, match, std::regex("status=(sent|deferred|bounced|expired) .*"))) {
       seen.detail = match[0];
-      // A copy for another host, or a filter that does not run here: what stays here is still to come.
+      // A copy for another host, or a filter that does not run here. The local copy is still to come.
       if (isolated && match[1] == "deferred" && Holds(line, "/smtp[")) {
         leaves = true;
       } else if (match[1] == "sent") {

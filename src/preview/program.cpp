@@ -14,7 +14,7 @@ namespace {
 std::string ContentOf(int file) {
   std::string text;
   char part[4096];
-  // By position: the program and what it left behind share the descriptor's own.
+  // pread: the descriptor's position is shared with the program and with what it left behind.
   for (ssize_t count; (count = pread(file, part, sizeof part, static_cast<off_t>(text.size()))) > 0;) {
     text.append(part, static_cast<size_t>(count));
   }

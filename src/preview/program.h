@@ -1,4 +1,4 @@
-/// Runs the mail system's own programs and keeps what they say.
+/// Runs the mail system's programs and keeps what they print.
 #pragma once
 
 #include <sys/types.h>
@@ -9,35 +9,34 @@
 
 /// How a program ended.
 struct Ended {
-  int status;  ///< its exit status; kNotRun when it could not be run, 128 and the number of a signal that
-               ///< ended it
+  int status;          ///< exit status; kNotRun when it could not be run; 128 + the signal that ended it
   std::string output;  ///< what it printed on its standard output
   std::string errors;  ///< what it printed on its standard error
 };
 inline constexpr int kNotRun = 127;  ///< as in a shell
 
-/// A running program. What it prints goes into memory (memfd_create(2)) and not through a pipe, so that a
-/// daemon that it leaves behind does not delay the result.
+/// A running program. Its output goes into memory (memfd_create(2)), not through a pipe: a daemon that it
+/// leaves behind would keep a pipe open.
 class Program {
  public:
-  /// Starts a program, looked for in PATH as execvp(3) does, with `input` as its standard input. Only the
-  /// three standard descriptors are passed on.
+  /// Starts a program, which execvp(3) finds in PATH, with `input` as its standard input. It gets only the
+  /// three standard descriptors.
   explicit Program(const std::vector<std::string>& command, const std::string& input = "");
 
-  /// Runs `work` in a process of its own, which exits with its result.
+  /// Runs `work` in a new process, which exits with the result.
   explicit Program(const std::function<int()>& work);
 
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
   ~Program();
 
-  /// Waits for its end. To be called once.
+  /// Waits for its end. Call it once.
   Ended Wait();
 
  private:
   void Start(const std::function<int()>& work, const std::string& input);
 
-  int files_[3];  ///< what it reads, and what it writes
+  int files_[3];  ///< its input, output and errors
   pid_t child_ = -1;
   std::string failure_;  ///< why it could not be run
 };
@@ -45,5 +44,5 @@ class Program {
 /// Runs a program and waits for its end.
 Ended RunProgram(const std::vector<std::string>& command, const std::string& input = "");
 
-/// The words of a text, which blanks, tabs, newlines and commas divide.
+/// The words of a text, between blanks, tabs, newlines and commas.
 std::vector<std::string> Words(const std::string& text);

@@ -1,4 +1,4 @@
-/// What a preview tells: for people as text, for scripts as JSON.
+/// The report of a preview: text for people, JSON for scripts.
 #pragma once
 
 #include <ostream>
@@ -10,15 +10,16 @@
 #include "preview/run.h"
 #include "preview/verdict.h"
 
-/// All that was found. The texts of runs, verdicts and warnings may hold secrets, which the report hides.
+/// All that was found. Runs, verdicts and warnings may hold secrets; the report hides them.
 struct Preview {
   std::vector<Run> runs;
   std::vector<Difference> files;
   std::vector<Verdict> verdicts;
-  std::vector<std::string> warnings;  ///< of the settings; they do not count
+  std::vector<std::string> warnings;  ///< about settings; they do not change the exit status
   Masks masks;
 
-  /// 0 nothing would change, 1 something would, 2 a run failed or a verdict is "refused".
+  /// The exit status: 0 when nothing would change, 1 when something would, 2 when a run failed or a verdict
+  /// is "refused".
   int Status() const;
 };
 

@@ -8,15 +8,15 @@
 struct Run {
   std::string word;
   int status;                     ///< its exit status
-  std::vector<std::string> said;  ///< what it prints, and behind "log: " what it writes to the system log
-  bool failed;  ///< by its status, or by its log: "smtp" ends with 0 once it could read the settings
+  std::vector<std::string> said;  ///< what it prints, and with "log: " before it what it logs
+  bool failed;  ///< by its status or its log lines, since "smtp" ends with 0 once the settings are read
 };
 
-/// Runs the generators of one command, in a process of their own.
+/// Runs the generators of one command in a new process.
 Run RunGenerators(const std::string& word);
 
 /// The lines of a text without their ends.
 std::vector<std::string> Lines(const std::string& text);
 
-/// What was logged since the last call by `program`, or by any program when that is empty.
+/// What `program`, or any program when that is empty, has logged since the last call.
 std::vector<std::string> TakeLogOf(const std::string& program);

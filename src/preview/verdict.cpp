@@ -19,7 +19,7 @@ const std::string kFolder = kEtc;
 const std::vector<std::string> kLint = {"spamassassin", "--lint",
                                         "--siteconfigpath=" + kFolder + "/spamassassin"};
 
-/// The verdict of a checker. `logged` is what it said elsewhere.
+/// The verdict of a checker. `logged` is what it wrote to the log.
 Verdict Judge(const std::vector<std::string>& command, const Ended& ended,
               const std::vector<std::string>& logged) {
   Verdict verdict = {"", ended.status == 0 ? Verdict::kGood : Verdict::kRefused, {}};
@@ -38,7 +38,7 @@ Verdict Judge(const std::vector<std::string>& command, const Ended& ended,
 }  // namespace
 
 Checkers::Checkers(const std::vector<std::string>& words) : words_(words) {
-  // Postfix's programs wait until a configuration file is two seconds old.
+  // Postfix's programs would wait until a configuration file is two seconds old.
   for (const fs::directory_entry& entry : fs::directory_iterator(kEtc)) {
     if (entry.path().extension() == ".cf") {
       fs::last_write_time(entry.path(), fs::file_time_type::clock::now() - std::chrono::seconds(10));
@@ -67,7 +67,7 @@ std::vector<Verdict> Checkers::Ask() const {
   for (const std::vector<std::string>& command : commands) {
     const Ended ended = RunProgram(command);
     std::vector<std::string> logged = TakeLogOf("");
-    // Without a terminal, Postfix's programs speak to the log.
+    // Without a terminal, Postfix's programs write to the log.
     if (!mailLog.empty()) {
       std::ifstream file(mailLog);
       for (std::string line; std::getline(file, line);) {

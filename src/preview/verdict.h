@@ -7,24 +7,24 @@
 
 #include "preview/program.h"
 
-/// What was asked or tried, and how that went.
+/// One check, and how it went.
 struct Verdict {
   enum Word { kGood, kRefused, kNotInstalled };
   std::string by;  ///< a command line, or what was tried
   Word word;
-  std::vector<std::string> said;  ///< may hold warnings where the word is good
+  std::vector<std::string> said;  ///< may hold warnings even when the word is good
 };
 
 /// The checkers of the files that the given command words generate.
 class Checkers {
  public:
-  /// Starts the one that takes long.
+  /// Starts the checker that takes long.
   explicit Checkers(const std::vector<std::string>& words);
 
-  /// What all the others say. Those of the milters are asked when main.cf names the milter.
+  /// The verdicts of all others. The checkers of a milter run only when main.cf names the milter.
   std::vector<Verdict> Ask() const;
 
-  /// What the one that takes long says. To be called once.
+  /// The verdict of the checker that takes long. Call it once.
   std::vector<Verdict> AskLast();
 
  private:
@@ -34,8 +34,8 @@ class Checkers {
   std::optional<Program> lint_;
 };
 
-/// The value of a parameter of the new main.cf, which is read once.
+/// The value of a parameter in the new main.cf. The file is read once.
 std::string MainParameter(const std::string& name);
 
-/// Whether the new main.cf lets Postfix ask the milter that listens on this port of the machine.
+/// True when the new main.cf names a milter on this port of the machine.
 bool UsesMilter(const std::string& port);

@@ -28,7 +28,7 @@ struct Warnings {
     lines.push_back(file + ": " + key + ": " + text);
   }
 
-  /// A name in the DNS, which knows ASCII alone (RFC 5890 has the form of the others).
+  /// A name in DNS has to be ASCII. (RFC 5890 says how other names are written.)
   void CheckDomain(const std::string& key, const std::string& name) {
     if (std::all_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
       return;
@@ -41,7 +41,7 @@ struct Warnings {
     std::free(ascii);
   }
 
-  /// A value that Postfix reads: `$` begins a parameter's name there.
+  /// In a value of main.cf, `$` begins a parameter's name.
   void CheckMainCfValue(const std::string& key, const std::string& value) {
     static const std::regex wellFormed(R"(\$(\$|\w+|\{\w[^}]*\}|\(\w[^)]*\)))");
     if (std::regex_replace(value, wellFormed, "").find('$') != std::string::npos) {

@@ -1,4 +1,4 @@
-/// Settings that are valid, and that mail will stumble over all the same.
+/// Warnings about settings that are valid but will cause trouble with mail.
 #pragma once
 
 #include <json/json.h>
@@ -8,12 +8,11 @@
 
 #include "platform/brindlecot.h"
 
-/// One line for each, in the form "PATH: KEY: text", in the order of the files and keys; none for
-/// settings that are fine. Reads the stored settings and the customisation files, and changes nothing.
-/// Without any line when a file cannot be loaded: its loader logs what is wrong.
+/// One line for each, "PATH: KEY: text", in the order of the files and keys. Reads the stored settings and
+/// the customisation files. No line when a file cannot be loaded: loading it logs what is wrong.
 std::vector<std::string> SettingsWarnings();
 
-/// The same for settings at hand. `aliases` and `attachments` are the JSON objects of aliases.json and
+/// The same for the given settings. `aliases` and `attachments` are the JSON objects in aliases.json and
 /// attachment_filter.json.
 std::vector<std::string> SettingsWarnings(Postfix& smtp, MailScanner& scanner, ImapPop3& imapPop3,
                                           const Json::Value& aliases, const Json::Value& attachments);
