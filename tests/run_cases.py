@@ -1,26 +1,26 @@
 #!/usr/bin/env python3
 # Whole runs as text: run_cases.py PROGRAM FILE.case...
 #
-# A case lays files out, runs one command, and names all that comes of it: status, output, programs run, log lines,
-# and each file that is new, changed or gone, with its mode and bytes. What it does not name makes it fail. Only the
-# first case of a file does so in full: the next ones start from its scene, and tell what differs in what comes of it.
+# A case lays out files, runs one command, and lists everything that results: status, output, programs run, log lines,
+# and each file that is new, changed or gone, with its mode and bytes. Anything that is not listed makes it fail. The
+# first case of a file lists all of it. The later ones start from the same files and list only what differs.
 #
-#     case TITLE                or, where that says enough, the first line of its scene
+#     case TITLE                or the first line of its scene, when that says enough
 #     smtp JSON                 keys of a settings file; likewise the other names in SETTINGS
 #     file PATH CONTENT         a file (\n, \t, \r, \xHH and \\ as in C; \{9 c} is nine times c); secret: with mode 0600
 #     script PATH COMMAND       a program; postmap and postalias copy the table, nubopkghelper does nothing
-#     dir PATH / remove PATH    a directory in place; nothing there
-#     closed                    the program has no descriptors 0, 1, 2
+#     dir PATH / remove PATH    a directory in the file's place / no file
+#     closed                    descriptors 0, 1 and 2 are closed
 #     run WORD...               the program's arguments
-#     base                      from here on, this case is what others start from
+#     base                      the later cases start from this one
 #     status N / says TEXT / runs PROGRAM... / log TEXT
 #     PATH MODE                 a file; $E is target/etc, $P the package, XXXXXX a temporary name's suffix
-#     |TEXT                     a line of it
-#     PATH ~N |TEXT             in the place of the line N that it had in the first case with this file; also
-#     +N |TEXT / -N to M        behind line N, without these lines
+#     |TEXT                     one of its lines
+#     PATH ~N |TEXT             this line stands in place of line N of the first case with this file
+#     +N |TEXT / -N to M        this line stands after line N / lines N to M are missing
 #
-# Runs on a private machine only (lab/private_root). What differs is printed as a patch: once reviewed, it can
-# be applied to the cases with `patch -p1`.
+# Runs only on a private machine (lab/private_root). Differences are printed as a patch, which can be applied to the
+# cases with `patch -p1` after a review.
 import difflib
 import itertools
 import json
@@ -39,7 +39,7 @@ SETTINGS = ("smtp", "scanner", "imap_pop3", "aliases", "sender_quotas", "attachm
 VERBS = (*SETTINGS, "file", "secret", "script", "dir", "remove", "closed", "run", "base")
 SUFFIX = re.compile(r"((?:\.cf|\.conf|_checks|Table|Hosts|aliases|_map|ad_info))[A-Za-z0-9]{6}\b")
 OWN = re.compile(r"^<11>.{15} nubo_set_config: ")  # LOG_USER and LOG_ERR
-EMULATOR = os.environ.get("EMULATOR", "").split()  # runs the program where it is another machine's
+EMULATOR = os.environ.get("EMULATOR", "").split()  # runs a program of another architecture
 FILES = {"/etc/passwd": ("root:x:0:0::/:\nD\\zoe:x:7:7::/:\n", 0o644),
          "/usr/nubo/etc/nslcd.conf": ("uri ldap://a\nbase b\nbinddn c\n", 0o644),
          "/usr/nubo/etc/ldap.secret": ("s3cret\n", 0o600),
@@ -78,7 +78,7 @@ def in_scene(line):
 
 
 def set_scene(lines):
-    """Lays the files of a scene out; returns the words of `run`, and the lines of one word."""
+    """Lays out the files of a scene. Returns the words of `run`, and the lines of one word."""
     for path in (PACKAGE, "/usr/nubo", *(entry.path for entry in os.scandir("/tmp"))):
         shutil.rmtree(path, ignore_errors=True)
     for folder in ("MailScanner", "dovecot/conf.d", "opendkim", "spamassassin"):
@@ -101,7 +101,7 @@ def set_scene(lines):
             write(path, expand(content), 0o644 if verb == "file" else 0o600)
         elif verb == "script":
             put_program(path, content)
-        elif verb == "dir":  # not empty, so that no rename replaces it
+        elif verb == "dir":  # not empty, so that rename cannot replace it
             os.makedirs(path + "/x")
         elif verb == "remove":
             shutil.rmtree(path) if os.path.isdir(path) else os.unlink(path)
@@ -113,7 +113,7 @@ def set_scene(lines):
 
 
 def cover():
-    """Makes /tmp, and /usr/bin, where net goes, the test's own; without root too."""
+    """Gives the test its own /tmp and /usr/bin, which is for net. Works without root too."""
     os.makedirs("/run/upper")
     os.makedirs("/run/work")
     layers = "lowerdir=/usr/bin,upperdir=/run/upper,workdir=/run/work"
@@ -122,10 +122,10 @@ def cover():
 
 
 def run(program, argv, flags, take_log):
-    """What comes of a run, as blocks of lines by file; under "" what is in no file."""
+    """The results of a run, as lines by file; those of no file are under ""."""
     write("/run/trace", "")
     before = tree(*PLACES)
-    # A parent may leave SIGCHLD ignored; then the kernel drops the status of a child that is not looked after.
+    # SIGCHLD may be ignored when the program starts. Then the kernel drops the status of a child.
     shell = 'trap "" CHLD; exec "$@"' + " <&- >&- 2>&-" * ("closed" in flags)
     done = subprocess.run(["sh", "-c", shell, "sh", *program, *argv], stdin=subprocess.DEVNULL, capture_output=True,
                           check=False, timeout=60, env={})
@@ -133,7 +133,7 @@ def run(program, argv, flags, take_log):
     lines += ["runs " + line for line in read("/run/trace").split("\0")[:-1]]
     lines += ["log " + OWN.sub("", line) for line in take_log()]
     lines = [shorten(line).replace("\n", "\\n") for line in lines]
-    if EMULATOR:  # vfork(2) is a fork there, whose child can only exit to say that it found no program
+    if EMULATOR:  # there, vfork(2) is a fork: a child that finds no program can tell it only by its exit status
         lines = [line.replace(": exit status 127", ": could not be run: Permission denied") for line in lines]
     blocks = {"": [f"status {done.returncode}", *lines]}
     after = tree(*PLACES)
@@ -150,7 +150,7 @@ def run(program, argv, flags, take_log):
 
 
 def differences(lines, known):
-    """What makes the known lines these."""
+    """The changes that turn the known lines into these."""
     for kind, begin, end, start, stop in difflib.SequenceMatcher(None, known, lines, False).get_opcodes():
         if kind != "equal":
             both = begin + min(end - begin, stop - start)
@@ -160,7 +160,7 @@ def differences(lines, known):
 
 
 def render(blocks, base, known):
-    """The run as text: what differs from the base, and from what is known of a file."""
+    """The run as text: the differences from the base, and from the known lines of each file."""
     shown = []
     for name in sorted(name for name in blocks if blocks[name] != base.get(name)):
         head, *lines = blocks[name]

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-# settings_test.py PROGRAM CHECKOUT: of every setting, the program, its JSON Schema and its manual page say the same
-# type, range and default; every fault of a settings file is found. Runs on a private machine only (lab/private_root).
+# settings_test.py PROGRAM CHECKOUT: the program, the JSON Schemas and the manual page agree on type, range and default
+# of every setting, and every fault in a settings file is found. Runs only on a private machine (lab/private_root).
 import functools
 import json
 import os
@@ -22,7 +22,7 @@ VALUES = (True, None, 0.5, "", "é x", "x\n", "\x7f", {}, -2**31 - 1, -2**31, -1
           2**31 - 1, 2**31, *LISTS)
 NAMES = ("x", "é@example.com", "", "#x", "x#", "x y", "x\n", "\x1f")
 PORT, TEXT = "expected an integer from 1 to 65535", "a string of UTF-8 without control characters"
-# What no schema can say: the text of smtp.json, and what is logged of it.
+# Faults that a schema cannot express: the text of smtp.json, and what is logged.
 FAULTS = {
     "": ":1:1: syntax error", "[]": ":1:1: not an object", '{"smtp_port": 1,}': ":1:17: syntax error",
     '{\n"smtp_port": 1} {}': ":2:17: syntax error", "{}\0{}": ":1:3: syntax error",
@@ -32,7 +32,7 @@ FAULTS = {
     '{"smtp_relay_password": "se\\tcret"}': ": smtp_relay_password: expected " + TEXT,
     '// all\n{"message_limit": -0} /* that */': "",
     **{f'{{"smtp_port": {number}}}': ": smtp_port: " + PORT for number in (
-        "25.0", "1e2", "4294967321", "36893488147419103257", "01", "-")},
+        "25.0", "1e2", "1e400", "4294967321", "36893488147419103257", "01", "-")},
     '{"x\\n\\u0000": 1}': ": x??: expected a known key", '{"Smtp_port": 25}': ": Smtp_port: expected a known key",
     '{"additional_domains": 1}': ": additional_domains: expected an array of strings",
     '{"dnsbl": 1}': ": dnsbl: expected an array of objects",
@@ -48,7 +48,7 @@ take_log, failures = listen(), []
 
 @functools.lru_cache(None)
 def run(command, name="smtp", text="{}"):
-    """Runs a command with a settings file; all that comes of it."""
+    """Runs a command with a settings file and returns all results."""
     run_cases.set_scene(["file $P/etc/brindlecot.conf domain_alias_map = yes", "remove $P/target/sbin/postalias",
                          "remove /usr/nubo/sbin"])
     write(f"{PACKAGE}/etc/settings/{name}.json", text)
@@ -60,7 +60,7 @@ def expect(claim, good):
 
 
 def other(key, value):
-    """A value that makes a difference."""
+    """A value other than the default."""
     if isinstance(value, (bool, int)):
         return not value if isinstance(value, bool) else value + 1
     return {"account_type": "ldap", "additional_domains": ["d"], "dnsbl": [{"zone": "d", "kind": ""}]}.get(key, "d")

@@ -1,4 +1,4 @@
-/// What no run of the program shows: the local platform cannot be brought to it from outside.
+/// Cases of the local platform that no run of the program can be made to show.
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <syslog.h>
@@ -35,7 +35,7 @@ extern "C" passwd* getpwnam(const char*) { return isGone ? nullptr : &entry; }
 
 namespace {
 
-// A list that is not whole would take users' mail away: better the old table.
+// With an incomplete list users would lose mail, so the old table stays.
 TEST(UserEnumTest, EndsEarly) {
   const struct {
     std::vector<std::string> users;
@@ -44,7 +44,7 @@ TEST(UserEnumTest, EndsEarly) {
     int count;  ///< -1 for a failure
   } rows[] = {
       {{"root", "D\\a", "other", "d\\b"}, 0, false, 2},
-      {{"root", "D\\a"}, ENOENT, false, 1},  // as the last source leaves it
+      {{"root", "D\\a"}, ENOENT, false, 1},  // as the last source may set it
       {{"root", "D\\a"}, EIO, false, -1},
       {{}, ECONNREFUSED, false, -1},
       {{"root", "D\\a"}, 0, true, -1},
@@ -73,10 +73,10 @@ TEST(ReadTest, Mistyped) {
       << logged;
 }
 
-// Closes the descriptors whose bits are set, then tells whether a program is given the right ones.
+// Closes the descriptors whose bits are set. True when a program then gets the right ones.
 bool DescriptorsAreRight(unsigned closed) {
   std::string error = std::filesystem::read_symlink("/proc/self/fd/2");
-  dup2(1, 9);  // passed on to no program
+  dup2(1, 9);  // no program may get it
   for (int fd = 0; fd < 3; ++fd) {
     if ((closed >> fd & 1U) != 0) close(fd);
   }
