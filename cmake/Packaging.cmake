@@ -11,7 +11,8 @@ MailScanner, SpamAssassin, OpenDKIM and OpenDMARC read. One run regenerates a
 group of these files whole and replaces each in one step.
 
 nubo_config_preview shows beforehand what a run would change, and what the
-daemons would say of it.")
+daemons would say of it; nubo_config_apply has the daemons follow, checks mail,
+and puts everything back when it is worse than before.")
 
 # It depends on what it calls, except net(8) of samba-common-bin, which only Windows domains need. It recommends the
 # daemons that read the files: the administrator chooses which of them run here.
@@ -43,8 +44,9 @@ install(CODE "
   set(root \"\$ENV{DESTDIR}\")
   set(man \${root}/usr/share/man)
   execute_process(COMMAND gzip -9nf \${root}${DOC}/changelog \${man}/man5/brindlecot-settings.5
+    \${man}/man8/nubo_config_apply.8
     \${man}/man8/nubo_config_preview.8 \${man}/man8/nubo_set_config.8 COMMAND_ERROR_IS_FATAL ANY)
   file(MAKE_DIRECTORY \${root}/usr/sbin)
-  foreach(program nubo_set_config nubo_config_preview)
+  foreach(program nubo_set_config nubo_config_preview nubo_config_apply)
     file(CREATE_LINK ${PACKAGE_TARGET}/bin/\${program} \${root}/usr/sbin/\${program} SYMBOLIC)
   endforeach()")

@@ -1,0 +1,39 @@
+/// A change of the mail system, as a whole: brought about and checked, then confirmed or taken back.
+///
+/// Each of these returns the exit status of the program: 0 in force, 1 nothing was touched, 3 tried, and all
+/// is as before, 4 not everything could be put back. The caller holds the lock, except for Wait. They throw
+/// before anything was touched.
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// Runs nubo_set_config with the words and has the daemons follow. With `minutes` greater than 0 the change
+/// waits that long to be confirmed.
+int Apply(const std::vector<std::string>& words, int minutes);
+
+/// The same on the settings of an earlier state; 0: of the one before the last. Of a state as found there are
+/// no settings: its files are put back as they were.
+int Undo(int state, int minutes);
+
+/// Makes the pending change a state.
+int Confirm();
+
+/// Takes back the pending change, if there is one that was not confirmed: after a power cut or a kill.
+int Recover();
+
+/// Waits until there is no pending change any more, or its time is over; then takes it back. Takes the lock
+/// itself.
+int Wait();
+
+/// Shows how mail is, and which files differ from the last confirmed state. 0 when mail is well, else 1.
+int Check();
+
+/// Lists the states; with a number greater than 0, shows what made that state. 0, or 1 when there is none.
+int History(int state);
+
+/// Puts a certificate and its private key (PEM files) in place, both at once, and has the daemons follow.
+int Renew(const std::string& certificate, const std::string& key);
+
+/// Prints the DNS records of the mail domains, for a zone file. 0, or 1 when there is no host name or no key.
+int Dns();

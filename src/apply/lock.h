@@ -1,0 +1,23 @@
+/// One change at a time.
+#pragma once
+
+#include <chrono>
+
+/// Holds the lock of kStates, which it makes where it is missing, as long as it lives. It waits as well for a
+/// nubo_set_config that a killed change has left running; and removes what such a change has not finished.
+class Lock {
+ public:
+  explicit Lock(std::chrono::seconds patience);
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
+  ~Lock();
+
+  bool Held() const { return held_; }
+
+ private:
+  int file_;
+  bool held_;
+};
+
+/// The file that every nubo_set_config of ours holds locked while it runs, by flock(1).
+constexpr const char* kRunLock = "/var/packages/Brindlecot/target/var/lib/apply/run.lock";
