@@ -27,9 +27,6 @@ TEST_SPAM = "XJS*C4JDBQADN1.NSBN3*2IDNEN*GTUBE-STANDARD-ANTI-UBE-TEST-EMAIL*C.34
 
 def accepted(**files):
     """What the daemons' checkers, and one here for MailScanner, complain about, except for what they cannot know."""
-    for name in ("opendkim.conf", "opendmarc.conf"):
-        with contextlib.suppress(FileNotFoundError):
-            os.unlink(f"{ETC}/{name}")
     generate(**files)
     # Only the appliance's own Postfix knows these parameters, and OpenDMARC needs a host name.
     known = "unused parameter: smtpd_sasl_sender_(quota|rate)_"

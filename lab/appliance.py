@@ -119,6 +119,8 @@ def command(word):
 def generate(**files):
     """Replaces the settings and runs every command; raises an error unless each ends with 0 and logs nothing."""
     settings(**files)
+    for path in glob.glob(ETC + "/opend*.conf"):  # which stay when a filter is switched off
+        os.unlink(path)
     for word in COMMANDS:
         status, lines = command(word)
         if status or lines:
