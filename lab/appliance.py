@@ -165,7 +165,7 @@ def start(name):
     """Starts or restarts one of DAEMONS, so that it reads its files. Postfix needs Dovecot."""
     stop(name)
     argv, port = DAEMONS[name]
-    running[name] = daemon(*argv, port=port)
+    running[name] = daemon(*argv, port=port, greets=name in ("postfix", "dovecot"))
 
 
 def stop(name):
@@ -178,17 +178,18 @@ def stop(name):
             wait_for(lambda: os.killpg(process.pid, signal.SIGKILL), f"the end of {name}")
 
 
-def daemon(*argv, port, host="127.0.0.1"):
-    """Starts a program that stays in the foreground, and waits until its port answers."""
+def daemon(*argv, port, host="127.0.0.1", greets=False):
+    """Starts a program that stays in the foreground and waits until its port answers; one that greets its clients
+    has opened all its ports by then."""
     with open("/run/daemons.log", "a", encoding="utf-8") as log:
         process = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
-    wait_for(lambda: answers(port, host), f"{argv[0]} on port {port}")
+    wait_for(lambda: answers(port, host, greets), f"{argv[0]} on port {port}")
     return process
 
 
-def answers(port, host):
-    with contextlib.suppress(OSError), socket.create_connection((host, port), 5):
-        return True
+def answers(port, host, greets=False):
+    with contextlib.suppress(OSError), socket.create_connection((host, port), 5) as peer:
+        return not greets or peer.recv(1) != b""
     return False
 
 

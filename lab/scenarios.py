@@ -109,7 +109,7 @@ def scenarios(everything):
     yield "... nothing would change", None, previewed, "0 files would change.*exit 0$"
     yield ("a relay host", None, lambda: previewed(smtp_relay_server="relay.example", **relay),
            r"^(?!.*s3cret).*\+relayhost = relay.example:25.*2 files would change.*exit 1$")
-    yield "a relay host without a name", None, lambda: previewed(**relay), "^(?!.*s3cret).*missing host information.*exit 2$"
+    yield "a relay without a name", None, lambda: previewed(**relay), "^(?!.*s3cret).*missing host information.*exit 2$"
 
     yield "Bad input: every fault is named, nothing is changed"
     for text, wanted in (  # the settings, and what the lines of the log hold
@@ -234,7 +234,7 @@ def shown_lines(templates):
         text = text[max((len(head) for head in templates if text.startswith(head)), default=0):]
         lines = [line for line in text.splitlines() if line[:1] != "#"]
         if path.endswith(".json"):
-            found[path] = [line.removesuffix(",") for line in lines]
+            found[path] = [line.removesuffix(",") for line in lines if line]
         elif not path.endswith((".db", ".template")):
             found[path] = "\n".join(lines).replace(", ", "\n    ").splitlines()
     return found
