@@ -16,7 +16,7 @@ namespace {
 
 constexpr size_t kCopyBufferSize = 1024;
 
-// Where a stream keeps the reason of its first write that failed.
+// The index at which a stream keeps the reason of its first failed write.
 const int kReason = std::ios_base::xalloc();
 
 int CopyError(int line) {
@@ -24,7 +24,7 @@ int CopyError(int line) {
   return -1;
 }
 
-// For a file that holds a part of what belongs into it: nobody may take it for the whole.
+// For a file that is not whole: it must not be used.
 bool LogAndRemove(const char* path) {
   (void)Written(false, path);
   (void)unlink(path);
@@ -32,7 +32,7 @@ bool LogAndRemove(const char* path) {
 }
 
 int Copy(const char* source, const char* destination, int flags, int line) {
-  // A pipe must not keep the run waiting; it has no position to seek.
+  // The run must not wait for a pipe. O_NONBLOCK opens one without waiting, and lseek fails on it.
   const OwnedDescriptor from(open(source, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (from.number < 0 || lseek(from.number, 0, SEEK_CUR) < 0) return CopyError(line);
   OwnedDescriptor to(open(destination, O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0644));
@@ -91,7 +91,7 @@ bool WrittenWhole(std::ofstream& stream, const char* path) {
   if (!stream.is_open()) return !stream.bad();
   CloseStream(stream);
   if (stream.good()) return true;
-  if (stream.iword(kReason) != 0) errno = static_cast<int>(stream.iword(kReason));  // else that of the close
+  if (stream.iword(kReason) != 0) errno = static_cast<int>(stream.iword(kReason));  // else that of close()
   return LogAndRemove(path);
 }
 
@@ -117,7 +117,7 @@ int ConfigGenerator::ApplyCustomization(const char* generated, const char* custo
 
 bool OnDisk(const char* temp) {
   const OwnedDescriptor file(open(temp, O_RDONLY | O_CLOEXEC));
-  if (file.number < 0 && access(temp, F_OK) != 0) return true;  // never made: its rename says why
+  if (file.number < 0 && access(temp, F_OK) != 0) return true;  // it was never made; the rename will log why
   if (file.number >= 0 && fsync(file.number) == 0) return true;
   return LogAndRemove(temp);
 }

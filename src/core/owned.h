@@ -1,4 +1,4 @@
-/// Guards: what they hold is given back on every exit, exceptions included.
+/// Guards: each releases what it holds on every exit, exceptions included.
 #pragma once
 
 #include <unistd.h>
@@ -8,8 +8,8 @@
 
 #include "platform/nubocore.h"
 
-/// A handle of the core library, given back with `Free`; null when there is none. A plain handle, since the
-/// library may replace it through its address.
+/// A handle of the core library, released with `Free`; null when there is none. The handle is public because
+/// the library may replace it through its address.
 template <typename T, auto Free>
 struct Owned {
   T* handle = nullptr;
@@ -35,13 +35,13 @@ struct OwnedDescriptor {
   OwnedDescriptor& operator=(const OwnedDescriptor&) = delete;
   ~OwnedDescriptor() { (void)Close(); }
 
-  /// 0, or -1 with the reason in errno. Writing may fail as late as here.
+  /// 0, or -1 with the reason in errno. A failed write may show only here.
   int Close() { return number < 0 ? 0 : close(std::exchange(number, -1)); }
 };
 
-/// Removes the file that has the name in `path` at the end: a scratch file, or a temporary file with a secret
-/// that was not installed. (After its rename there is none.) Stands before the file is made, so that a file
-/// is removed too whose making failed half-way.
+/// Removes the file at `path` when this object ends: a scratch file, or a temporary file with a secret that
+/// could not be installed. (After its rename there is none to remove.) Declare it before the file is made:
+/// then the file is also removed when making it fails half-way.
 struct RemovedAtEnd {
   const char* path;
 
@@ -51,8 +51,8 @@ struct RemovedAtEnd {
   ~RemovedAtEnd() { unlink(path); }
 };
 
-/// Makes the signals that end a run (INT, TERM, HUP, QUIT) wait until the end of this object: for the time
-/// in which a file with a secret stands where it must not stay.
+/// Holds back the signals that end a run (INT, TERM, HUP, QUIT) while this object lives. For the time in
+/// which a file with a secret exists that must not stay.
 struct SignalsWait {
   sigset_t before = {};
 

@@ -1,4 +1,4 @@
-/// Paths that two or more sources name. A path that one file uses stands in that file, whole.
+/// Paths that two or more source files use. Any other path stands in the file that uses it, unbroken.
 #pragma once
 
 inline constexpr const char* kEtc = "/var/packages/Brindlecot/target/etc";  // the generators write below it
