@@ -57,9 +57,9 @@ def timed(rounds, commands, old_file=""):
 
 # ---- The floors of a command ----
 
-# System calls for memory, and those that floor.c makes by itself when it starts a program.
-MEMORY = {"brk", "mmap", "munmap", "futex", "getrandom"}
-STARTING = {"rt_sigaction", "rt_sigprocmask", "fcntl", "prlimit64", "clone3"}
+# System calls for memory and for signals that wait, and those that floor.c makes by itself when it starts a program.
+MEMORY = {"brk", "mmap", "munmap", "futex", "getrandom", "rt_sigprocmask"}
+STARTING = {"rt_sigaction", "fcntl", "prlimit64", "clone3", "pidfd_open", "poll"}
 REPLAYED = {"openat", "read", "write", "close", "lseek", "newfstatat", "chmod", "fchmod", "fsync", "rename", "unlink"}
 
 
@@ -80,6 +80,8 @@ def calls(*command):
             arguments = arguments.replace(path, variable)
         if name in MEMORY or line[:3] in ("---", "+++") or name == "exit_group":
             continue
+        if name == "close" and statements and statements[-1] == "// poll":
+            name = "poll"  # the end of what both do to wait
         if name in STARTING:
             statements.append(f"// {name}")
         elif name == "wait4":

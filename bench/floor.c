@@ -2,11 +2,13 @@
 // The least that a command can cost: its system calls with nothing between them. bench.py writes calls.h from
 // the output of strace(1). Valid as C and as C++.
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,8 +44,15 @@ static int run(const char* const* arguments) {
   posix_spawn_file_actions_addclosefrom_np(&actions, 3);
   posix_spawnattr_setsigmask(&attributes, &none);
   posix_spawnattr_setsigdefault(&attributes, &all);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  posix_spawnattr_setpgroup(&attributes, 0);
+  posix_spawnattr_setflags(&attributes,
+                           POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
   same(posix_spawn(&program, arguments[0], &actions, &attributes, (char* const*)arguments, environ), 0);
+  struct pollfd waiting;
+  waiting.fd = (int)syscall(SYS_pidfd_open, program, 0);
+  waiting.events = POLLIN;
+  same(poll(&waiting, 1, 300000), 1);
+  same(close(waiting.fd), 0);
   same(waitpid(program, &result, 0), program);
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);

@@ -29,7 +29,7 @@ int main(void) {
     if (write(file, line, (size_t)length) != length) return 1;
   }
   endpwent();
-  if (close(file) != 0 || chmod(temp, 0644) != 0 || rename(temp, target) != 0) return 1;
+  if (fsync(file) != 0 || close(file) != 0 || chmod(temp, 0644) != 0 || rename(temp, target) != 0) return 1;
   return posix_spawn(&program, postalias[0], NULL, NULL, postalias, environ) != 0 ||
          waitpid(program, &status, 0) != program || status != 0;
 }

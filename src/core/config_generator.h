@@ -56,11 +56,13 @@ int MakeTempFile(char* path);
 inline constexpr int kNotWhole = -2;
 
 /// Copies `source` to `destination` byte for byte. A destination that exists keeps its mode; otherwise
-/// it is created with 0644. 0; or, with one log line, -1 when a file cannot be opened or the source not be
-/// read, kNotWhole when a write failed. A source that is a pipe counts as one that cannot be opened.
+/// it is created with 0644. 0; or, with one log line, -1 when a file cannot be opened or nothing of the
+/// source be read, kNotWhole when a part was copied. A source that is a pipe counts as one that cannot be
+/// opened.
 int CopyFile(const char* source, const char* destination);
 
-/// Appends the bytes of `source` to `destination`. As CopyFile, but a read error is taken for the end.
+/// Appends the bytes of `source` to `destination`. As CopyFile, but a source of which nothing can be read is
+/// an empty one.
 int AppendFile(const char* source, const char* destination);
 
 /// Creates a temporary file (MakeTempFile), copies the template into it, and opens `stream` to append to it.

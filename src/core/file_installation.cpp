@@ -39,12 +39,18 @@ int Copy(const char* source, const char* destination, int flags, int line) {
   if (to.number < 0) return CopyError(line);
   char buffer[kCopyBufferSize] = {};
   ssize_t count = 0;
+  bool begun = false;
   while ((count = read(from.number, buffer, sizeof buffer)) > 0) {
     errno = ENOSPC;  // a short write sets no reason; a full disk is the usual one
     if (!Written(write(to.number, buffer, static_cast<size_t>(count)) == count, destination))
       return kNotWhole;
+    begun = true;
   }
-  // Beside `flags`, the one difference of the two: appending takes a read error for the end.
+  if (count < 0 && begun) {
+    (void)CopyError(line);
+    return kNotWhole;
+  }
+  // Beside `flags`, the one difference of the two: of what cannot be read, a directory, nothing is appended.
   if (count < 0 && flags == O_TRUNC) return CopyError(line);
   return Written(to.Close() == 0, destination) ? 0 : kNotWhole;
 }
