@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""scenarios.py {show|check} STAGED-PACKAGE: what the real daemons of a mail appliance make of its settings.
+"""scenarios.py {show|check} STAGED-PACKAGE: what the real daemons of a mail appliance do with its settings.
 
 One table, which scripts/demo shows and scripts/test checks. "check" takes all of it and prints a line for each row,
 "show" leaves out what only repeats a row with other values, and prints what a row changes in the settings and in the
@@ -44,7 +44,7 @@ COMPANY = {
     "sender_quotas": {OURS: 200},
     "attachment_filter": {"deny_extensions": ["exe", "scr"]}}
 SECRETS = (RELAYING["smtp_relay_password"], peers.PASSWORD, peers.DOMAIN_PASSWORD)
-# The keys of each settings file, with what its schema says of them.
+# The keys of each settings file, with their schemas.
 KEYS = {name: json.loads(read(f"{TOP}/data/schema/{name}.schema.json"))["properties"]
         for name in ("smtp", "scanner", "imap_pop3")}
 ALL = {key: what for keys in KEYS.values() for key, what in keys.items()}
@@ -65,8 +65,8 @@ def files(switches):
 
 
 def covering():
-    """Settings in which every two switches have had every pair of their values: the best of some random ones, each of
-    which has one of the missing pairs."""
+    """Settings in which any two switches have each pair of values at least once. Each is the best of some random
+    settings that have one of the missing pairs."""
     dice = random.Random(1)
     places = {key: range(len(values)) for key, values in SWITCHES.items()}
     missing = dict.fromkeys(frozenset(((a, x), (b, y))) for a, b in itertools.combinations(places, 2)
@@ -218,7 +218,7 @@ def scenarios(everything):
 
 
 def apply(switches):
-    """Generates everything from BASE and these switches; the daemons follow."""
+    """Generates everything from BASE and these switches, and makes the daemons load it."""
     generate(**files({**BASE, **switches}))
     for name in ("opendkim", "opendmarc"):
         if switches.get(f"enable_{name[4:]}"):

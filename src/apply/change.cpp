@@ -31,7 +31,7 @@ constexpr size_t kStatesKept = 10;
 
 volatile std::sig_atomic_t interrupted = 0;
 
-// A change outlives the terminal that it was started from. Who interrupts it wants it taken back.
+// A change goes on when its terminal is closed. An interrupt takes it back.
 void HandleSignals() {
   std::signal(SIGHUP, SIG_IGN);
   std::signal(SIGPIPE, SIG_IGN);
@@ -79,7 +79,7 @@ struct Shown {
   std::string text;
 };
 
-// Preview with rehearsal. Whether the change can be tried; else says why not.
+// Runs the preview with its rehearsal. True when the change can be tried; otherwise prints why not.
 bool Accepted(const std::vector<std::string>& words, Shown& shown) {
   std::vector<std::string> command = {kBin + "nubo_config_preview"};
   if (words.size() == 1) command.push_back(words[0]);
@@ -117,8 +117,8 @@ void RunAll(const std::vector<std::string>& words) {
   }
 }
 
-// Puts the way back on disk; from here on whatever happens ends in a confirmed change or in the old state.
-// With `inputs`, these are the settings to go back to; else those of the base.
+// Writes the way back to the disk. From here on, whatever happens, the change ends confirmed or taken back.
+// `inputs` are the settings to go back to; without them, those of the base.
 Pending Arm(const Base& base, const std::string& what, int minutes, bool liveInputs) {
   const std::string tree = std::string(kPending) + ".new";
   Keep(Kind::kOutput, tree, base.tree);
@@ -169,7 +169,7 @@ int MakeState(const Pending& pending) {
   return 0;
 }
 
-// From the way back on: what `write` writes comes into force, or all is put back.
+// After the way back is written: brings into force what `write` writes, or puts everything back.
 int BringAbout(const Base& base, const Pending& pending, const std::string& shown, bool inputs,
                const std::function<void()>& write) {
   try {

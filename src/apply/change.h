@@ -1,8 +1,8 @@
-/// A change of the mail system, as a whole: brought about and checked, then confirmed or taken back.
+/// A change of the mail system as a whole: it is made and checked, then confirmed or taken back.
 ///
-/// Each of these returns the exit status of the program: 0 in force, 1 nothing was touched, 3 tried, and all
-/// is as before, 4 not everything could be put back. The caller holds the lock, except for Wait. They throw
-/// before anything was touched.
+/// Each function returns the exit status of the program: 0 the change is in force, 1 nothing was touched, 3
+/// it was tried and taken back, 4 not everything could be put back. The caller holds the lock, except for
+/// Wait. They throw only before anything was touched.
 #pragma once
 
 #include <string>
@@ -12,17 +12,17 @@
 /// waits that long to be confirmed.
 int Apply(const std::vector<std::string>& words, int minutes);
 
-/// The same on the settings of an earlier state; 0: of the one before the last. Of a state as found there are
-/// no settings: its files are put back as they were.
+/// The same with the settings of an earlier state; 0 is the one before the last. A state as found has no
+/// settings: its files are put back as they were.
 int Undo(int state, int minutes);
 
 /// Makes the pending change a state.
 int Confirm();
 
-/// Takes back the pending change, if there is one that was not confirmed: after a power cut or a kill.
+/// Takes back a pending change that was not confirmed, after a power cut or a kill.
 int Recover();
 
-/// Waits until there is no pending change any more, or its time is over; then takes it back. Takes the lock
+/// Waits until the pending change is confirmed or gone; when its time is over, takes it back. Takes the lock
 /// itself.
 int Wait();
 

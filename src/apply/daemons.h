@@ -1,4 +1,4 @@
-/// The daemons that run on the package's files: which of them run, and what a changed file asks of them.
+/// The daemons that run with the package's files: which of them run, and what they must do after a change.
 #pragma once
 
 #include <sys/types.h>
@@ -13,8 +13,8 @@ struct RunningDaemon {
   bool unit;  ///< systemd has started it, and has to start it again
 };
 
-/// Those that run now. They are found by the files that they were started on, so the system's own are not
-/// among them, nor those of a rehearsal.
+/// Those that run now. They are found by the files that they were started with. So the system's own daemons
+/// and those of a rehearsal are not among them.
 std::vector<RunningDaemon> RunningDaemons();
 
 bool Runs(const std::vector<RunningDaemon>& daemons, const std::string& name);
@@ -22,12 +22,12 @@ bool Runs(const std::vector<RunningDaemon>& daemons, const std::string& name);
 /// Starts a daemon, and waits until a milter's port answers. Throws Fault.
 void StartDaemon(const std::string& name, bool unit);
 
-/// Ends a daemon, by its process id, whatever its files say; of Postfix also what a dead master has left
-/// behind, which would share the ports with the next one.
+/// Ends a daemon by its process id. For Postfix, also ends the processes that a dead master has left behind,
+/// which would share the ports with the next one.
 void StopDaemon(const RunningDaemon& daemon);
 
-/// Has the daemons follow: milters, Dovecot, Postfix, MailScanner. What does not run stays off, but for a
-/// milter that is newly switched on; one that is no longer wanted stops last. Returns what was done, a phrase
-/// each. `changed` are the paths that differ from what the daemons have loaded, `before` is the directory
-/// with the generated files that they have loaded. Throws Fault.
+/// Makes the daemons load the changed files: milters, Dovecot, Postfix, MailScanner. A daemon that does not
+/// run stays off, except for a milter that has been switched on. A milter that has been switched off stops
+/// last. Returns a phrase for each thing done. `changed` are the paths that differ from what the daemons have
+/// loaded; `before` is the directory with the generated files that they have loaded. Throws Fault.
 std::vector<std::string> Follow(const std::vector<std::string>& changed, const std::string& before);

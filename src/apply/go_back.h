@@ -1,4 +1,4 @@
-/// How mail is, compared with how it was; and the way back.
+/// Checks of mail, compared with those before a change; and taking a change back.
 #pragma once
 
 #include <set>
@@ -15,12 +15,12 @@ constexpr const char* kRefused = "/var/packages/Brindlecot/target/var/lib/apply/
 std::vector<MailObservation> AskMail(const std::vector<RunningDaemon>& daemons, const std::string& subject,
                                      const std::string& text);
 
-/// What was seen and is not good, "WHAT: DETAIL", but for what was not good before.
+/// What is not good now and was good before, as "WHAT: DETAIL".
 std::vector<std::string> Worse(const std::vector<MailObservation>& seen, const std::set<std::string>& unwell);
 
 std::string Join(const std::vector<std::string>& items, const char* separator);
 
-/// Ends the pending change: from here on there is none.
+/// Removes the pending change.
 void EndPending();
 
 /// Takes the pending change back: keeps its settings as refused, puts every file back, restarts the daemons

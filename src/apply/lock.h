@@ -3,8 +3,8 @@
 
 #include <chrono>
 
-/// Holds the lock of kStates, which it makes where it is missing, as long as it lives. It waits as well for a
-/// nubo_set_config that a killed change has left running; and removes what such a change has not finished.
+/// Holds the lock of kStates while it lives, and makes that directory if it is missing. Also waits for a
+/// nubo_set_config that a killed change has left running, and removes what that change has not finished.
 class Lock {
  public:
   explicit Lock(std::chrono::seconds patience);

@@ -1,4 +1,4 @@
-/// nubo_config_apply: has the mail system follow the settings, or puts everything back.
+/// nubo_config_apply: brings the settings into force in the mail system, or puts everything back.
 
 #include <sys/stat.h>
 #include <syslog.h>
@@ -29,7 +29,7 @@ int Number(const std::string& text) {
   return std::stoi(text);
 }
 
-// Which command it is, with the lock where it needs it.
+// Runs the command, with the lock if it needs one.
 int Run(const std::vector<std::string>& words, int minutes) {
   const std::vector<std::string> all = CommandWords();
   const std::string first = words.empty() ? "" : words[0];
@@ -68,7 +68,7 @@ int main(int argc, char* argv[]) {
     std::cerr << "nubo_config_apply: only root may do this\n";
     return 1;
   }
-  // The daemons must not get what the administrator's session holds.
+  // The daemons must not inherit anything from the administrator's session.
   clearenv();
   setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);
   setenv("LC_ALL", "C", 1);

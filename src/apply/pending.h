@@ -3,7 +3,7 @@
 ///
 ///     about   the text that this header reads and writes
 ///     in out  the way back (state.h)
-///     next    the state that the change makes, once mail was found well on it
+///     next    the state that the change makes, once mail has been found good with it
 ///     refused the settings of a change that is being taken back
 #pragma once
 
@@ -24,7 +24,7 @@ struct Pending {
   std::set<std::string> unwell;        ///< what was not good in the check of mail before it
 };
 
-/// Whether there is one.
+/// True when there is a pending change.
 bool IsPending();
 
 /// Reads it. Throws Fault when there is none, or it is damaged.
@@ -36,5 +36,5 @@ void WritePending(const Pending& pending, const std::string& tree);
 /// This boot of the machine: /proc/sys/kernel/random/boot_id, random(4).
 std::string ThisBoot();
 
-/// CLOCK_BOOTTIME in seconds, which goes on while the machine sleeps, and which nobody sets.
+/// CLOCK_BOOTTIME in seconds. It goes on while the machine sleeps, and nobody can set it.
 long Now();

@@ -30,7 +30,7 @@ std::string OpenSsl(const std::vector<std::string>& arguments, const std::string
   return ended.output;
 }
 
-// One rename for the whole directory: no daemon and no power cut ever meets half a pair.
+// One rename for the whole directory, so that no daemon and no power cut finds a certificate without its key.
 void Exchange() {
   if (renameat2(AT_FDCWD, kOther.c_str(), AT_FDCWD, kSsl.c_str(), RENAME_EXCHANGE) != 0) {
     throw Fault("cannot exchange " + kSsl + ": " + std::strerror(errno));
@@ -38,7 +38,7 @@ void Exchange() {
   Sync({kSsl});
 }
 
-// Has the daemons load what is there now. What is worse then.
+// Makes the daemons load what is there now, and returns what is worse then.
 std::vector<std::string> FollowCertificate(const std::vector<RunningDaemon>& running,
                                            const std::set<std::string>& unwell) {
   const Step step("The daemons follow, and mail is checked");

@@ -1,10 +1,10 @@
-/// What the administrator reads while a change is on its way.
+/// What the administrator reads during a change.
 #pragma once
 
 #include <chrono>
 #include <string>
 
-/// One step, one line, with its time: on a terminal from its beginning on, elsewhere at its end.
+/// One line with the time of one step. A terminal shows it from the beginning of the step, a file at its end.
 class Step {
  public:
   explicit Step(const std::string& text);
@@ -12,7 +12,7 @@ class Step {
   Step& operator=(const Step&) = delete;
   ~Step();
 
-  /// What came of it, for the end of the line.
+  /// The result of the step, for the end of the line.
   void Say(const std::string& result) { result_ = result; }
 
  private:

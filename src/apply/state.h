@@ -1,9 +1,9 @@
 /// The files of a state of the mail system, as apply keeps them: every confirmed state, and the way back from
 /// a change that is not confirmed yet.
 ///
-/// A kept tree is a directory with the folders `in` and `out`; a file's place in them is its absolute path.
-/// Files keep mode, owner and time. What is equal in the state before is a hard link to it. A tree is written
-/// under another name, synced, and renamed; so one that has its name is whole.
+/// A kept tree is a directory with the folders `in` and `out`; a file stands in them under its absolute path.
+/// Files keep mode, owner and time. A file that has not changed since the state before is a hard link. A tree
+/// is written under another name, synced, and renamed. So a tree with its right name is complete.
 #pragma once
 
 #include <set>
@@ -19,7 +19,7 @@ struct Fault : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// What the administrator writes, and what is made of it. Templates are neither: the package brings them.
+/// Inputs, which the administrator writes, and what is generated from them. Templates belong to the package.
 enum class Kind { kInput, kOutput };
 
 /// Directory of a state.
@@ -38,12 +38,11 @@ void Install(const std::string& tree, const std::string& name);
 /// Whether the tree holds files of the kind; state 1, as found, may have no input.
 bool Holds(const std::string& tree, Kind kind);
 
-/// The paths of a kind whose live file has other bytes, mode or owner than the tree has, or is on one side
-/// only.
+/// The paths of a kind where the live file and the tree's differ in bytes, mode or owner, or one is missing.
 std::vector<std::string> Differing(Kind kind, const std::string& tree);
 
-/// Makes the live files of a kind what the tree has: each by a rename; those that it has not are removed.
-/// Synced. Goes on after a failure; returns "PATH: REASON" for each.
+/// Puts the tree's files of a kind in place, each by a rename, and removes live files that the tree does not
+/// have. Synced. Continues after a failure and returns "PATH: REASON" for each.
 std::vector<std::string> PutBack(Kind kind, const std::string& tree);
 
 /// Waits until these live files and their directories are on disk.
