@@ -66,7 +66,7 @@ build() {
 
 # stage: installs the build of the preset "release" below $scratch/stage.
 stage() {
-  build release nubo_set_config nubo_config_preview nubopkghelper &&
+  build release &&
     DESTDIR=$scratch/stage cmake --install "$top/build/release"
 }
 
