@@ -30,7 +30,7 @@ SCAN = {"spam_enable": True, "anti_virus_enable": True, "enable_dangerous_conten
 CUSTOM, MAIL = PACKAGE + "/etc/customize/postfix/main.cf", PACKAGE + "/etc/customize/dovecot/10-mail.conf"
 # What is wrong: settings; a file and its text (None: it is gone; a function: of its text); what is said.
 FAULTS = (
-    ({**HOST, "smtp_tls_enabled": True, "smtp_tls_port": 143}, None, None, "Postfix goes on: refused"),
+    ({**HOST, "smtp_tls_enabled": True, "smtp_tls_port": 143}, None, None, "fatal: bind .* port 143"),
     (HOST, CUSTOM, "smtpd_helo_restrictions = hostname\n", "451 4.3.5 Server configuration error"),
     (HOST, CUSTOM, "service_throttle_time = abc\n", "fatal: .*service_throttle_time"),
     (HOST, ETC + "/access/client_access.db", None, "error: open database .*client_access.db"),
@@ -47,7 +47,7 @@ FAULTS = (
     ({**HOST, "enable_dkim": True}, PACKAGE + "/etc/dkim.key/dkim.private", None, "a message from this machine: ref"),
     (HOST, CUSTOM, "mailbox_size_limit = 1000\n", "mailbox_size_limit is smaller"),
     (HOST, CUSTOM, "mailbox_transport = lmtp:unix:private/none\n", "status=deferred .*private/none"),
-    (HOST, CUSTOM, "smtpd_relay_restrictions =\nsmtpd_recipient_restrictions = permit\n", "other domains: refused"),
+    (HOST, CUSTOM, "smtpd_relay_restrictions = permit\n", "no mail of a stranger to other domains: refused"),
     (HOST, CUSTOM, "inet_interfaces = 203.0.113.5\n", "fatal: bind 203.0.113.5"),
     (HOST, CUSTOM, "mail_owner = nobody_here\n", "unknown user name value: nobody_here"),
     (HOST, ETC + "/template/master.template", lambda text: text[:text.index("local ")], "postlog|local"),
@@ -125,7 +125,7 @@ def main(stage):
         elif path:
             write(path, text(old) if callable(text) else text)
         before = contents(PACKAGE + "/target/etc")
-        status, shown = preview("smtp")
+        status, shown = preview("dovecot" if path == MAIL else "smtp")
         check(said, status == 2 and re.search(said, shown) and before == contents(PACKAGE + "/target/etc"), shown)
         if path and text is None:
             os.rename(path + ".gone", path)

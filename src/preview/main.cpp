@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "main/commands.h"
+#include "preview/network.h"
 #include "preview/rehearsal.h"
 #include "preview/report.h"
 #include "preview/sandbox.h"
@@ -48,7 +49,7 @@ int Usage() {
 }
 
 /// Inside the sandbox.
-int Show(const Options& options) {
+int Show(const Options& options, const std::vector<std::string>& taken) {
   Preview preview;
   for (const std::string& word : options.words) preview.runs.push_back(RunGenerators(word));
   Checkers checkers(options.words);
@@ -58,7 +59,7 @@ int Show(const Options& options) {
   };
   add(checkers.Ask());
   // No daemon that is rehearsed reads what this command writes.
-  if (options.rehearsal && options.words != std::vector<std::string>{"mailscanner"}) add(Rehearse());
+  if (options.rehearsal && options.words != std::vector<std::string>{"mailscanner"}) add(Rehearse(taken));
   add(checkers.AskLast());
   const bool failed =
       std::any_of(preview.runs.begin(), preview.runs.end(), [](const Run& run) { return run.failed; });
@@ -77,7 +78,8 @@ int main(int argc, char* argv[]) {
     return 2;
   }
   try {
-    const int status = InSandbox([&] { return Show(options); });
+    const std::vector<std::string> taken = TakenPlaces();
+    const int status = InSandbox([&] { return Show(options, taken); });
     return status < 0 ? 2 : status;
   } catch (const std::exception& error) {
     std::cerr << "nubo_config_preview: " << error.what() << std::endl;

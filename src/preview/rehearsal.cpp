@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "preview/mail_check.h"
+#include "preview/network.h"
 #include "preview/run.h"
 #include "preview/sandbox.h"
 
@@ -67,6 +68,20 @@ bool Start(std::vector<Verdict>& verdicts, const std::vector<std::string>& comma
   }
   verdicts.push_back(verdict);
   return ended.status == 0;
+}
+
+/// Why the master has ended at once: what it says goes to its own log socket, where nobody listened yet. Here
+/// it starts once more, with the system log for its log.
+std::vector<std::string> MasterSays(const std::string& master) {
+  const std::string folder = std::string(kWork) + "/master";
+  fs::create_directory(folder);
+  for (const char* name : {"/main.cf", "/master.cf"}) fs::copy_file(kEtc + std::string(name), folder + name);
+  RunProgram({"postconf", "-c", folder, "-e", "maillog_file="});
+  Age(folder + "/main.cf");
+  Age(folder + "/master.cf");
+  TakeLogOf("");
+  RunProgram({master, "-c", folder, "-w"});
+  return TakeLogOf("");
 }
 
 bool Listens(std::uint16_t port) {
@@ -136,11 +151,11 @@ void SendOut(const std::string& log) {
 
 }  // namespace
 
-std::vector<Verdict> Rehearse() {
+std::vector<Verdict> Rehearse(const std::vector<std::string>& taken) {
   std::vector<Verdict> verdicts;
   const bool postfix = fs::exists(kMain) && fs::exists(std::string(kEtc) + "/master.cf");
   CoverData();
-  LeaveNetwork();
+  LeaveNetwork(taken);
   // Makes the directories of the queue, of which Dovecot needs one for its socket.
   if (postfix && !fs::exists(MainParameter("queue_directory") + "/pid"))
     RunProgram({"postfix", "-c", kEtc, "check"});
@@ -159,6 +174,7 @@ std::vector<Verdict> Rehearse() {
     // Not by postfix(1), which would check all once more.
     master = MainParameter("daemon_directory") + "/master";
     check.postfix = Start(verdicts, {master, "-c", kEtc, "-w"}, log);
+    if (!check.postfix && !verdicts.empty()) verdicts.back().said = MasterSays(master);
   }
   if (check.postfix) SendOut(log);
   for (const MailObservation& seen : CheckMail(check)) {

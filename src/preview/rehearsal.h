@@ -5,10 +5,12 @@
 /// There is no network. What fails for want of a name server, a directory or another host does not count.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "preview/verdict.h"
 
 /// Starts Dovecot, the milters that are on and Postfix, as far as they are installed and have files, and asks
-/// them. To be called last: the network is left for good.
-std::vector<Verdict> Rehearse();
+/// them. `taken` are the places where others listen (TakenPlaces). To be called last: the network is left for
+/// good.
+std::vector<Verdict> Rehearse(const std::vector<std::string>& taken);

@@ -1,10 +1,6 @@
 #include "preview/sandbox.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <ifaddrs.h>
-#include <net/if.h>
-#include <netdb.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -26,8 +22,6 @@
 #include <iostream>
 #include <stdexcept>
 #include <system_error>
-
-#include "preview/program.h"
 
 namespace {
 
@@ -125,12 +119,7 @@ void LayOut() {
   // The users of a directory or a domain are asked for through sockets, names too.
   Cover("/run", {"nscd", "nslcd", "samba/winbindd", "systemd/resolve", "systemd/userdb"});
   Cover("/dev", {"full", "null", "random", "tty", "urandom", "zero"});
-  if (fs::exists(kHelper)) {
-    const std::string standIn = std::string(kWork) + "/nubopkghelper";
-    std::ofstream(standIn) << "#!/bin/sh\nprintf %s \"$4\" >" << kPamConfig << "\n";
-    Need(chmod(standIn.c_str(), 0755), "make " + standIn);
-    Mount(standIn, kHelper, nullptr, MS_BIND);
-  }
+  ReplaceByText(kHelper, std::string("#!/bin/sh\nprintf %s \"$4\" >") + kPamConfig + "\n");
   clearenv();  // cron's PATH has no sbin, and MAIL_CONFIG would lead Postfix elsewhere
   setenv("PATH", "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", 1);
   setenv("LC_ALL", "C", 1);
@@ -157,21 +146,6 @@ int Serve(int log, int seen, int signals, pid_t worker) {
     for (pid_t ended; (ended = waitpid(-1, &status, WNOHANG)) > 0;) {
       if (ended == worker) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-  }
-}
-
-/// Answers every question of the DNS with "server failure" (RFC 1035, section 4.1.1).
-[[noreturn]] void AnswerNames(int names) {
-  for (;;) {
-    unsigned char message[512];
-    sockaddr_in from = {};
-    socklen_t length = sizeof from;
-    const ssize_t size =
-        recvfrom(names, message, sizeof message, 0, reinterpret_cast<sockaddr*>(&from), &length);
-    if (size < 12) continue;
-    message[2] |= 0x80;  // a response
-    message[3] = 2;
-    sendto(names, message, static_cast<size_t>(size), 0, reinterpret_cast<const sockaddr*>(&from), length);
   }
 }
 
@@ -283,38 +257,11 @@ void Cover(const std::string& directory, const std::vector<std::string>& kept) {
 
 void CoverByDirectories(const std::string& directory) { ReplaceByCopy(directory, false); }
 
-void LeaveNetwork() {
-  // To be found again by a daemon that is to listen on one of them, and one for a machine that has none.
-  std::string changes = "link set lo up\n";
-  ifaddrs* all = nullptr;
-  Need(getifaddrs(&all), "list the machine's addresses");
-  for (const ifaddrs* one = all; one != nullptr; one = one->ifa_next) {
-    if (one->ifa_addr == nullptr || (one->ifa_flags & IFF_LOOPBACK) != 0) continue;
-    const bool old = one->ifa_addr->sa_family == AF_INET;
-    char text[NI_MAXHOST];
-    if (!old && one->ifa_addr->sa_family != AF_INET6) continue;
-    if (getnameinfo(one->ifa_addr, old ? sizeof(sockaddr_in) : sizeof(sockaddr_in6), text, sizeof text,
-                    nullptr, 0, NI_NUMERICHOST) == 0 &&
-        std::strchr(text, '%') == nullptr) {
-      changes += std::string("addr add ") + text + (old ? "/32" : "/128") + " dev lo\n";
-    }
-  }
-  freeifaddrs(all);
-  changes += "addr add 192.0.2.10/32 dev lo\n";  // of a network for examples: RFC 5737
-  Need(unshare(CLONE_NEWNET), "make a network namespace");
-  if (RunProgram({"ip", "-force", "-batch", "-"}, changes).status == kNotRun) {
-    throw std::runtime_error("ip(8) is missing: the rehearsal takes iproute2");
-  }
-  const std::string resolver = std::string(kWork) + "/resolv.conf";
-  std::ofstream(resolver) << "nameserver 127.0.0.1\noptions attempts:1\n";
-  Need(chmod(resolver.c_str(), 0644), "make " + resolver);
-  if (fs::exists("/etc/resolv.conf")) Mount(resolver, "/etc/resolv.conf", nullptr, MS_BIND);
-  const int names = Need(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0), "make a socket");
-  sockaddr_in place = {};
-  place.sin_family = AF_INET;
-  place.sin_port = htons(53);
-  place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  Need(bind(names, reinterpret_cast<const sockaddr*>(&place), sizeof place), "answer for names");
-  if (Need(fork(), "start a process") == 0) AnswerNames(names);
-  close(names);
+void ReplaceByText(const std::string& path, const std::string& text) {
+  struct stat status = {};
+  if (stat(path.c_str(), &status) != 0) return;
+  const std::string standIn = kWork + ("/" + fs::path(path).filename().string());
+  std::ofstream(standIn) << text;
+  Need(chmod(standIn.c_str(), status.st_mode & 07777), "make " + standIn);
+  Mount(standIn, path, nullptr, MS_BIND);
 }

@@ -34,6 +34,5 @@ void Cover(const std::string& directory, const std::vector<std::string>& kept = 
 /// Covers the directory with a copy of itself, in memory: without files, just with the directories in it.
 void CoverByDirectories(const std::string& directory);
 
-/// From here on, in a network of its own: the loopback interface, with the machine's own addresses beside its
-/// usual ones, and a name server that answers at once that it does not know.
-void LeaveNetwork();
+/// Puts a file of this text, with the mode of the old one, in the place of a file, if there is one.
+void ReplaceByText(const std::string& path, const std::string& text);

@@ -38,11 +38,8 @@ Verdict Judge(const std::vector<std::string>& command, const Ended& ended,
 }  // namespace
 
 Checkers::Checkers(const std::vector<std::string>& words) : words_(words) {
-  // Postfix's programs would wait until a configuration file is two seconds old.
   for (const fs::directory_entry& entry : fs::directory_iterator(kEtc)) {
-    if (entry.path().extension() == ".cf") {
-      fs::last_write_time(entry.path(), fs::file_time_type::clock::now() - std::chrono::seconds(10));
-    }
+    if (entry.path().extension() == ".cf") Age(entry.path());
   }
   if (Checks("mailscanner")) lint_.emplace(kLint);
 }
@@ -84,6 +81,10 @@ std::vector<Verdict> Checkers::Ask() const {
 std::vector<Verdict> Checkers::AskLast() {
   if (!lint_) return {};
   return {Judge(kLint, lint_->Wait(), {})};
+}
+
+void Age(const std::string& path) {
+  fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::seconds(10));
 }
 
 std::string MainParameter(const std::string& name) {

@@ -34,6 +34,9 @@ class Checkers {
   std::optional<Program> lint_;
 };
 
+/// Makes a file ten seconds old: Postfix's programs would wait until it is two seconds old.
+void Age(const std::string& path);
+
 /// The value of a parameter in the new main.cf. The file is read once.
 std::string MainParameter(const std::string& name);
 
