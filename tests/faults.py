@@ -35,6 +35,7 @@ INPUTS = {
     "/usr/nubo/etc/wins.secret": "domain = C\nuser = u\npassword = wins-secret\n",
     "/usr/nubo/etc/nslcd.conf": "uri ldap://ldap.example\nbase dc=example\nbinddn cn=mail\n",
     "/usr/bin/net": "#!/bin/sh\nprintf 'LDAP server: h\\nLDAP port: 1\\nBind Path: b\\ndistinguishedName: CN=u\\n'\n"}
+LISTED = f"alias_maps = hash:{ETC}/aliases, hash:{ETC}/domain-aliases"  # in main.cf when `net` fails
 new = {}  # (mode, text) of each target after a run without faults, by its path
 own = {}  # those of the command at hand
 
@@ -122,10 +123,10 @@ def damage(fault, status, log):
         if path in new and text not in (OLD, OLD_ENTRIES):
             late.discard(path)
             whole = text in (new[path][1], merged and new[path][1].removesuffix(OWN))
-            lines = set(text.splitlines()) <= set(new[path][1].splitlines())
+            lines = set(text.splitlines()) <= {*new[path][1].splitlines(), LISTED}
             if not whole and (strict or not lines) or mode != new[path][0] and strict:
                 yield f"{name} with mode {mode:o} holds {text!r}"
-        elif strict and not killed and not os.path.exists("/run/etc/" + name) and path not in new and name[:-6] != "aliases":
+        elif path not in new and strict and not killed and name[:-6] != "aliases" and not os.path.exists("/run/etc/" + name):
             yield f"{name} is left"
     if status not in (0, 255) and not killed or status == 255 and not log or late and not (fault and (
             killed or log or not strict)) or re.match("(write|fsync):e", fault) and len(log) != 1 or any(
