@@ -20,7 +20,8 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "postfix, openssl, iproute2")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "postfix-ldap, libsasl2-modules, dovecot-imapd, dovecot-pop3d, opendkim, \
 opendmarc, publicsuffix, spamassassin, postfix-policyd-spf-perl")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "samba-common-bin, winbind, libnss-winbind, libpam-winbind, libpam-ldapd, memcached")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "samba-common-bin, winbind, libnss-winbind, libpam-winbind, libpam-ldapd, memcached, \
+clamav-daemon")
 
 get_property(conffiles GLOBAL PROPERTY CONFFILES)
 file(WRITE ${PROJECT_BINARY_DIR}/conffiles "${conffiles}")
