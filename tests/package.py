@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """package.py DEB ROOT.tar: the package as people get it, in a bare Debian root that has what it depends on, and the
-packages that it recommends as files. It is installed in several orders, run, previewed, upgraded and removed. Runs on
+packages that it recommends as files. It is installed in two orders, run, previewed, upgraded and removed. Runs on
 a private machine, from scripts/test."""
 
 import json
@@ -14,10 +14,10 @@ from appliance import COMMANDS, ETC, PACKAGE, read, run, write
 BARE = "/run/bare"
 # What package tools and daemons' own packages write anywhere.
 OTHERS = re.compile("/(run|sys|tmp|root|var/cache|var/lib/dpkg|var/log)/")
-OURS, DAEMONS = "/tmp/ours.deb", "/var/cache/apt/archives/*.deb"
-ORDERS = ((f"dpkg -i {OURS}", f"dpkg -i {DAEMONS}"),
-          (f"dpkg --unpack {OURS} {DAEMONS}", "dpkg --configure nubo-set-config", "dpkg --configure --pending"),
-          (f"dpkg -i {DAEMONS}", f"dpkg -i {OURS}"))
+OURS, DAEMONS, LATER = "/tmp/ours.deb", "/var/cache/apt/archives/*.deb", "/var/cache/apt/archives/opendkim_*.deb"
+# Ours is configured first, and one daemon comes a day later; ours comes last.
+ORDERS = ((f"dpkg --unpack {OURS} $(ls {DAEMONS} | grep -vF $(ls {LATER}))", "dpkg --configure nubo-set-config",
+           "dpkg --configure --pending", f"dpkg -i {LATER}"), (f"dpkg -i {DAEMONS}", f"dpkg -i {OURS}"))
 SETTINGS = {"smtp": '{"smtp_hostname": "mail.example.com", "enable_dkim": true, "enable_dmarc": true}',
             "scanner": '{"spam_enable": true}', "aliases": '{"sales": ["alice", "bob"]}'}
 # MailScanner's names for what its template sets: those of a directory, or of a file in one, with the directory's owner
@@ -106,7 +106,7 @@ def main(deb, tar):
     for steps in ORDERS:
         before = installed(deb, steps)
         trees.append(complete())
-    check("all orders end alike", trees[0] == trees[1] == trees[2], trees)
+    check("both orders end alike", trees[0] == trees[1], trees)
     previewed_is_applied()
     # The administrator's files outlive an upgrade and a removal.
     kept = [f"{ETC}/{name}" for name in "main.cf.local main.cfbackup spamassassin/init.pre login_map".split()]
