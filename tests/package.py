@@ -15,8 +15,9 @@ BARE = "/run/bare"
 # What package tools and daemons' own packages write anywhere.
 OTHERS = re.compile("/(run|sys|tmp|root|var/cache|var/lib/dpkg|var/log)/")
 OURS, DAEMONS, LATER = "/tmp/ours.deb", "/var/cache/apt/archives/*.deb", "/var/cache/apt/archives/opendkim_*.deb"
-# Ours is configured first, and one daemon comes a day later; ours comes last.
-ORDERS = ((f"dpkg --unpack {OURS} $(ls {DAEMONS} | grep -vF $(ls {LATER}))", "dpkg --configure nubo-set-config",
+# As apt does it, with ours configured first, and one daemon a day later; ours last.
+ORDERS = ((f"dpkg --no-triggers --unpack {OURS} $(ls {DAEMONS} | grep -vF $(ls {LATER}))",
+           "dpkg --no-triggers --configure nubo-set-config && dpkg --no-triggers --configure --pending",
            "dpkg --configure --pending", f"dpkg -i {LATER}"), (f"dpkg -i {DAEMONS}", f"dpkg -i {OURS}"))
 SETTINGS = {"smtp": '{"smtp_hostname": "mail.example.com", "enable_dkim": true, "enable_dmarc": true}',
             "scanner": '{"spam_enable": true}', "aliases": '{"sales": ["alice", "bob"]}'}
@@ -100,8 +101,7 @@ def previewed_is_applied():
 
 
 def main(deb, tar):
-    os.mkdir("/run/lower")
-    run("tar", "xf", tar, "-C", "/run/lower", check=True)
+    run("sh", "-ec", f"mkdir /run/lower; tar xf {tar} -C /run/lower", check=True)
     trees = []
     for steps in ORDERS:
         before = installed(deb, steps)
