@@ -11,7 +11,7 @@ passed=0 failed=0 skipped=0
 
 build_packages=(g++ cmake make libboost-dev libjsoncpp-dev libidn2-dev libcurl4-openssl-dev libgtest-dev
   python3 python3-jsonschema util-linux iproute2)
-check_packages=(clang-format clang-tidy clang libclang-rt-14-dev strace mandoc xfsprogs)
+check_packages=(clang-format clang-tidy strace mandoc xfsprogs)
 # SpamAssassin's installation needs gpg's agent when gpg is there.
 mail_packages=(postfix postfix-ldap postfix-policyd-spf-perl libsasl2-modules dovecot-core dovecot-imapd
   dovecot-pop3d opendkim opendmarc publicsuffix gpg-agent spamassassin memcached openssl)

@@ -9,7 +9,7 @@
 #     smtp JSON                 keys of a settings file; likewise the other names in SETTINGS
 #     file PATH CONTENT         a file (\n, \t, \r, \xHH and \\ as in C; \{9 c} is nine times c); secret: with mode 0600
 #     script PATH COMMAND       a program; postmap and postalias copy the table, nubopkghelper does nothing
-#     dir PATH / remove PATH    a directory in the file's place / no file
+#     dir PATH... / remove PATH...    a directory in the file's place / no file
 #     closed                    descriptors 0, 1 and 2 are closed
 #     run WORD...               the program's arguments
 #     base                      the later cases start from this one
@@ -34,18 +34,18 @@ import sys
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../lab")
 from appliance import ETC, PACKAGE, POSTMAP, listen, read, write
 
-PLACES = (PACKAGE, "/usr/nubo", "/tmp")
 SETTINGS = ("smtp", "scanner", "imap_pop3", "aliases", "sender_quotas", "attachment_filter")
 VERBS = (*SETTINGS, "file", "secret", "script", "dir", "remove", "closed", "run", "base")
 SUFFIX = re.compile(r"((?:\.cf|\.conf|_checks|Table|Hosts|aliases|_map|ad_info))[A-Za-z0-9]{6}\b")
 OWN = re.compile(r"^<11>.{15} nubo_set_config: ")  # LOG_USER and LOG_ERR
 EMULATOR = os.environ.get("EMULATOR", "").split()  # runs a program of another architecture
-FILES = {"/etc/passwd": ("root:x:0:0::/:\nD\\zoe:x:7:7::/:\n", 0o644),
-         "/usr/nubo/etc/nslcd.conf": ("uri ldap://a\nbase b\nbinddn c\n", 0o644),
-         "/usr/nubo/etc/ldap.secret": ("s3cret\n", 0o600),
-         "/usr/nubo/etc/wins.secret": ("domain=D\nuser=u\npassword=p\n", 0o600)}
-NET = "printf 'LDAP server: h\\nLDAP port: 389\\nBind Path: b\\ndistinguishedName: CN=a\\n'"
 PROGRAMS = (POSTMAP, PACKAGE + "/target/sbin/postalias", "/usr/nubo/sbin/nubopkghelper", "/usr/bin/net")
+# Where every scene starts, beside templates and programs.
+SCENE = (r"file /etc/passwd root:x:0:0::/:\nD\\zoe:x:7:7::/:\n",
+         r"file /usr/nubo/etc/nslcd.conf uri ldap://a\nbase b\nbinddn c\n",
+         r"secret /usr/nubo/etc/ldap.secret s3cret\n",
+         r"secret /usr/nubo/etc/wins.secret domain=D\nuser=u\npassword=p\n",
+         r"script /usr/bin/net printf 'LDAP server: h\nLDAP port: 389\nBind Path: b\ndistinguishedName: CN=a\n'")
 
 
 def expand(text):
@@ -67,9 +67,10 @@ def put_program(path, command):
     write(path, f"#!/bin/sh\nprintf '%s\\0' \"$0 $*\" >>/run/trace\n{command}\n", 0o755)
 
 
-def tree(*tops):
+def tree():
     """Mode and content of every file, by path."""
-    paths = [os.path.join(folder, name) for top in tops for folder, _, names in os.walk(top) for name in names]
+    paths = [os.path.join(folder, name) for top in (PACKAGE, "/usr/nubo", "/tmp") for folder, _, names in os.walk(top)
+             for name in names]
     return {path: (f"{os.stat(path).st_mode & 0o7777:o}", read(path)) for path in paths}
 
 
@@ -86,11 +87,9 @@ def set_scene(lines):
     for name in "main master header_checks opendkim opendmarc 10-mail mailscanner spamassassin".split():
         write(f"{ETC}/template/{name}.template", f"# {name}\n")
     for path in PROGRAMS:
-        put_program(path, 'cp -p "$1" "$1.db" 2>&-' if "/post" in path else NET if path.endswith("/net") else "")
-    for path, (content, mode) in FILES.items():
-        write(path, content, mode)
+        put_program(path, 'cp -p "$1" "$1.db" 2>&-' if "/post" in path else "")
     argv, flags = [], set()
-    for line in lines:
+    for line in (*SCENE, *lines):
         verb, _, rest = line.replace("$E", ETC).replace("$P", PACKAGE).partition(" ")
         path, _, content = rest.partition(" ")
         if verb in SETTINGS:
@@ -102,9 +101,11 @@ def set_scene(lines):
         elif verb == "script":
             put_program(path, content)
         elif verb == "dir":  # not empty, so that rename cannot replace it
-            os.makedirs(path + "/x")
+            for path in rest.split():
+                os.makedirs(path + "/x")
         elif verb == "remove":
-            shutil.rmtree(path) if os.path.isdir(path) else os.unlink(path)
+            for path in rest.split():
+                shutil.rmtree(path) if os.path.isdir(path) else os.unlink(path)
         elif verb == "run":
             argv = shlex.split(rest)
         else:
@@ -124,7 +125,7 @@ def cover():
 def run(program, argv, flags, take_log):
     """The results of a run, as lines by file; those of no file are under ""."""
     write("/run/trace", "")
-    before = tree(*PLACES)
+    before = tree()
     # SIGCHLD may be ignored when the program starts. Then the kernel drops the status of a child.
     shell = 'trap "" CHLD; exec "$@"' + " <&- >&- 2>&-" * ("closed" in flags)
     done = subprocess.run(["sh", "-c", shell, "sh", *program, *argv], stdin=subprocess.DEVNULL, capture_output=True,
@@ -136,7 +137,7 @@ def run(program, argv, flags, take_log):
     if EMULATOR:  # there, vfork(2) is a fork: a child that finds no program can tell it only by its exit status
         lines = [line.replace(": exit status 127", ": could not be run: Permission denied") for line in lines]
     blocks = {"": [f"status {done.returncode}", *lines]}
-    after = tree(*PLACES)
+    after = tree()
     for path in before.keys() - after.keys():
         blocks[shorten(path)] = ["gone"]
     for path, (mode, content) in after.items():
@@ -171,8 +172,7 @@ def render(blocks, base, known):
             title.append(changes.pop(0))
         shown += [" ".join(title)] * bool(title) + changes
     missing = sorted(base.keys() - blocks.keys())
-    shown += [" ".join(["not written", *missing])] * bool(missing)
-    return "".join(line + "\n" for line in shown)
+    return shown + [" ".join(["not written", *missing])] * bool(missing)
 
 
 def main(program, *paths):
@@ -182,30 +182,26 @@ def main(program, *paths):
     cover()
     write("/etc/nsswitch.conf", "passwd: files\n")
     take_log = listen()
-    passed = failed = 0
+    results = [0, 0]
     for path, text in texts.items():
         written, start, base, known = "", [], {}, {}
         for case in re.split(r"(?m)^case ", text)[1:]:
             title, *lines = case.removesuffix("\n").split("\n")
-            scene = list(itertools.takewhile(in_scene, lines))
-            expected = "".join(line + "\n" for line in lines[len(scene):])
-            scene = [title] * in_scene(title) + scene
-            argv, flags = set_scene(start + scene)
-            blocks = run([*EMULATOR, "/run/nubo_set_config"], argv, flags, take_log)
-            actual = render(blocks, base, known)
+            given = [title, *itertools.takewhile(in_scene, lines)]
+            scene = given[not in_scene(title):]
+            blocks = run([*EMULATOR, "/run/nubo_set_config"], *set_scene(start + scene), take_log)
+            actual = "\n".join(given + render(blocks, base, known)) + "\n"
             if not base or "base" in scene:
                 start, base = start + scene, blocks
             known = {**blocks, **known, **base}
-            written += "case " + "".join(line + "\n" for line in [title] * (not in_scene(title)) + scene) + actual
-            good = actual == expected
-            passed += good
-            failed += not good
-            print("" if good else f"{path}: {title}\n", end="")
+            written += "case " + actual
+            results[actual == case] += 1
+            print("" if actual == case else f"{path}: {title}\n", end="")
         name = path[path.rindex("tests/"):]
         diff = difflib.unified_diff(text.splitlines(True), written.splitlines(True), "a/" + name, "b/" + name)
         print("".join(diff), end="")
-    print(f"{passed} passed, {failed} failed")
-    return failed != 0 or passed == 0
+    print(f"{results[1]} passed, {results[0]} failed")
+    return results[0] != 0 or results[1] == 0
 
 
 if __name__ == "__main__":

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <iterator>
 #include <regex>
 
 #include "core/config_generator.h"
@@ -14,10 +15,20 @@
 namespace {
 
 // A user database that ends after some of its users.
-std::vector<std::string> users;
+struct {
+  std::vector<std::string> users;
+  int errorAtEnd;
+  bool isGone;
+  int listed;  ///< -1 for a failure
+} databases[] = {
+    {{"root", "D\\a", "other", "d\\b"}, 0, false, 2},
+    {{"root", "D\\a"}, ENOENT, false, 1},  // as the last source may set it
+    {{"root", "D\\a"}, EIO, false, -1},
+    {{}, ECONNREFUSED, false, -1},
+    {{"root", "D\\a"}, 0, true, -1},
+};
+auto* database = std::begin(databases);
 std::size_t next;
-int errorAtEnd;
-bool isGone;
 passwd entry;
 
 }  // namespace
@@ -25,37 +36,20 @@ passwd entry;
 extern "C" void setpwent() { next = 0; }
 
 extern "C" passwd* getpwent() {
-  errno = next == users.size() ? errorAtEnd : errno;
-  if (next == users.size()) return nullptr;
-  entry.pw_name = users[next++].data();
+  if (next == database->users.size()) return errno = database->errorAtEnd, nullptr;
+  entry.pw_name = database->users[next++].data();
   return &entry;
 }
 
-extern "C" passwd* getpwnam(const char*) { return isGone ? nullptr : &entry; }
+extern "C" passwd* getpwnam(const char*) { return database->isGone ? nullptr : &entry; }
 
 namespace {
 
 // With an incomplete list users would lose mail, so the old table stays.
 TEST(UserEnumTest, EndsEarly) {
-  const struct {
-    std::vector<std::string> users;
-    int errorAtEnd;
-    bool isGone;
-    int count;  ///< -1 for a failure
-  } rows[] = {
-      {{"root", "D\\a", "other", "d\\b"}, 0, false, 2},
-      {{"root", "D\\a"}, ENOENT, false, 1},  // as the last source may set it
-      {{"root", "D\\a"}, EIO, false, -1},
-      {{}, ECONNREFUSED, false, -1},
-      {{"root", "D\\a"}, 0, true, -1},
-  };
-  for (const auto& row : rows) {
-    users = row.users;
-    errorAtEnd = row.errorAtEnd;
-    isGone = row.isGone;
+  for (; database != std::end(databases); ++database) {
     ZELBCSzList* list = ZELBCSzListAlloc(1);
-    const int result = ZELBUserEnum(&list, 2, "D");
-    EXPECT_EQ(result < 0 ? -1 : list->count, row.count);
+    EXPECT_EQ(ZELBUserEnum(&list, 2, "D") < 0 ? -1 : list->count, database->listed);
     ZELBCSzListFree(list);
   }
 }
