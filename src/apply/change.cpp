@@ -31,13 +31,6 @@ constexpr size_t kStatesKept = 10;
 
 volatile std::sig_atomic_t interrupted = 0;
 
-// A change goes on when its terminal is closed. An interrupt takes it back.
-void HandleSignals() {
-  std::signal(SIGHUP, SIG_IGN);
-  std::signal(SIGPIPE, SIG_IGN);
-  for (const int number : {SIGINT, SIGTERM}) std::signal(number, [](int) { interrupted = 1; });
-}
-
 void GoOn() {
   if (interrupted != 0) throw Fault("it was interrupted");
 }
@@ -51,7 +44,6 @@ struct Base {
 
 // The last confirmed state, made from the files as they are found where there is none; and mail as it is.
 Base BaseOfChange() {
-  HandleSignals();
   if (IsPending()) throw Fault("a change is pending: confirm it, or take it back by recover");
   if (States().empty()) {
     const std::string tree = StateDirectory(1) + ".new";
@@ -216,6 +208,12 @@ int BringAbout(const Base& base, const Pending& pending, const std::string& show
 
 }  // namespace
 
+void OutliveSession() {
+  std::signal(SIGHUP, SIG_IGN);
+  std::signal(SIGPIPE, SIG_IGN);
+  for (const int number : {SIGINT, SIGTERM}) std::signal(number, [](int) { interrupted = 1; });
+}
+
 int Apply(const std::vector<std::string>& words, int minutes) {
   const Base base = BaseOfChange();
   Shown shown;
@@ -278,7 +276,7 @@ int Recover() {
 }
 
 int Wait() {
-  HandleSignals();
+  OutliveSession();
   const long deadline = ReadPending().deadline;
   while (Now() < deadline) {
     std::this_thread::sleep_for(seconds(1));

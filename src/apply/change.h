@@ -8,6 +8,9 @@
 #include <string>
 #include <vector>
 
+/// From here on the program goes on when its terminal is closed; SIGINT and SIGTERM have a change taken back.
+void OutliveSession();
+
 /// Runs nubo_set_config with the words and has the daemons follow. With `minutes` greater than 0 the change
 /// waits that long to be confirmed.
 int Apply(const std::vector<std::string>& words, int minutes);

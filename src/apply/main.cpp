@@ -49,6 +49,7 @@ int Run(const std::vector<std::string>& words, int minutes) {
   // A certificate comes by a timer, which will not try again soon.
   const Lock lock(std::chrono::seconds(renew ? 600 : first == "recover" ? 60 : 0));
   if (!lock.Held()) throw Fault("another change is under way");
+  OutliveSession();
   if (renew) return Renew(words[1], words[2]);
   if (first == "confirm") return Confirm();
   if (first == "recover") return Recover();

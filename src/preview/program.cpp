@@ -29,6 +29,7 @@ Program::Program(const std::vector<std::string>& command, const std::string& inp
   arguments.push_back(nullptr);
   Start(
       [&] {
+        std::signal(SIGPIPE, SIG_DFL);  // a daemon's own programs count on it
         close_range(STDERR_FILENO + 1, ~0U, 0);
         execvp(arguments[0], arguments.data());
         std::cerr << arguments[0] << ": " << std::strerror(errno) << std::endl;
