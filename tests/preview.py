@@ -89,7 +89,7 @@ def applied():
 
 def killed():
     """Killed at twenty moments, it leaves nothing, and the daemons go on."""
-    mounts, before = read("/proc/mounts"), contents(PACKAGE) | contents("/tmp")
+    mounts, before = read("/proc/mounts"), contents(PACKAGE)
     processes = set(glob.glob("/proc/[0-9]*/exe"))
     refused = []
     for moment in range(20):
@@ -102,7 +102,7 @@ def killed():
     time.sleep(1)
     left = [os.readlink(one) for one in set(glob.glob("/proc/[0-9]*/exe")) - processes if os.path.exists(one)]
     left = [one for one in left if "/postfix/" not in one and "/dovecot/" not in one]
-    after = contents(PACKAGE) | contents("/tmp")
+    after = contents(PACKAGE)
     changed = [path for path in before.keys() | after.keys() if before.get(path) != after.get(path) and
                "/var/log/" not in path and "/var/lib/postfix/" not in path]
     check("killed, it leaves nothing", (left, changed, read("/proc/mounts")) == ([], [], mounts), (left, changed))
