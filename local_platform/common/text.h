@@ -6,7 +6,7 @@
 /// `text` without the blanks, tabs and line ends (LF, CRLF, CR) at its two ends.
 std::string_view Trim(std::string_view text);
 
-/// Removes the first line from `text`, which is not empty, and returns it with its line end, if it has one.
+/// Removes the first line from `text` and returns it with its line end, if it has one. Empty when `text` is.
 std::string_view TakeLine(std::string_view& text);
 
 /// Copies `value` into `buffer` of `size` bytes, NUL-terminated, and returns its length. When it does not fit

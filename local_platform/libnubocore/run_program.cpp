@@ -150,7 +150,7 @@ std::string Execute(const std::vector<const char*>& arguments, std::string* outp
   pid_t program = 0;
   const int error = Start(arguments, ends[1], program);
   if (output != nullptr && close(ends[1]) != 0) {
-    dup2(ends[0], ends[1]);  // or the reader would wait for this end too
+    dup2(ends[0], ends[1]);  // closes it in another way; while it is open, ReadAll would wait for it
   }
   std::string failure =
       error != 0 ? Because("could not be run", error) : Finish(program, ends[0], output, status);

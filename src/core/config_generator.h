@@ -13,8 +13,9 @@
 /// A daemon that reads the target sees the old file or the new one, never a part of it, even after a power
 /// cut. When a write fails, the temporary file is removed, the target stays as it was, one line is logged,
 /// and the run goes on with the next file. When a template is missing, the file is made without the
-/// template's part. When a temporary file cannot be opened, its lines are lost. When chmod or rename fails,
-/// the temporary file stays, except for the tables that can hold secrets (RemovedAtEnd).
+/// template's part. When a temporary file cannot be opened, its lines are lost; the files of src/alias are
+/// not installed then, and one line is logged. When chmod or rename fails, the temporary file stays, except
+/// those of ldap-aliases.cf, domain-aliases.cf and domain-aliases (RemovedAtEnd).
 ///
 /// Operations return 0 for success and a negative value for failure. They are named after what they do:
 /// Generate... writes and installs a file, Write... appends lines to a stream that its caller holds open.
@@ -52,17 +53,16 @@ const char* YesNo(bool value);
 /// (mkstemp(3)). 0, or -1. Logs nothing.
 int MakeTempFile(char* path);
 
-/// The result of a copy when the destination could not be written whole. It then holds a part.
+/// The result of a copy that stopped half-way. The destination then holds a part.
 inline constexpr int kNotWhole = -2;
 
 /// Copies `source` to `destination` byte for byte. A destination that exists keeps its mode; otherwise
-/// it is created with 0644. 0; or, with one log line, -1 when a file cannot be opened or nothing of the
-/// source be read, kNotWhole when a part was copied. A source that is a pipe counts as one that cannot be
-/// opened.
+/// it is created with 0644. 0; or, with one log line, -1 when a file cannot be opened or the source cannot be
+/// read at all, and kNotWhole when only a part was copied. A pipe counts as a source that cannot be opened.
 int CopyFile(const char* source, const char* destination);
 
-/// Appends the bytes of `source` to `destination`. As CopyFile, but a source of which nothing can be read is
-/// an empty one.
+/// Appends the bytes of `source` to `destination`. As CopyFile, but a source that cannot be read at all
+/// counts as an empty one.
 int AppendFile(const char* source, const char* destination);
 
 /// Creates a temporary file (MakeTempFile), copies the template into it, and opens `stream` to append to it.

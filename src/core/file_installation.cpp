@@ -50,7 +50,8 @@ int Copy(const char* source, const char* destination, int flags, int line) {
     (void)CopyError(line);
     return kNotWhole;
   }
-  // Beside `flags`, the one difference of the two: of what cannot be read, a directory, nothing is appended.
+  // The two callers differ here: a source that cannot be read, such as a directory, is an error to CopyFile
+  // and an empty file to AppendFile.
   if (count < 0 && flags == O_TRUNC) return CopyError(line);
   return Written(to.Close() == 0, destination) ? 0 : kNotWhole;
 }

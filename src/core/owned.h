@@ -39,9 +39,9 @@ struct OwnedDescriptor {
   int Close() { return number < 0 ? 0 : close(std::exchange(number, -1)); }
 };
 
-/// Removes the file at `path` when this object ends: a scratch file, or a temporary file with a secret that
-/// could not be installed. (After its rename there is none to remove.) Declare it before the file is made:
-/// then the file is also removed when making it fails half-way.
+/// Removes the file at `path` when this object ends: a scratch file, or a temporary file that was not
+/// installed and must not stay. (After its rename there is none to remove.) Declare it before the file is
+/// made: then the file is also removed when making it fails half-way.
 struct RemovedAtEnd {
   const char* path;
 
