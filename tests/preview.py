@@ -47,14 +47,16 @@ FAULTS = (
     ({**HOST, "enable_dkim": True}, PACKAGE + "/etc/dkim.key/dkim.private", None, "a message from this machine: ref"),
     (HOST, CUSTOM, "mailbox_size_limit = 1000\n", "mailbox_size_limit is smaller"),
     (HOST, CUSTOM, "mailbox_transport = lmtp:unix:private/none\n", "status=deferred .*private/none"),
-    (HOST, CUSTOM, "smtpd_relay_restrictions = permit\n", "no mail of a stranger to other domains: refused"),
-    (HOST, CUSTOM, "inet_interfaces = 203.0.113.5\n", "fatal: bind 203.0.113.5"),
+    (HOST, CUSTOM, "smtpd_relay_restrictions = check_client_access static:OK, reject\n"
+     "smtpd_recipient_restrictions = permit\n", "no mail of a stranger to other domains: refused"),
+    (HOST, CUSTOM, "inet_interfaces = 203.0.113.5\n", "no local interface found for 203.0.113.5"),
     (HOST, CUSTOM, "mail_owner = nobody_here\n", "unknown user name value: nobody_here"),
     (HOST, ETC + "/template/master.template", lambda text: text[:text.index("local ")], "postlog|local"),
     ({"smtp_port": 0}, None, None, "log: .*smtp_port: expected an integer"))
 GOOD = (({}, {}), ({"smtp_auth_enabled": False}, {}), (TLS, {}), (FILTERS, {}), ({**FILTERS, **HOST}, SCAN),
-        ({**HOST, "account_type": "ldap"}, {}), ({**HOST, "account_type": "win"}, {}), ({"message_limit": 0}, {}),
-        ({**HOST, "smtp_ignore_lan_auth": True}, {}), ({"smtp_port": 2525, "always_bcc": "a@elsewhere.example"}, {}))
+        ({**HOST, "account_type": "ldap"}, {}), ({**HOST, "account_type": "win", "win_domain_short_name": "CORP"}, {}),
+        ({"message_limit": 0}, {}), ({**HOST, "smtp_ignore_lan_auth": True}, {}),
+        ({"smtp_port": 2525, "always_bcc": "a@elsewhere.example"}, {}))
 counts = [0, 0]
 printed = []
 
