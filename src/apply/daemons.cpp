@@ -94,6 +94,15 @@ std::vector<pid_t> Processes(const std::function<bool(const std::string& directo
   return found;
 }
 
+// More than one while a daemon starts.
+std::vector<pid_t> ProcessesOf(const Daemon& daemon) {
+  return Processes([&](const std::string& directory) {
+    return TextOf(directory + "/comm") == daemon.process + "\n" &&
+           (TextOf(directory + "/cmdline") + TextOf(directory + "/environ")).find(daemon.mark) !=
+               std::string::npos;
+  });
+}
+
 bool ByUnit(const std::string& unit) {
   return fs::exists("/run/systemd/system") &&
          RunProgram({"systemctl", "is-active", "--quiet", unit}).status == 0;
@@ -136,12 +145,7 @@ void Restart(const RunningDaemon& daemon) {
 std::vector<RunningDaemon> RunningDaemons() {
   std::vector<RunningDaemon> running;
   for (const Daemon& daemon : Daemons()) {
-    const std::vector<pid_t> found = Processes([&](const std::string& directory) {
-      return TextOf(directory + "/comm") == daemon.process + "\n" &&
-             (TextOf(directory + "/cmdline") + TextOf(directory + "/environ")).find(daemon.mark) !=
-                 std::string::npos;
-    });
-    if (!found.empty()) running.push_back({daemon.name, found[0], ByUnit(daemon.unit)});
+    if (!ProcessesOf(daemon).empty()) running.push_back({daemon.name, ByUnit(daemon.unit)});
   }
   return running;
 }
@@ -165,10 +169,11 @@ void StopDaemon(const RunningDaemon& daemon) {
   if (daemon.unit) {
     RunProgram({"systemctl", "stop", Named(daemon.name).unit});
   } else {
-    kill(daemon.pid, SIGTERM);
-    const auto ended = [&] { return kill(daemon.pid, 0) != 0; };
-    if (!WaitFor(ended, seconds(10))) kill(daemon.pid, SIGKILL);
-    WaitFor(ended, seconds(2));
+    const auto end = [&](int number) {
+      for (const pid_t process : ProcessesOf(Named(daemon.name))) kill(process, number);
+      return WaitFor([&] { return ProcessesOf(Named(daemon.name)).empty(); }, seconds(10));
+    };
+    if (!end(SIGTERM)) end(SIGKILL);
   }
   if (daemon.name == "Postfix") EndOrphans();
 }

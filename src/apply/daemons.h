@@ -1,15 +1,12 @@
 /// The daemons that run with the package's files: which of them run, and what they must do after a change.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 #include <vector>
 
 /// A daemon that runs on the package's files: "OpenDKIM", "OpenDMARC", "Dovecot" or "Postfix".
 struct RunningDaemon {
   std::string name;
-  pid_t pid;
   bool unit;  ///< systemd has started it, and has to start it again
 };
 

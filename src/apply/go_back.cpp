@@ -39,12 +39,20 @@ void RestartDaemons(const Pending& pending, std::vector<std::string>& failed) {
   std::vector<RunningDaemon> running = RunningDaemons();
   std::reverse(running.begin(), running.end());
   for (const RunningDaemon& daemon : running) StopDaemon(daemon);
-  for (const RunningDaemon& daemon : pending.running) {
+  const auto start = [](const RunningDaemon& daemon) -> std::string {
     try {
       StartDaemon(daemon.name, daemon.unit);
+      return "";
     } catch (const Fault& fault) {
-      failed.emplace_back(fault.what());
+      return fault.what();
     }
+  };
+  for (const RunningDaemon& daemon : pending.running) {
+    if (start(daemon).empty()) continue;
+    // A change that was killed may have left a start behind, which has come first.
+    StopDaemon(daemon);
+    const std::string reason = start(daemon);
+    if (!reason.empty()) failed.push_back(reason);
   }
 }
 

@@ -9,8 +9,8 @@
 int Check() {
   bool well = true;
   // Whether they run or not: a daemon that is down is not well.
-  std::vector<RunningDaemon> daemons = {{"Postfix", 0, false}};
-  if (std::filesystem::exists("/usr/sbin/dovecot")) daemons.push_back({"Dovecot", 0, false});
+  std::vector<RunningDaemon> daemons = {{"Postfix", false}};
+  if (std::filesystem::exists("/usr/sbin/dovecot")) daemons.push_back({"Dovecot", false});
   for (const MailObservation& one :
        AskMail(daemons, "Mail is checked", "nubo_config_apply check asked for this.\n")) {
     std::cout << (one.good ? "good  " : "BAD   ") << one.what << ": " << one.detail << std::endl;

@@ -25,7 +25,7 @@ Pending ReadPending() {
       std::getline(words, pending.what);
     } else if (key == "running") {
       RunningDaemon daemon = {};
-      words >> daemon.name >> daemon.pid >> daemon.unit;
+      words >> daemon.name >> daemon.unit;
       pending.running.push_back(daemon);
     } else if (key == "unwell") {
       std::string what;
@@ -42,7 +42,7 @@ void WritePending(const Pending& pending, const std::string& tree) {
   text << "base " << pending.base << "\ndeadline " << pending.deadline << "\nboot " << pending.boot
        << "\nwhat " << pending.what << "\n";
   for (const RunningDaemon& daemon : pending.running) {
-    text << "running " << daemon.name << " " << daemon.pid << " " << daemon.unit << "\n";
+    text << "running " << daemon.name << " " << daemon.unit << "\n";
   }
   for (const std::string& what : pending.unwell) text << "unwell " << what << "\n";
   WriteText(tree + "/about", text.str());
