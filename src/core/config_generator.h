@@ -61,8 +61,8 @@ inline constexpr int kNotWhole = -2;
 /// read at all, and kNotWhole when only a part was copied. A pipe counts as a source that cannot be opened.
 int CopyFile(const char* source, const char* destination);
 
-/// Appends the bytes of `source` to `destination`. As CopyFile, but a source that cannot be read at all
-/// counts as an empty one.
+/// Appends the bytes of `source` to `destination`. As CopyFile, but a source that cannot be read, or not to
+/// its end, ends there.
 int AppendFile(const char* source, const char* destination);
 
 /// Creates a temporary file (MakeTempFile), copies the template into it, and opens `stream` to append to it.

@@ -46,13 +46,12 @@ int Copy(const char* source, const char* destination, int flags, int line) {
       return kNotWhole;
     begun = true;
   }
-  if (count < 0 && begun) {
+  // The two callers differ here: a source that cannot be read is an error to CopyFile, and ends early to
+  // AppendFile.
+  if (count < 0 && flags == O_TRUNC) {
     (void)CopyError(line);
-    return kNotWhole;
+    return begun ? kNotWhole : -1;
   }
-  // The two callers differ here: a source that cannot be read, such as a directory, is an error to CopyFile
-  // and an empty file to AppendFile.
-  if (count < 0 && flags == O_TRUNC) return CopyError(line);
   return Written(to.Close() == 0, destination) ? 0 : kNotWhole;
 }
 
