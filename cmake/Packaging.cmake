@@ -16,8 +16,12 @@ and puts everything back when it is worse than before.")
 
 # It depends on what it calls, except net(8) of samba-common-bin, which only Windows domains need. It recommends the
 # daemons that read the files: the administrator chooses which of them run here.
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "postfix, openssl, iproute2")
+if(CMAKE_CROSSCOMPILING)
+  set(CPACK_DEBIAN_PACKAGE_DEPENDS "$ENV{PACKAGE_DEPENDS}")  # dpkg-shlibdeps(1) knows the installed libraries alone
+else()
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_PACKAGE_DEPENDS "postfix, openssl, iproute2")
+endif()
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "postfix-ldap, libsasl2-modules, dovecot-imapd, dovecot-pop3d, opendkim, \
 opendmarc, publicsuffix, spamassassin, postfix-policyd-spf-perl")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "samba-common-bin, winbind, libnss-winbind, libpam-winbind, libpam-ldapd, memcached, \
