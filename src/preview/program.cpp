@@ -25,6 +25,7 @@ std::string ContentOf(int file) {
 
 Program::Program(const std::vector<std::string>& command, const std::string& input) {
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
   arguments.push_back(nullptr);
   Start(
