@@ -116,7 +116,7 @@ def main(stage, moments="4"):
     with subprocess.Popen((APPLY,), stdout=subprocess.DEVNULL) as first:
         wait_for(lambda: "another change" in apply("confirm")[1], "the lock")
         status, said = apply()
-        check("two at once: the second touches nothing", status == 1 and "another change is under way" in said and
+    check("two at once: the second touches nothing", status == 1 and "another change is under way" in said and
           (first.returncode, limit()) == (0, 21), said)
     smtp = GOOD["smtp"]
     taken_back("a port is taken", "Postfix", 587, smtp={**smtp, "smtp_tls_enabled": True})
