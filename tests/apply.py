@@ -55,9 +55,13 @@ def taken_back(claim, reason, port=None, **new):
     before, mail = files(), answers()
     settings(**{**GOOD, **new})
     refused = files(PACKAGE + "/etc/settings")
-    with socket.create_server(("", port)) if port else contextlib.nullcontext():
-        status, said = apply()
-    after = files()
+    with contextlib.ExitStack() as taken, subprocess.Popen(
+            (APPLY,), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True) as process:
+        if port:  # only now: the rehearsal would see it
+            wait_for(lambda: os.path.exists(STATES + "pending"), "the way back")
+            taken.enter_context(socket.create_server(("", port)))
+        said = process.communicate()[0]
+    status, after = process.returncode, files()
     wrong = [path for path in before.keys() | after.keys() if before.get(path) != after.get(path)]
     check(claim, (status, wrong, answers()) == (3, [], mail) and re.search(reason, said), f"{status} {wrong}\n{said}")
     kept = files(STATES + "refused/in" + PACKAGE + "/etc/settings")
