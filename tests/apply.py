@@ -57,9 +57,9 @@ def taken_back(claim, reason, port=None, **new):
     refused = files(PACKAGE + "/etc/settings")
     with contextlib.ExitStack() as taken, subprocess.Popen(
             (APPLY,), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True) as process:
-        if port:  # only now: the rehearsal would see it
+        if port:  # only now, since the rehearsal would see it; bound, and refused to those who connect
             wait_for(lambda: os.path.exists(STATES + "pending"), "the way back")
-            taken.enter_context(socket.create_server(("", port)))
+            taken.enter_context(socket.socket()).bind(("", port))
         said = process.communicate()[0]
     status, after = process.returncode, files()
     wrong = [path for path in before.keys() | after.keys() if before.get(path) != after.get(path)]
