@@ -115,4 +115,5 @@ def domain(made):
     wait_for(lambda: answers(88, "127.0.0.1") and answers(389, "127.0.0.1"), "Kerberos and LDAP")
     wait_for(lambda: "CORP\\erin" in run("getent", "passwd").stdout, "the domain's users")
     run("install", "-d", "-o", "CORP\\erin", "/home/CORP/erin", check=True)
-    return run("net", "ads", "testjoin").stdout
+    # The controller answers other machines before it finds itself.
+    return wait_for(lambda: run("net", "ads", "testjoin").stdout, "net ads testjoin")
