@@ -201,8 +201,9 @@ int BringAbout(const Base& base, const Pending& pending, const std::string& show
     return GoBack(pending, error.what());
   }
   if (pending.deadline == 0) return MakeState(pending);
-  std::cout << "In force. Confirm it within " << (pending.deadline - Now()) / 60
-            << " minutes by: nubo_config_apply confirm\nOtherwise it is taken back." << std::endl;
+  const long left = std::max(0L, pending.deadline - Now());
+  std::cout << "In force. Confirm it within " << left / 60 << " min " << left % 60
+            << " s by: nubo_config_apply confirm\nOtherwise it is taken back." << std::endl;
   return 0;
 }
 
@@ -280,7 +281,8 @@ int Wait() {
   const long deadline = ReadPending().deadline;
   while (Now() < deadline) {
     std::this_thread::sleep_for(seconds(1));
-    if (!IsPending() || ReadPending().deadline != deadline) return 0;
+    // At a shutdown it must not be waited for. What is pending then is taken back at boot.
+    if (interrupted != 0 || !IsPending() || ReadPending().deadline != deadline) return 0;
   }
   const Lock lock(std::chrono::hours(24));
   if (!lock.Held() || !IsPending() || ReadPending().deadline != deadline) return 0;
