@@ -1,32 +1,28 @@
 #include "apply/change.h"
 
+#include <json/json.h>
 #include <syslog.h>
 
-#include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <ctime>
 #include <filesystem>
-#include <functional>
+#include <fstream>
 #include <iostream>
-#include <iterator>
-#include <sstream>
-#include <thread>
 
-#include "apply/go_back.h"
-#include "apply/lock.h"
-#include "apply/report.h"
+#include "apply/basics.h"
 #include "apply/state.h"
-#include "main/commands.h"
+#include "core/config_generator.h"
+#include "core/paths.h"
 #include "preview/program.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using std::chrono::seconds;
 
-const std::string kBin = "/var/packages/Brindlecot/target/bin/";
-const std::string kNext = std::string(kPending) + "/next";
-constexpr const char* kEtcInTree = "/out/var/packages/Brindlecot/target/etc";
+const std::string kNext = kPending + "/next";
+const std::string kKeptSsl = kPending + "/ssl";
+const std::string kRefused = kStates + "/refused";
 constexpr size_t kStatesKept = 10;
 
 volatile std::sig_atomic_t interrupted = 0;
@@ -35,101 +31,51 @@ void GoOn() {
   if (interrupted != 0) throw Fault("it was interrupted");
 }
 
-struct Base {
-  int number;
-  std::string tree;
-  std::vector<RunningDaemon> running;
-  std::set<std::string> unwell;
-};
+// This boot of the machine: random(4).
+std::string ThisBoot() { return TextOf("/proc/sys/kernel/random/boot_id"); }
 
-// The last confirmed state, made from the files as they are found where there is none; and mail as it is.
-Base BaseOfChange() {
-  if (IsPending()) throw Fault("a change is pending: confirm it, or take it back by recover");
-  if (States().empty()) {
-    const std::string tree = StateDirectory(1) + ".new";
-    Keep(Kind::kOutput, tree, "");
-    WriteText(tree + "/preview", "As found\n");
-    Install(tree, StateDirectory(1));
-  }
-  const int number = *States().rbegin();
-  Base base = {number, StateDirectory(number), RunningDaemons(), {}};
-  Step step("Mail as it is");
-  for (const MailObservation& one :
-       AskMail(base.running, "Mail before a change of its configuration",
-               "The configuration is about to change. This message shows that mail is "
-               "delivered.\n")) {
-    if (!one.good) base.unwell.insert(one.what);
-  }
-  step.Say(base.running.empty()  ? "no daemon runs"
-           : base.unwell.empty() ? "well"
-                                 : "not well: " + Join({base.unwell.begin(), base.unwell.end()}, "; "));
-  return base;
+// The time of day so many seconds from now.
+std::string TimeOfDay(const char* format, long seconds) {
+  const std::time_t time = std::time(nullptr) + seconds;
+  std::tm local = {};
+  char text[32] = "";
+  std::strftime(text, sizeof text, format, localtime_r(&time, &local));
+  return text;
 }
 
-struct Shown {
-  int status;
-  std::string text;
-};
-
-// Runs the preview with its rehearsal. True when the change can be tried; otherwise prints why not.
-bool Accepted(const std::vector<std::string>& words, Shown& shown) {
-  std::vector<std::string> command = {kBin + "nubo_config_preview"};
-  if (words.size() == 1) command.push_back(words[0]);
-  {
-    const Step step("Preview and rehearsal");
-    const Ended ended = RunProgram(command);
-    shown = {ended.status, ended.output + ended.errors};
+// What is not good now and was good before the change, as "WHAT: DETAIL".
+std::list<std::string> Worse(const Change& change, const std::string& subject, const std::string& text) {
+  const Step step("Mail is checked");
+  std::list<std::string> worse;
+  for (const MailObservation& one : AskMail(change.running, subject, change.what + text)) {
+    if (!one.good && change.unwell.count(one.what) == 0) worse.push_back(one.what + ": " + one.detail);
   }
-  if (shown.status == 0 || shown.status == 1) return true;
-  std::cout << shown.text << "Refused by the preview; nothing was touched." << std::endl;
-  return false;
-}
-
-// The files that the preview has named, on a line each, and that are still what they were before the change.
-// (The exit status of "nubo_set_config smtp" does not tell.)
-std::vector<std::string> Unwritten(const std::string& shown) {
-  const std::vector<std::string> written = Differing(Kind::kOutput, kPending);
-  std::vector<std::string> unwritten;
-  std::istringstream lines(shown);
-  for (std::string line; std::getline(lines, line);) {
-    const std::string path = line.substr(0, line.find(": "));
-    if (line[0] == '/' && std::find(written.begin(), written.end(), path) == written.end())
-      unwritten.push_back(path);
-  }
-  return unwritten;
-}
-
-void RunAll(const std::vector<std::string>& words) {
-  for (const std::string& word : words) {
-    const Ended ended = RunProgram({"flock", kRunLock, kBin + "nubo_set_config", word});
-    if (ended.status != 0) {
-      throw Fault("nubo_set_config " + word + " ended with " + std::to_string(ended.status) +
-                  ", see the system log");
-    }
-  }
+  return worse;
 }
 
 // Writes the way back to the disk. From here on, whatever happens, the change ends confirmed or taken back.
-// `inputs` are the settings to go back to; without them, those of the base.
-Pending Arm(const Base& base, const std::string& what, int minutes, bool liveInputs) {
-  const std::string tree = std::string(kPending) + ".new";
-  Keep(Kind::kOutput, tree, base.tree);
-  if (liveInputs) {
-    Keep(Kind::kInput, tree, base.tree);
-  } else if (Holds(base.tree, Kind::kInput)) {
-    fs::copy(base.tree + "/in", tree + "/in",
-             fs::copy_options::recursive | fs::copy_options::create_hard_links);
+void Arm(const Change& change, Sort sort) {
+  const std::string tree = kPending + ".new";
+  const std::string base = StateDirectory(change.base);
+  Keep(Kind::kOutput, tree, base);
+  if (sort == Sort::kRenew) {
+    RunOrThrow({"cp", "-aT", kSsl, tree + "/ssl"}, "cannot copy " + kSsl);
+  } else if (sort != Sort::kApply) {
+    Keep(Kind::kInput, tree, base);
+  } else if (Holds(base, Kind::kInput)) {
+    // The settings that are there are those of the change.
+    LinkTree(base + "/in", tree + "/in");
   }
-  Pending pending;
-  pending.base = base.number;
-  pending.what = what;
-  pending.boot = ThisBoot();
-  pending.deadline = minutes > 0 ? Now() + 60L * minutes : 0;
-  pending.running = base.running;
-  pending.unwell = base.unwell;
-  WritePending(pending, tree);
+  Json::Value about;
+  about["base"] = change.base;
+  about["what"] = change.what;
+  about["boot"] = change.boot;
+  about["deadline"] = static_cast<Json::Int64>(change.deadline);
+  for (const std::string& name : change.running) about["running"].append(name);
+  for (const std::string& what : change.unwell) about["unwell"].append(what);
+  WriteText(tree + "/about", about.toStyledString());
   Install(tree, kPending);
-  if (minutes > 0) {
+  if (change.deadline > 0) {
     // It has to outlive the session, and where systemd ends a session's processes, their group too.
     const std::string self = fs::read_symlink("/proc/self/exe");
     if (!fs::exists("/run/systemd/system") ||
@@ -137,77 +83,59 @@ Pending Arm(const Base& base, const std::string& what, int minutes, bool liveInp
       RunProgram({"setsid", "--fork", self, "wait"});
     }
   }
-  return pending;
 }
 
-std::string Today() {
-  const std::time_t now = std::time(nullptr);
-  std::tm local = {};
-  char text[32] = "";
-  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", localtime_r(&now, &local));
-  return text;
+// Writes the state that the change makes.
+void KeepNext(const Change& change, Sort sort, const std::string& shown) {
+  if (sort == Sort::kRenew) return;
+  const std::string tree = kNext + ".new";
+  const std::string base = StateDirectory(change.base);
+  Keep(Kind::kOutput, tree, base);
+  if (sort != Sort::kAsFound) Keep(Kind::kInput, tree, base);
+  WriteText(tree + "/preview", TimeOfDay("%Y-%m-%d %H:%M:%S", 0) + "  " + change.what + "\n\n" + shown);
+  Install(tree, kNext);
 }
 
-int MakeState(const Pending& pending) {
-  const int number = pending.base + 1;
-  fs::rename(kNext, StateDirectory(number));  // from here on it is confirmed
-  EndPending();
-  for (std::set<int> states = States(); states.size() > kStatesKept; states = States()) {
-    fs::rename(StateDirectory(*states.begin()), StateDirectory(*states.begin()) + ".new");
-    fs::remove_all(StateDirectory(*states.begin()) + ".new");
-  }
-  syslog(LOG_MAIL | LOG_NOTICE, "%s is in force as state %d", pending.what.c_str(), number);
-  std::cout << "In force, as state " << number << std::endl;
-  return 0;
+void KeepRefused() {
+  const std::string refused = kPending + "/refused";
+  if (fs::exists(refused)) return;
+  fs::remove_all(refused + ".new");
+  Keep(Kind::kInput, refused + ".new", "");
+  Install(refused + ".new", refused);
 }
 
-// After the way back is written: brings into force what `write` writes, or puts everything back.
-int BringAbout(const Base& base, const Pending& pending, const std::string& shown, bool inputs,
-               const std::function<void()>& write) {
-  try {
-    {
-      const Step step("The files are written");
-      write();
-    }
-    const std::vector<std::string> unwritten = inputs ? Unwritten(shown) : std::vector<std::string>();
-    if (!unwritten.empty()) throw Fault("not written, see the system log: " + Join(unwritten, ", "));
-    GoOn();
-    // Nobody knows what the daemons have loaded of files as found.
-    std::vector<std::string> changed =
-        Differing(Kind::kOutput, Holds(base.tree, Kind::kInput) ? base.tree : "/nowhere");
-    const std::vector<std::string> more = Differing(Kind::kInput, base.tree);
-    std::copy(more.begin(), more.end(), std::back_inserter(changed));
-    Sync(changed);
-    {
-      Step step("The daemons follow");
-      const std::vector<std::string> done = Follow(changed, base.tree + kEtcInTree);
-      step.Say(done.empty() ? "nothing to do" : Join(done, ", "));
-    }
-    GoOn();
-    {
-      const Step step("Mail is checked");
-      const std::vector<std::string> worse =
-          Worse(AskMail(base.running, "The configuration of mail has changed", pending.what + "\n\n" + shown),
-                base.unwell);
-      if (!worse.empty()) throw Fault(Join(worse, "; "));
-    }
-    GoOn();
-    const std::string tree = kNext + ".new";
-    Keep(Kind::kOutput, tree, base.tree);
-    if (inputs) Keep(Kind::kInput, tree, base.tree);
-    WriteText(tree + "/preview", Today() + "  " + pending.what + "\n\n" + shown);
-    Install(tree, kNext);
-  } catch (const std::exception& error) {
-    return GoBack(pending, error.what());
-  }
-  if (pending.deadline == 0) return MakeState(pending);
-  const long left = std::max(0L, pending.deadline - Now());
-  std::cout << "In force. Confirm it within " << left / 60 << " min " << left % 60
-            << " s by: nubo_config_apply confirm\nOtherwise it is taken back." << std::endl;
-  return 0;
+void PutInputsBack() {
+  if (!Holds(kPending, Kind::kInput)) return;
+  Mirror(Kind::kInput, kPending, kLive);
+  // The package helper was told the account type of the refused settings.
+  ConfigGenerator generator;
+  if (generator.LoadAllSettings() >= 0) generator.UpdatePamConfig();
 }
 
 }  // namespace
+
+bool IsPending() { return fs::exists(kPending); }
+
+Change ReadPending() {
+  if (!IsPending()) throw Fault("no change is pending");
+  Json::Value about;
+  std::ifstream(kPending + "/about") >> about;
+  Change change = {about["base"].asInt(),
+                   about["what"].asString(),
+                   about["boot"].asString(),
+                   static_cast<long>(about["deadline"].asInt64()),
+                   {},
+                   {}};
+  for (const Json::Value& name : about["running"]) change.running.insert(name.asString());
+  for (const Json::Value& what : about["unwell"]) change.unwell.insert(what.asString());
+  return change;
+}
+
+long Now() {
+  timespec now = {};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  return now.tv_sec;
+}
 
 void OutliveSession() {
   std::signal(SIGHUP, SIG_IGN);
@@ -215,76 +143,155 @@ void OutliveSession() {
   for (const int number : {SIGINT, SIGTERM}) std::signal(number, [](int) { interrupted = 1; });
 }
 
-int Apply(const std::vector<std::string>& words, int minutes) {
-  const Base base = BaseOfChange();
-  Shown shown;
-  if (!Accepted(words, shown)) return 1;
-  const bool known = Holds(base.tree, Kind::kInput);
-  if (shown.status == 0 && known && Differing(Kind::kOutput, base.tree).empty() &&
-      Differing(Kind::kInput, base.tree).empty()) {
-    std::cout << "Nothing has changed since state " << base.number << std::endl;
-    return 0;
+std::vector<MailObservation> AskMail(const std::set<std::string>& daemons, const std::string& subject,
+                                     const std::string& text) {
+  MailCheck check;
+  check.postfix = daemons.count("Postfix") != 0;
+  check.dovecot = daemons.count("Dovecot") != 0;
+  check.subject = subject;
+  check.text = text;
+  return CheckMail(check);
+}
+
+Change Begin(const std::string& what) {
+  if (IsPending()) throw Fault("a change is pending: confirm it, or take it back by recover");
+  if (States().empty()) {
+    const std::string tree = StateDirectory(1) + ".new";
+    Keep(Kind::kOutput, tree, "");
+    WriteText(tree + "/preview", "As found\n");
+    Install(tree, StateDirectory(1));
   }
+  Change change = {*States().rbegin(), what, ThisBoot(), 0, RunningDaemons(), {}};
+  Step step("Mail as it is");
+  for (const MailObservation& one :
+       AskMail(change.running, "Mail before a change of its configuration",
+               "The configuration is about to change. This message shows that mail is "
+               "delivered.\n")) {
+    if (!one.good) change.unwell.insert(one.what);
+  }
+  step.Say(change.running.empty() ? "no daemon runs"
+           : change.unwell.empty()
+               ? "well"
+               : "not well: " + JoinList({change.unwell.begin(), change.unwell.end()}, "; "));
+  return change;
+}
+
+int BringAbout(Change change, Sort sort, double minutes, const std::function<std::string()>& write) {
   GoOn();
-  const std::string what = words.size() == 1 ? "nubo_config_apply " + words[0] : "nubo_config_apply";
-  const Pending pending = Arm(base, what, minutes, false);
-  return BringAbout(base, pending, shown.text, true, [&] { RunAll(words); });
-}
-
-int Undo(int state, int minutes) {
-  const std::set<int> states = States();
-  if (state == 0 && states.size() > 1) state = *std::next(states.rbegin());
-  if (states.count(state) == 0) throw Fault("there is no such state, see: nubo_config_apply history");
-  const std::string tree = StateDirectory(state);
-  const Base base = BaseOfChange();
-  const Pending pending = Arm(base, "nubo_config_apply undo " + std::to_string(state), minutes, true);
-  if (!Holds(tree, Kind::kInput)) {
-    return BringAbout(base, pending, "The files of state " + std::to_string(state) + ".\n", false, [&] {
-      const std::vector<std::string> failed = PutBack(Kind::kOutput, tree);
-      if (!failed.empty()) throw Fault(Join(failed, "; "));
-    });
-  }
-  Shown shown = {2, ""};
-  const std::vector<std::string> failed = PutBack(Kind::kInput, tree);
-  if (!failed.empty() || !Accepted(CommandWords(), shown)) {
-    const std::vector<std::string> still = PutBack(Kind::kInput, kPending);
-    std::cout << Join(failed, "\n") << Join(still, "\n");
-    if (!still.empty()) return 4;
+  if (minutes > 0) change.deadline = Now() + std::lround(60 * minutes);
+  Arm(change, sort);
+  const std::string base = StateDirectory(change.base);
+  try {
+    const std::string shown = write();
+    GoOn();
+    // Nobody knows what the daemons have loaded of files as found.
+    Paths changed = Differing(Kind::kOutput, Holds(base, Kind::kInput) ? base : "/nowhere");
+    changed.merge(Differing(Kind::kInput, base));
+    if (sort == Sort::kRenew) changed.insert(kSsl);
+    Sync(changed);
+    {
+      Step step("The daemons follow");
+      const std::list<std::string> done = Follow(changed, base + "/out" + kEtc);
+      step.Say(done.empty() ? "nothing to do" : JoinList(done, ", "));
+    }
+    GoOn();
+    const std::list<std::string> worse =
+        Worse(change, "The configuration of mail has changed", "\n\n" + shown);
+    if (!worse.empty()) throw Fault(JoinList(worse, "; "));
+    GoOn();
+    KeepNext(change, sort, shown);
+  } catch (const Refused&) {
     EndPending();
-    return 1;
+    throw;
+  } catch (const std::exception& error) {
+    return GoBack(change, error.what());
   }
-  return BringAbout(base, pending, shown.text, true, [] { RunAll(CommandWords()); });
-}
-
-int Confirm() {
-  const Pending pending = ReadPending();
-  if (!fs::exists(kNext))
-    throw Fault("the change was not finished; take it back by: nubo_config_apply recover");
-  return MakeState(pending);
-}
-
-int Recover() {
-  if (!IsPending()) {
-    std::cout << "No change is pending." << std::endl;
-    return 0;
-  }
-  const Pending pending = ReadPending();
-  if (States().count(pending.base + 1) == 0) {
-    return GoBack(pending, fs::exists(kNext) ? "it was not confirmed" : "it was not finished");
-  }
-  EndPending();  // confirmed, and killed before it could say so
+  if (change.deadline == 0) return Settle(change);
+  std::cout << "In force. Until " << TimeOfDay("%H:%M:%S", change.deadline - Now())
+            << " confirm it by: nubo_config_apply confirm\nOtherwise it is taken back." << std::endl;
   return 0;
 }
 
-int Wait() {
-  OutliveSession();
-  const long deadline = ReadPending().deadline;
-  while (Now() < deadline) {
-    std::this_thread::sleep_for(seconds(1));
-    // At a shutdown it must not be waited for. What is pending then is taken back at boot.
-    if (interrupted != 0 || !IsPending() || ReadPending().deadline != deadline) return 0;
+int Settle(const Change& pending) {
+  const int number = pending.base + 1;
+  const bool state = fs::exists(kNext);
+  if (state) fs::rename(kNext, StateDirectory(number));  // from here on it is confirmed
+  EndPending();
+  for (std::set<int> states = States(); states.size() > kStatesKept; states = States()) {
+    fs::rename(StateDirectory(*states.begin()), StateDirectory(*states.begin()) + ".new");
+    fs::remove_all(StateDirectory(*states.begin()) + ".new");
   }
-  const Lock lock(std::chrono::hours(24));
-  if (!lock.Held() || !IsPending() || ReadPending().deadline != deadline) return 0;
-  return Recover();
+  const std::string said = "in force" + (state ? ", as state " + std::to_string(number) : "");
+  syslog(LOG_MAIL | LOG_NOTICE, "%s: %s", pending.what.c_str(), said.c_str());
+  std::cout << 'I' << said.substr(1) << std::endl;
+  return 0;
+}
+
+int GoBack(const Change& pending, const std::string& reason) {
+  std::signal(SIGINT, SIG_IGN);  // one more must not end the programs that put things back
+  std::cout << "Taken back: " << reason << std::endl;
+  std::list<std::string> failed;
+  const auto attempt = [&](const std::function<void()>& work) {
+    try {
+      work();
+    } catch (const std::exception& error) {
+      failed.emplace_back(error.what());
+    }
+  };
+  const bool renew = fs::exists(kKeptSsl);
+  {
+    const Step step("The files are put back");
+    fs::remove_all(kNext + ".new");  // it may have filled the disk
+    attempt([&] {
+      if (renew) {
+        InstallSsl(kKeptSsl);
+      } else {
+        KeepRefused();
+      }
+      PutInputsBack();
+    });
+    attempt([] { Mirror(Kind::kOutput, kPending, kLive); });
+  }
+  const bool files = failed.empty();
+  if (pending.boot == ThisBoot()) {
+    {
+      const Step step("The daemons are restarted");
+      failed.splice(failed.end(), StartAnew(pending.running));
+    }
+    failed.splice(failed.end(), Worse(pending, "A change of the mail system was taken back",
+                                      " was taken back.\n" + reason + "\n"));
+  }
+  syslog(LOG_MAIL | LOG_WARNING, "%s was taken back: %s", pending.what.c_str(), reason.c_str());
+  for (const std::string& one : failed) {
+    std::cout << "Not as before: " << one << std::endl;
+    syslog(LOG_MAIL | LOG_ERR, "not as before: %s", one.c_str());
+  }
+  if (!files) {
+    std::cout << "Mend what is named, then run: nubo_config_apply recover" << std::endl;
+    return 4;
+  }
+  const bool settings = Holds(kPending, Kind::kInput);
+  if (!renew) {
+    LinkTree(kPending + "/refused", kRefused + ".new");
+    Install(kRefused + ".new", kRefused);
+  }
+  EndPending();
+  std::cout << (failed.empty() ? "All is as before" : "The files are as before")
+            << (settings ? "; the settings that were refused are in " + kRefused
+                         : "; your settings are as you wrote them")
+            << std::endl;
+  return failed.empty() ? 3 : 4;
+}
+
+void EndPending() {
+  fs::rename(kPending, kPending + ".new");
+  Sync({kPending});
+  fs::remove_all(kPending + ".new");
+}
+
+void InstallSsl(const std::string& directory) {
+  const std::string beside = kSsl + ".new";
+  fs::remove_all(beside);
+  RunOrThrow({"cp", "-aT", directory, beside}, "cannot copy " + directory);
+  Install(beside, kSsl);
 }

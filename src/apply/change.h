@@ -1,42 +1,76 @@
 /// A change of the mail system as a whole: it is made and checked, then confirmed or taken back.
 ///
-/// Each function returns the exit status of the program: 0 the change is in force, 1 nothing was touched, 3
-/// it was tried and taken back, 4 not everything could be put back. The caller holds the lock, except for
-/// Wait. They throw only before anything was touched.
+/// It is on disk, in kPending, before the first file is written and until it is confirmed or taken back:
+///
+///     about   the structure below
+///     in out  the way back (state.h); for a new certificate, also a copy of kSsl, as `ssl`
+///     next    the state that the change makes, once mail has been found good with it
+///     refused the settings of a change that is being taken back
 #pragma once
 
+#include <functional>
+#include <set>
 #include <string>
 #include <vector>
+
+#include "apply/basics.h"
+#include "apply/daemons.h"
+#include "preview/mail_check.h"
+
+struct Change {
+  int base = 0;                   ///< the state that it starts from
+  std::string what;               ///< one line for the administrator
+  std::string boot;               ///< the boot of the machine that it belongs to
+  long deadline = 0;              ///< to be confirmed until then, in CLOCK_BOOTTIME seconds; 0: at once
+  std::set<std::string> running;  ///< before it
+  std::set<std::string> unwell;   ///< what was not good in the check of mail before it
+};
+
+/// What a change does: it generates files from the settings as they are, or from those of an earlier state,
+/// puts back files of which there are no settings, or brings a new certificate.
+enum class Sort { kApply, kUndo, kAsFound, kRenew };
+
+/// True when there is a pending change.
+bool IsPending();
+
+/// Reads it. Throws Fault when there is none.
+Change ReadPending();
+
+/// CLOCK_BOOTTIME in seconds. It goes on while the machine sleeps, and nobody can set it.
+long Now();
 
 /// From here on the program goes on when its terminal is closed; SIGINT and SIGTERM have a change taken back.
 void OutliveSession();
 
-/// Runs nubo_set_config with the words and has the daemons follow. With `minutes` greater than 0 the change
-/// waits that long to be confirmed.
-int Apply(const std::vector<std::string>& words, int minutes);
+/// Checks the mail of those daemons, with a message of this subject and text.
+std::vector<MailObservation> AskMail(const std::set<std::string>& daemons, const std::string& subject,
+                                     const std::string& text);
 
-/// The same with the settings of an earlier state; 0 is the one before the last. A state as found has no
-/// settings: its files are put back as they were.
-int Undo(int state, int minutes);
+/// A change from the last confirmed state, which is made from the files as they are found where there is
+/// none, and from mail as it is now. Throws Fault when another one is pending.
+Change Begin(const std::string& what);
 
-/// Makes the pending change a state.
-int Confirm();
+/// Thrown by `write` below when the settings are refused and nothing has been written yet.
+struct Refused : Fault {
+  using Fault::Fault;
+};
 
-/// Takes back a pending change that was not confirmed, after a power cut or a kill.
-int Recover();
+/// Makes a change: writes the way back, has `write` write the files, and has the daemons follow. When mail is
+/// worse then, or `write` throws, puts everything back. With `minutes` greater than 0 the change waits to be
+/// confirmed. `write` returns what the change does, for people. Returns the exit status. Throws Fault before
+/// anything was touched.
+int BringAbout(Change change, Sort sort, double minutes, const std::function<std::string()>& write);
 
-/// Waits until the pending change is confirmed or gone; when its time is over, takes it back. Takes the lock
-/// itself.
-int Wait();
+/// Makes the pending change a state, if it has one, and ends it. 0.
+int Settle(const Change& pending);
 
-/// Shows how mail is, and which files differ from the last confirmed state. 0 when mail is well, else 1.
-int Check();
+/// Takes the pending change back: keeps its settings as refused, puts every file back, restarts the daemons
+/// that ran before it, and checks mail. It may be run again after it was killed. 3, or 4.
+int GoBack(const Change& pending, const std::string& reason);
 
-/// Lists the states; with a number greater than 0, shows what made that state. 0, or 1 when there is none.
-int History(int state);
+/// Removes the pending change.
+void EndPending();
 
-/// Puts a certificate and its private key (PEM files) in place, both at once, and has the daemons follow.
-int Renew(const std::string& certificate, const std::string& key);
-
-/// Prints the DNS records of the mail domains, for a zone file. 0, or 1 when there is no host name or no key.
-int Dns();
+/// Puts a copy of this directory in the place of kSsl, by one rename, so that nobody finds a certificate
+/// without its key.
+void InstallSsl(const std::string& directory);

@@ -1,9 +1,9 @@
 #include <iostream>
+#include <sstream>
 
-#include "apply/change.h"
-#include "apply/state.h"
+#include "apply/basics.h"
+#include "apply/commands.h"
 #include "core/config_generator.h"
-#include "preview/program.h"
 
 namespace {
 
@@ -12,11 +12,10 @@ constexpr size_t kStringSize = 255;  // of one character-string: RFC 1035, secti
 
 // The public key as a DKIM record has it: base64 in one piece (RFC 6376, section 3.6.1).
 std::string PublicKey() {
-  const Ended ended = RunProgram({"openssl", "pkey", "-in", kKey, "-pubout"});
-  if (ended.status != 0) throw Fault(std::string(kKey) + ": " + ended.errors);
+  std::istringstream lines(RunOrThrow({"openssl", "pkey", "-in", kKey, "-pubout"}, kKey));
   std::string key;
-  for (const std::string& line : Words(ended.output)) {
-    if (line.find('-') == std::string::npos && line != "PUBLIC" && line != "KEY") key += line;
+  for (std::string line; std::getline(lines, line);) {
+    if (line[0] != '-') key += line;
   }
   return key;
 }

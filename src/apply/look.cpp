@@ -2,15 +2,16 @@
 #include <iostream>
 #include <sstream>
 
+#include "apply/basics.h"
 #include "apply/change.h"
-#include "apply/go_back.h"
+#include "apply/commands.h"
 #include "apply/state.h"
 
 int Check() {
   bool well = true;
   // Whether they run or not: a daemon that is down is not well.
-  std::vector<RunningDaemon> daemons = {{"Postfix", false}};
-  if (std::filesystem::exists("/usr/sbin/dovecot")) daemons.push_back({"Dovecot", false});
+  std::set<std::string> daemons = {"Postfix"};
+  if (std::filesystem::exists("/usr/sbin/dovecot")) daemons.insert("Dovecot");
   for (const MailObservation& one :
        AskMail(daemons, "Mail is checked", "nubo_config_apply check asked for this.\n")) {
     std::cout << (one.good ? "good  " : "BAD   ") << one.what << ": " << one.detail << std::endl;
@@ -29,17 +30,15 @@ int Check() {
 }
 
 int History(int state) {
-  const std::set<int> states = States();
   if (state > 0) {
-    if (states.count(state) == 0) throw Fault("there is no such state");
-    std::cout << TextOf(StateDirectory(state) + "/preview");
+    const std::string shown = TextOf(StateDirectory(state) + "/preview");
+    if (shown.empty()) throw Fault("there is no such state");
+    std::cout << shown;
     return 0;
   }
-  for (const int number : states) {
-    std::istringstream text(TextOf(StateDirectory(number) + "/preview"));
-    std::string line;
-    std::getline(text, line);
-    std::cout << number << "  " << line << std::endl;
+  for (const int number : States()) {
+    const std::string shown = TextOf(StateDirectory(number) + "/preview");
+    std::cout << number << "  " << shown.substr(0, shown.find('\n')) << std::endl;
   }
   if (IsPending()) std::cout << "pending: " << ReadPending().what << std::endl;
   return 0;

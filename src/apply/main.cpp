@@ -9,7 +9,7 @@
 #include <iostream>
 
 #include "apply/change.h"
-#include "apply/lock.h"
+#include "apply/commands.h"
 #include "apply/state.h"
 #include "main/commands.h"
 
@@ -30,7 +30,7 @@ int Number(const std::string& text) {
 }
 
 // Runs the command, with the lock if it needs one.
-int Run(const std::vector<std::string>& words, int minutes) {
+int Run(const std::vector<std::string>& words, double minutes) {
   const std::vector<std::string> all = CommandWords();
   const std::string first = words.empty() ? "" : words[0];
   const bool alone = words.size() < 2;
@@ -47,8 +47,8 @@ int Run(const std::vector<std::string>& words, int minutes) {
   const bool settles = (first == "confirm" || first == "recover") && alone;
   if (!renew && !settles && !(change && alone) && !(first == "undo" && numbered)) return Usage();
   // A certificate comes by a timer, which will not try again soon.
-  const Lock lock(std::chrono::seconds(renew ? 600 : first == "recover" ? 60 : 0));
-  if (!lock.Held()) throw Fault("another change is under way");
+  const int patience = renew ? 3600 : first == "recover" ? 60 : 0;
+  LockStates(std::chrono::seconds(patience), renew);
   OutliveSession();
   if (renew) return Renew(words[1], words[2]);
   if (first == "confirm") return Confirm();
@@ -60,10 +60,11 @@ int Run(const std::vector<std::string>& words, int minutes) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  int minutes = 0;
+  double minutes = 0;
   for (int option; (option = getopt(argc, argv, "+t:")) != -1;) {
-    minutes = option == 't' ? Number(optarg) : 0;
-    if (minutes == 0) return Usage();
+    char* end = nullptr;
+    minutes = option == 't' ? std::strtod(optarg, &end) : 0;
+    if (end == nullptr || *end != '\0' || !(minutes > 0 && minutes < 10000)) return Usage();
   }
   if (geteuid() != 0) {
     std::cerr << "nubo_config_apply: only root may do this\n";

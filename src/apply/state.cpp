@@ -1,22 +1,24 @@
 #include "apply/state.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
+#include <iterator>
+#include <list>
 
+#include "apply/basics.h"
+#include "core/config_generator.h"
 #include "core/paths.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Paths = std::set<std::string>;
 
 constexpr const char* kTemplates = "/var/packages/Brindlecot/target/etc/template/";
 constexpr const char* kPamConfig = "/usr/nubo/etc/pam-config/Brindlecot.json";
@@ -31,40 +33,36 @@ constexpr const char* kInputs[] = {
     "/var/packages/Brindlecot/target/etc/template/header_checks.template",
 };
 
-// The regular files at and below `top`.
-void Collect(Paths& found, const std::string& top) {
-  if (fs::is_regular_file(fs::symlink_status(top))) found.insert(top);
-  if (!fs::is_directory(fs::symlink_status(top))) return;
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(top)) {
-    if (fs::is_regular_file(entry.symlink_status())) found.insert(entry.path());
-  }
+std::string Folder(Kind kind, const std::string& tree) {
+  return tree == kLive ? "" : tree + (kind == Kind::kInput ? "/in" : "/out");
 }
 
-Paths Live(Kind kind) {
+// The regular files at and below `top` in a folder, without the folder's name.
+Paths FilesAt(const std::string& folder, const std::string& top) {
+  Paths found;
+  const auto add = [&](const std::string& path) {
+    if (fs::is_regular_file(fs::symlink_status(path))) found.insert(path.substr(folder.size()));
+  };
+  add(folder + top);
+  std::error_code noDirectory;
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder + top, noDirectory)) {
+    add(entry.path());
+  }
+  return found;
+}
+
+Paths Files(Kind kind, const std::string& tree) {
+  const std::string folder = Folder(kind, tree);
   Paths inputs;
-  for (const char* input : kInputs) Collect(inputs, input);
+  for (const char* input : kInputs) inputs.merge(FilesAt(folder, input));
   if (kind == Kind::kInput) return inputs;
-  Paths all;
-  Collect(all, kEtc);
-  Collect(all, kPamConfig);
+  Paths all = FilesAt(folder, kEtc);
+  all.merge(FilesAt(folder, kPamConfig));
   Paths outputs;
   std::copy_if(all.begin(), all.end(), std::inserter(outputs, outputs.end()), [&](const std::string& path) {
     return inputs.count(path) == 0 && path.rfind(kTemplates, 0) != 0;
   });
   return outputs;
-}
-
-std::string Folder(Kind kind, const std::string& tree) {
-  return tree + (kind == Kind::kInput ? "/in" : "/out");
-}
-
-Paths Kept(Kind kind, const std::string& tree) {
-  const std::string folder = Folder(kind, tree);
-  Paths found;
-  Collect(found, folder);
-  Paths paths;
-  for (const std::string& path : found) paths.insert(path.substr(folder.size()));
-  return paths;
 }
 
 bool Same(const std::string& one, const std::string& other) {
@@ -75,132 +73,105 @@ bool Same(const std::string& one, const std::string& other) {
          TextOf(one) == TextOf(other);
 }
 
-void SyncPath(const std::string& path) {
-  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  const bool synced = file >= 0 && fsync(file) == 0;
-  const int error = errno;
-  if (file >= 0) close(file);
-  if (!synced) throw Fault("cannot sync " + path + ": " + std::strerror(error));
-}
-
-void SyncParents(const Paths& paths) {
-  Paths parents;
-  for (const std::string& path : paths) parents.insert(fs::path(path).parent_path());
-  for (const std::string& parent : parents) SyncPath(parent);
-}
-
-// A copy with mode, owner and time, in place of what is there; synced, but for its directory.
+// With mode, owner and time, by a rename.
 void Copy(const std::string& source, const std::string& target) {
-  fs::create_directories(fs::path(target).parent_path());
-  std::string temp = target + "XXXXXX";
-  const int made = mkostemp(temp.data(), O_CLOEXEC);
-  struct stat status = {};
-  if (made < 0 || stat(source.c_str(), &status) != 0) throw Fault(target + ": " + std::strerror(errno));
-  close(made);
+  const std::string temp = target + ".apply";
   try {
-    fs::copy_file(source, temp, fs::copy_options::overwrite_existing);
-    const timespec times[] = {status.st_atim, status.st_mtim};
-    if (chown(temp.c_str(), status.st_uid, status.st_gid) != 0 ||
-        chmod(temp.c_str(), status.st_mode & 07777) != 0 ||
-        utimensat(AT_FDCWD, temp.c_str(), times, 0) != 0) {
-      throw Fault(target + ": " + std::strerror(errno));
-    }
-    SyncPath(temp);
+    fs::create_directories(fs::path(target).parent_path());
+    RunOrThrow({"cp", "-aT", source, temp}, target);
+    Sync({temp});
     fs::rename(temp, target);
   } catch (const std::exception&) {
-    unlink(temp.c_str());
+    fs::remove(temp);
     throw;
   }
 }
 
 }  // namespace
 
-std::string StateDirectory(int number) { return kStates + ("/" + std::to_string(number)); }
+void LockStates(std::chrono::seconds patience, bool settled) {
+  fs::create_directories(fs::path(kStates).parent_path());
+  mkdir(kStates.c_str(), 0700);
+  const int file = open((kStates + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  const auto lock = [&] {
+    if (flock(file, LOCK_EX | LOCK_NB) != 0) return false;
+    const bool good = !settled || !fs::exists(kPending);
+    if (!good) flock(file, LOCK_UN);
+    return good;
+  };
+  if (!WaitFor(lock, patience)) throw Fault("another change is under way");
+  RunOrThrow({"flock", "-w", "60", kRunLock, "true"}, "nubo_set_config is still running");
+  for (const fs::directory_entry& entry : fs::directory_iterator(kStates)) {
+    if (entry.path().extension() == ".new") fs::remove_all(entry.path());
+  }
+}
+
+std::string StateDirectory(int number) { return kStates + "/" + std::to_string(number); }
 
 std::set<int> States() {
   std::set<int> numbers;
-  if (!fs::exists(kStates)) return numbers;
-  for (const fs::directory_entry& entry : fs::directory_iterator(kStates)) {
+  std::error_code none;
+  for (const fs::directory_entry& entry : fs::directory_iterator(kStates, none)) {
     const std::string name = entry.path().filename();
     if (name.find_first_not_of("0123456789") == std::string::npos) numbers.insert(std::stoi(name));
   }
   return numbers;
 }
 
-void Keep(Kind kind, const std::string& tree, const std::string& earlier) {
-  const std::string folder = Folder(kind, tree);
-  fs::create_directories(folder);
-  for (const std::string& path : Live(kind)) {
-    const std::string before = Folder(kind, earlier) + path;
-    if (!earlier.empty() && Same(path, before)) {
-      fs::create_directories(fs::path(folder + path).parent_path());
-      fs::create_hard_link(before, folder + path);
-    } else {
-      Copy(path, folder + path);
-    }
-  }
-}
-
-void Install(const std::string& tree, const std::string& name) {
-  SyncPath(tree);
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(tree)) {
-    if (entry.is_directory()) SyncPath(entry.path());
-  }
-  // A directory can only replace an empty one.
-  if (fs::exists(name)) fs::remove_all(name);
-  fs::rename(tree, name);
-  SyncPath(fs::path(name).parent_path());
-}
-
 bool Holds(const std::string& tree, Kind kind) { return fs::exists(Folder(kind, tree)); }
 
-std::vector<std::string> Differing(Kind kind, const std::string& tree) {
-  Paths all = Live(kind);
-  all.merge(Kept(kind, tree));
-  std::vector<std::string> differing;
-  std::copy_if(all.begin(), all.end(), std::back_inserter(differing),
-               [&](const std::string& path) { return !Same(path, Folder(kind, tree) + path); });
+Paths Differing(Kind kind, const std::string& tree, const std::string& other) {
+  Paths all = Files(kind, tree);
+  all.merge(Files(kind, other));
+  Paths differing;
+  std::copy_if(
+      all.begin(), all.end(), std::inserter(differing, differing.end()),
+      [&](const std::string& path) { return !Same(Folder(kind, tree) + path, Folder(kind, other) + path); });
   return differing;
 }
 
-std::vector<std::string> PutBack(Kind kind, const std::string& tree) {
-  const Paths kept = Kept(kind, tree);
-  std::vector<std::string> failed;
+void Mirror(Kind kind, const std::string& from, const std::string& to) {
+  const Paths wanted = Files(kind, from);
   Paths changed;
-  for (const std::string& path : Differing(kind, tree)) {
+  std::list<std::string> failed;
+  for (const std::string& path : Differing(kind, from, to)) {
+    const std::string target = Folder(kind, to) + path;
     try {
-      if (kept.count(path) != 0) {
-        Copy(Folder(kind, tree) + path, path);
+      if (wanted.count(path) != 0) {
+        Copy(Folder(kind, from) + path, target);
       } else {
-        fs::remove(path);
+        fs::remove(target);
       }
-      changed.insert(path);
+      changed.insert(target);
     } catch (const std::exception& error) {
-      failed.push_back(path + ": " + error.what());
+      failed.emplace_back(error.what());
     }
   }
-  SyncParents(changed);
-  return failed;
+  Sync(changed);
+  if (!failed.empty()) throw Fault(JoinList(failed, "; "));
 }
 
-void Sync(const std::vector<std::string>& paths) {
-  Paths there;
-  std::copy_if(paths.begin(), paths.end(), std::inserter(there, there.end()),
-               [](const std::string& path) { return fs::exists(path); });
-  for (const std::string& path : there) SyncPath(path);
-  SyncParents(there);
+void LinkTree(const std::string& from, const std::string& to) {
+  fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::create_hard_links);
 }
 
-std::string TextOf(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
+void Keep(Kind kind, const std::string& tree, const std::string& earlier) {
+  const std::string folder = Folder(kind, tree);
+  fs::create_directories(folder);
+  if (Holds(earlier, kind)) LinkTree(Folder(kind, earlier), folder);
+  Mirror(kind, kLive, tree);
 }
 
-void WriteText(const std::string& path, const std::string& text) {
-  std::ofstream file(path, std::ios::binary);
-  file << text;
-  file.close();
-  if (!file) throw Fault("cannot write " + path + ": " + std::strerror(errno));
-  SyncPath(path);
+void Install(const std::string& directory, const std::string& name) {
+  Paths all = {directory};
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
+    all.insert(entry.path());
+  }
+  Sync(all);
+  const unsigned how = fs::exists(name) ? RENAME_EXCHANGE : 0;
+  if (renameat2(AT_FDCWD, directory.c_str(), AT_FDCWD, name.c_str(), how) != 0) {
+    throw Fault("cannot rename " + directory + ": " + std::strerror(errno));
+  }
+  Sync({name});
+  fs::remove_all(directory);
 }

@@ -6,21 +6,31 @@
 /// is written under another name, synced, and renamed. So a tree with its right name is complete.
 #pragma once
 
+#include <chrono>
 #include <set>
-#include <stdexcept>
 #include <string>
-#include <vector>
 
 /// Where the states are, for root alone (0700): they hold secrets.
-constexpr const char* kStates = "/var/packages/Brindlecot/target/var/lib/apply";
+inline const std::string kStates = "/var/packages/Brindlecot/target/var/lib/apply";
 
-/// Why a change cannot go on: a sentence for the administrator.
-struct Fault : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
+/// The change that is under way, or waits to be confirmed (change.h).
+inline const std::string kPending = kStates + "/pending";
+
+/// The file that every nubo_set_config of ours holds locked while it runs, by flock(1).
+inline const std::string kRunLock = kStates + "/run.lock";
+
+/// The place of a tree for the files that are in use.
+inline const std::string kLive;
 
 /// Inputs, which the administrator writes, and what is generated from them. Templates belong to the package.
 enum class Kind { kInput, kOutput };
+using Paths = std::set<std::string>;
+
+/// Makes the directory of the states if it is missing, and locks it until the program ends. Also waits for a
+/// nubo_set_config that a killed change has left running, and removes what that change has not finished.
+/// With `settled` it waits, too, until no change is pending. Throws Fault when it has to wait longer than
+/// `patience`.
+void LockStates(std::chrono::seconds patience, bool settled);
 
 /// Directory of a state.
 std::string StateDirectory(int number);
@@ -28,28 +38,24 @@ std::string StateDirectory(int number);
 /// The numbers of the confirmed states, ascending.
 std::set<int> States();
 
-/// Copies the live files of a kind into the tree, or links them to the copies in the tree `earlier` (empty:
-/// none). Throws std::filesystem::filesystem_error or Fault.
-void Keep(Kind kind, const std::string& tree, const std::string& earlier);
-
-/// Gives a synced tree its name, in place of what has it. Throws as Keep does.
-void Install(const std::string& tree, const std::string& name);
-
-/// Whether the tree holds files of the kind; state 1, as found, may have no input.
+/// Whether the tree holds files of the kind; state 1, as found, has no input. False for kLive.
 bool Holds(const std::string& tree, Kind kind);
 
-/// The paths of a kind where the live file and the tree's differ in bytes, mode or owner, or one is missing.
-std::vector<std::string> Differing(Kind kind, const std::string& tree);
+/// The paths of a kind where the files in the two trees differ in bytes, mode or owner, or one is missing.
+Paths Differing(Kind kind, const std::string& tree, const std::string& other = kLive);
 
-/// Puts the tree's files of a kind in place, each by a rename, and removes live files that the tree does not
-/// have. Synced. Continues after a failure and returns "PATH: REASON" for each.
-std::vector<std::string> PutBack(Kind kind, const std::string& tree);
+/// Makes the files of a kind in the tree `to` what they are in `from`, each by a rename, and removes those
+/// that `from` does not have. Synced. Continues after a failure, and throws Fault with all of them at its
+/// end.
+void Mirror(Kind kind, const std::string& from, const std::string& to);
 
-/// Waits until these live files and their directories are on disk.
-void Sync(const std::vector<std::string>& paths);
+/// Makes a directory with links to all files of another one. Throws std::filesystem::filesystem_error.
+void LinkTree(const std::string& from, const std::string& to);
 
-/// The whole text of a file; empty when it cannot be read.
-std::string TextOf(const std::string& path);
+/// Puts the live files of a kind into a new tree, with links to those in the tree `earlier` (kLive: none)
+/// that are the same. Throws std::filesystem::filesystem_error or Fault.
+void Keep(Kind kind, const std::string& tree, const std::string& earlier);
 
-/// Writes a file and waits until it is on disk.
-void WriteText(const std::string& path, const std::string& text);
+/// Gives a directory its name by one rename, once all of it is on disk, and removes what had the name before.
+/// Throws as Keep does.
+void Install(const std::string& directory, const std::string& name);

@@ -1,0 +1,66 @@
+#include "apply/basics.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <sstream>
+#include <thread>
+
+#include "preview/program.h"
+
+Step::Step(const std::string& text) : text_(text) {
+  if (isatty(STDOUT_FILENO) != 0) std::cout << text_ << " ..." << std::flush;
+}
+
+Step::~Step() {
+  const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start_;
+  if (isatty(STDOUT_FILENO) != 0) std::cout << '\r';
+  std::cout << text_ << ": " << (result_.empty() ? "" : result_ + ", ") << std::fixed << std::setprecision(1)
+            << time.count() << " s" << std::endl;
+}
+
+bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+std::string RunOrThrow(const std::vector<std::string>& command, const std::string& fault) {
+  const Ended ended = RunProgram(command);
+  if (ended.status == 0) return ended.output;
+  const std::string said = ended.output + ended.errors;
+  throw Fault(fault + ": " + (said.empty() ? "exit status " + std::to_string(ended.status) : said));
+}
+
+std::string TextOf(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
+}
+
+void WriteText(const std::string& path, const std::string& text) {
+  std::ofstream file(path, std::ios::binary);
+  file << text;
+  file.close();
+  if (!file) throw Fault("cannot write " + path + ": " + std::strerror(errno));
+  Sync({path});
+}
+
+void Sync(const std::set<std::string>& paths) {
+  std::set<std::string> all;
+  for (const std::filesystem::path path : paths) {
+    if (std::filesystem::exists(path)) all.insert(path);
+    all.insert(path.parent_path());
+  }
+  std::vector<std::string> command = {"sync"};
+  command.insert(command.end(), all.begin(), all.end());
+  if (!all.empty()) RunOrThrow(command, "not on disk");
+}
