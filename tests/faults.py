@@ -6,6 +6,7 @@
 # what compiles its tables is killed. Then every target and table holds what it held or all of what it is to hold, a write
 # that failed has left one log line, no secret lies about. Damage that has to be seen: half a file, Postfix's compilers.
 import collections
+import functools
 import os
 import re
 import shutil
@@ -44,7 +45,8 @@ def sh(command):
     return appliance.run("bash", "-ec", command).returncode
 
 
-def entries(table):
+@functools.lru_cache(None)
+def entries(table, _content):
     lines = appliance.run("postmap", "-s", "hash:" + table.removesuffix(".db")).stdout.splitlines()
     return "\n".join(sorted(line for line in lines if "YP_LAST_MODIFIED" not in line))
 
@@ -52,7 +54,7 @@ def entries(table):
 def files():
     """What stands where the program could write: (mode, text) by its path; of a compiled table, its entries."""
     paths = [f"{folder}/{name}" for top in (ETC, "/tmp") for folder, _, names in os.walk(top) for name in names]
-    return {path: (os.stat(path).st_mode & 0o7777, entries(path) if path.endswith(".db") else read(path))
+    return {path: (os.stat(path).st_mode & 0o7777, entries(path, read(path)) if path.endswith(".db") else read(path))
             for path in filter(os.path.exists, paths)}
 
 
