@@ -6,7 +6,7 @@ top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 export PYTHONDONTWRITEBYTECODE=1
-export PRIVATE_ROOT=$$
+export PRIVATE_ROOT=${PRIVATE_ROOT:-$$}
 passed=0 failed=0 skipped=0
 
 build_packages=(g++ cmake make libboost-dev libjsoncpp-dev libidn2-dev libcurl4-openssl-dev libgtest-dev
@@ -17,6 +17,7 @@ mail_packages=(postfix postfix-ldap postfix-policyd-spf-perl libsasl2-modules do
   dovecot-pop3d opendkim opendmarc publicsuffix gpg-agent spamassassin memcached openssl)
 network_packages=(slapd ldap-utils dnsmasq-base samba samba-ad-provision samba-dsdb-modules samba-vfs-modules
   samba-common-bin python3-samba winbind libnss-winbind libpam-winbind krb5-user python3-aiosmtpd)
+cross_packages=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user-static mmdebstrap dpkg-dev fakeroot lintian)
 
 heading() { printf '\n== %s\n' "$*"; }
 
@@ -57,11 +58,15 @@ apt_install() (
   apt-get -o DPkg::Lock::Timeout=300 install -y --no-install-recommends "$@"
 )
 
-# build PRESET [TARGET...]
+# build PRESET [TARGET...]: two scripts may do so at once.
 build() {
   local preset=$1
   shift
-  cmake -S "$top" --preset "$preset" && cmake --build "$top/build/$preset" -j "$(nproc)" ${1:+--target "$@"}
+  mkdir -p "$top/build/$preset"
+  (
+    flock 9
+    cmake -S "$top" --preset "$preset" && cmake --build "$top/build/$preset" -j "$(nproc)" ${1:+--target "$@"}
+  ) 9<"$top/build/$preset"
 }
 
 # stage: installs the build of the preset "release" below $scratch/stage.
