@@ -8,10 +8,6 @@
 #include <fstream>
 #include <iomanip>
 #include <iostream>
-#include <sstream>
-#include <thread>
-
-#include "preview/program.h"
 
 Step::Step(const std::string& text) : text_(text) {
   if (isatty(STDOUT_FILENO) != 0) std::cout << text_ << " ..." << std::flush;
@@ -24,26 +20,11 @@ Step::~Step() {
             << time.count() << " s" << std::endl;
 }
 
-bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds limit) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
-}
-
 std::string RunOrThrow(const std::vector<std::string>& command, const std::string& fault) {
   const Ended ended = RunProgram(command);
   if (ended.status == 0) return ended.output;
   const std::string said = ended.output + ended.errors;
   throw Fault(fault + ": " + (said.empty() ? "exit status " + std::to_string(ended.status) : said));
-}
-
-std::string TextOf(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
 }
 
 void WriteText(const std::string& path, const std::string& text) {

@@ -2,11 +2,12 @@
 #pragma once
 
 #include <chrono>
-#include <functional>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "preview/program.h"
 
 /// Why a change cannot go on: a sentence for the administrator.
 struct Fault : std::runtime_error {
@@ -30,15 +31,9 @@ class Step {
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-/// Waits until the condition holds. False when it does not within the limit.
-bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds limit);
-
 /// Runs a program and returns its standard output. Throws Fault, with `fault` and what the program printed,
 /// unless it ends with 0.
 std::string RunOrThrow(const std::vector<std::string>& command, const std::string& fault);
-
-/// The whole text of a file; empty when it cannot be read.
-std::string TextOf(const std::string& path);
 
 /// Writes a file and waits until it is on disk. Throws Fault.
 void WriteText(const std::string& path, const std::string& text);

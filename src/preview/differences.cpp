@@ -8,9 +8,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <set>
-#include <sstream>
 
 #include "preview/program.h"
 #include "preview/sandbox.h"
@@ -21,22 +19,16 @@ namespace fs = std::filesystem;
 
 constexpr const char* kKeptPamConfig = "/usr/nubo/etc/pam-config/Brindlecot.json";
 
-std::string Read(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 /// The text of a file. For a compiled table, its entries without the one with the time of compilation.
-std::string TextOf(const fs::path& path) {
-  if (path.extension() != ".db" || !fs::exists(path)) return Read(path);
-  std::istringstream entries(
-      RunProgram({kPostmap, "-s", "hash:" + fs::path(path).replace_extension().string()}).output);
-  std::set<std::string> sorted;
-  for (std::string entry; std::getline(entries, entry);) {
-    if (entry.rfind("YP_LAST_MODIFIED", 0) != 0) sorted.insert(entry + "\n");
-  }
+std::string Shown(const fs::path& path) {
+  if (path.extension() != ".db" || !fs::exists(path)) return TextOf(path);
+  std::vector<std::string> entries =
+      Lines(RunProgram({kPostmap, "-s", "hash:" + fs::path(path).replace_extension().string()}).output);
+  std::sort(entries.begin(), entries.end());
   std::string text;
-  for (const std::string& entry : sorted) text += entry;
+  for (const std::string& entry : entries) {
+    if (entry.rfind("YP_LAST_MODIFIED", 0) != 0) text += entry + "\n";
+  }
   return text;
 }
 
@@ -58,9 +50,9 @@ void Compare(std::vector<Difference>& found, Masks& masks, const fs::path& befor
   Difference difference = {path, Access(before), Access(after), "", false};
   const std::string name = fs::path(path).filename();
   const bool sameBytes =
-      !difference.before.empty() && !difference.after.empty() && Read(before) == Read(after);
+      !difference.before.empty() && !difference.after.empty() && TextOf(before) == TextOf(after);
   if (sameBytes && difference.before == difference.after && !Masks::HoldsSecrets(name)) return;
-  const std::string texts[] = {TextOf(before), sameBytes ? "" : TextOf(after)};
+  const std::string texts[] = {Shown(before), sameBytes ? "" : Shown(after)};
   for (const std::string& text : texts) masks.Learn(name, text);
   const bool same = sameBytes || texts[0] == texts[1];
   if (same && difference.before == difference.after) return;

@@ -10,7 +10,7 @@ struct Service {
   const char* port;  // on which nobody listens while the service is off
 };
 
-void AskService(Observations& seen, const Service& service, const std::string& port,
+void AskService(Observations& seen, const MailCheck& check, const Service& service, const std::string& port,
                 const std::string& address, bool startTls) {
   const std::string what = std::string("Dovecot, ") + service.name;
   const auto nobody = [&](const std::string& place) {
@@ -25,7 +25,7 @@ void AskService(Observations& seen, const Service& service, const std::string& p
   const std::vector<std::string> addresses = Words(address);
   const bool here = addresses.empty() || Has(addresses, "*") || Has(addresses, "localhost");
   const std::string place = (here ? "127.0.0.1" : addresses[0]) + ":" + port;
-  Ask(seen, what,
+  Ask(seen, check, what,
       {service.name + ("://" + place), service.command, startTls && std::string(service.name).back() != 's'});
   const std::string own = OwnAddress();
   if (address == "localhost" && !own.empty()) nobody(own + ":" + port);
@@ -33,7 +33,7 @@ void AskService(Observations& seen, const Service& service, const std::string& p
 
 }  // namespace
 
-void CheckDovecot(Observations& seen) {
+void CheckDovecot(Observations& seen, const MailCheck& check) {
   constexpr Service kServices[] = {{"imap", "imap", "NOOP", "143"},
                                    {"imaps", "imap", "NOOP", "993"},
                                    {"pop3", "pop3", "CAPA", "110"},
@@ -55,7 +55,7 @@ void CheckDovecot(Observations& seen) {
   Values values = ValuesOf(asked.output);
   for (const Service& service : kServices) {
     const bool on = Has(Words(values["protocols"]), service.protocol);
-    AskService(seen, service, on ? values[place(service) + "/port"] : "0",
+    AskService(seen, check, service, on ? values[place(service) + "/port"] : "0",
                values[place(service) + "/address"], values["ssl"] != "no");
   }
 }

@@ -51,19 +51,31 @@ int Usage() {
 /// Inside the sandbox.
 int Show(const Options& options, const std::vector<std::string>& taken) {
   Preview preview;
-  for (const std::string& word : options.words) preview.runs.push_back(RunGenerators(word));
-  Checkers checkers(options.words);
+  std::list<Checker> lint;  // takes as long as all the rest
+  std::list<Checker> checkers;
+  for (const std::string& word : options.words) {
+    preview.runs.push_back(RunGenerators(word));
+    if (word == "mailscanner") StartCheckers(lint, word);
+  }
+  // No daemon that is rehearsed reads what "mailscanner" writes.
+  const bool rehearsal = options.rehearsal && options.words != std::vector<std::string>{"mailscanner"};
+  if (rehearsal) CoverData();
+  for (const std::string& word : options.words) {
+    if (word != "mailscanner") StartCheckers(checkers, word);
+  }
   preview.files = FindDifferences(preview.masks);
+  preview.verdicts = Verdicts(checkers);
   const auto add = [&](const std::vector<Verdict>& more) {
     preview.verdicts.insert(preview.verdicts.end(), more.begin(), more.end());
   };
-  add(checkers.Ask());
-  // No daemon that is rehearsed reads what this command writes.
-  if (options.rehearsal && options.words != std::vector<std::string>{"mailscanner"}) add(Rehearse(taken));
-  add(checkers.AskLast());
-  const bool failed =
-      std::any_of(preview.runs.begin(), preview.runs.end(), [](const Run& run) { return run.failed; });
-  if (!failed) preview.warnings = SettingsWarnings();
+  if (rehearsal) add(Rehearse(taken));
+  add(Verdicts(lint));
+  if (!preview.Failed()) {
+    preview.warnings =
+        SettingsWarnings(std::any_of(preview.files.begin(), preview.files.end(), [](const Difference& file) {
+          return file.path == kEtc + std::string("/dovecot/conf.d/10-master.conf");
+        }));
+  }
   (options.json ? PrintJson : PrintText)(std::cout, preview);
   return preview.Status();
 }

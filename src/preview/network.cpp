@@ -1,41 +1,18 @@
 #include "preview/network.h"
 
-#include <arpa/inet.h>
-#include <ifaddrs.h>
-#include <net/if.h>
 #include <netdb.h>
 #include <sched.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <memory>
 #include <regex>
 #include <stdexcept>
 
+#include "preview/mail_questions.h"
 #include "preview/program.h"
-#include "preview/run.h"
 #include "preview/sandbox.h"
 
 namespace {
-
-/// Lines for ip(8) that give the loopback interface the addresses of the others.
-std::string OwnAddresses() {
-  ifaddrs* all = nullptr;
-  if (getifaddrs(&all) != 0) return "";
-  std::string lines;
-  for (const ifaddrs* one = all; one != nullptr; one = one->ifa_next) {
-    if (one->ifa_addr == nullptr || (one->ifa_flags & IFF_LOOPBACK) != 0) continue;
-    const bool four = one->ifa_addr->sa_family == AF_INET;
-    if (!four && one->ifa_addr->sa_family != AF_INET6) continue;
-    char text[NI_MAXHOST] = "";
-    getnameinfo(one->ifa_addr, four ? sizeof(sockaddr_in) : sizeof(sockaddr_in6), text, sizeof text, nullptr,
-                0, NI_NUMERICHOST);
-    // One that is valid on its own link only has a % in it.
-    if (std::strchr(text, '%') == nullptr) lines += std::string("addr add ") + text + " dev lo\n";
-  }
-  freeifaddrs(all);
-  return lines;
-}
 
 /// A socket bound to a place; negative when that is impossible.
 int Bound(const std::string& host, const char* port, int type) {
@@ -54,7 +31,8 @@ int Bound(const std::string& host, const char* port, int type) {
   return -1;
 }
 
-/// Answers every question of the DNS with "server failure" (RFC 1035, section 4.1.1).
+/// Answers every question of the DNS with "server failure" (RFC 1035, section 4.1.1). If nobody did, checks
+/// of a sender would wait some twenty seconds.
 [[noreturn]] void AnswerNames(int names) {
   for (;;) {
     unsigned char message[512];
@@ -82,8 +60,9 @@ std::vector<std::string> TakenPlaces() {
 }
 
 void LeaveNetwork(const std::vector<std::string>& taken) {
-  // The last address is one of a network for examples (RFC 5737), for a machine that has none.
-  const std::string changes = "link set lo up\n" + OwnAddresses() + "addr add 192.0.2.10 dev lo\n";
+  std::string changes = "link set lo up\n";
+  for (const std::string& address : OwnAddresses()) changes += "addr add " + address + " dev lo\n";
+  changes += "addr add 192.0.2.10 dev lo\n";  // for a machine that has none: an example's (RFC 5737)
   if (unshare(CLONE_NEWNET) != 0) throw std::runtime_error("cannot make a network namespace");
   if (RunProgram({"ip", "-force", "-batch", "-"}, changes).status == kNotRun) {
     throw std::runtime_error("ip(8) is missing: the rehearsal takes iproute2");

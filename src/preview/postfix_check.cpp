@@ -7,8 +7,6 @@
 #include <cstdint>
 #include <fstream>
 #include <regex>
-#include <sstream>
-#include <thread>
 
 #include "preview/mail_questions.h"
 #include "preview/program.h"
@@ -61,12 +59,12 @@ Listener ListenerOf(const std::string& line, const std::string& name, const Valu
 }
 
 // True when it speaks SMTP.
-bool AskListener(Observations& seen, const Listener& listener) {
+bool AskListener(Observations& seen, const MailCheck& check, const Listener& listener) {
   const std::string what = "Postfix, port " + listener.name;
   const std::string place = listener.host + ":" + listener.port + "/localhost";
-  if (listener.wrapped) return Ask(seen, what + ", TLS", {"smtps://" + place, "NOOP"});
-  if (!Ask(seen, what, {"smtp://" + place, "NOOP"})) return false;
-  if (listener.startTls) Ask(seen, what + ", STARTTLS", {"smtp://" + place, "NOOP", true});
+  if (listener.wrapped) return Ask(seen, check, what + ", TLS", {"smtps://" + place, "NOOP"});
+  if (!Ask(seen, check, what, {"smtp://" + place, "NOOP"})) return false;
+  if (listener.startTls) Ask(seen, check, what + ", STARTTLS", {"smtp://" + place, "NOOP", true});
   return true;
 }
 
@@ -174,12 +172,13 @@ void SendMessage(Observations& seen, const MailCheck& check, const Values& main)
   } else if (handedIn.status == 0) {
     const bool waitingIsGood = check.isolated && Holds(main.at("alias_maps"), "ldap:");
     const auto start = std::chrono::steady_clock::now();
-    std::chrono::seconds patience = kDelivery;
-    while (!HasEnded(message, log, std::max<std::streamoff>(begin, 0), id, check.isolated, waitingIsGood) &&
-           std::chrono::steady_clock::now() < start + patience) {
-      if (Holds(message.detail, ": ")) patience = kAfterFault;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    WaitFor(
+        [&] {
+          return HasEnded(message, log, std::max<std::streamoff>(begin, 0), id, check.isolated,
+                          waitingIsGood) ||
+                 (Holds(message.detail, ": ") && std::chrono::steady_clock::now() > start + kAfterFault);
+        },
+        kDelivery);
   }
   seen.push_back(message);
 }
@@ -199,12 +198,11 @@ void CheckPostfix(Observations& seen, const MailCheck& check) {
   }
   bool answers = false;
   bool asked = false;
-  std::istringstream lines(services.output);
-  for (std::string line; std::getline(lines, line);) {
+  for (const std::string& line : Lines(services.output)) {
     const std::vector<std::string> words = Words(line);
     if (words.size() < 8 || words[1] != "inet" || (words[7] != "smtpd" && words[7] != "postscreen")) continue;
     const Listener listener = ListenerOf(line, words[0], main);
-    if (!AskListener(seen, listener)) continue;
+    if (!AskListener(seen, check, listener)) continue;
     answers = true;
     if (listener.open && !asked) AskAsStranger(seen, listener, main, check.isolated);
     asked = asked || listener.open;

@@ -1,8 +1,9 @@
-/// Runs the mail system's programs and keeps what they print.
+/// Runs the mail system's programs and keeps what they print, and waits, reads files and takes texts apart.
 #pragma once
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -43,6 +44,15 @@ class Program {
 
 /// Runs a program and waits for its end.
 Ended RunProgram(const std::vector<std::string>& command, const std::string& input = "");
+
+/// Waits until the condition holds. False when it does not within the limit.
+bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds limit);
+
+/// The bytes of a file; none when it cannot be read.
+std::string TextOf(const std::string& path);
+
+/// The lines of a text, without their ends.
+std::vector<std::string> Lines(const std::string& text);
 
 /// The words of a text, between blanks, tabs, newlines and commas.
 std::vector<std::string> Words(const std::string& text);

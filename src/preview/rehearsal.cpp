@@ -1,21 +1,17 @@
 #include "preview/rehearsal.h"
 
-#include <arpa/inet.h>
 #include <pwd.h>
-#include <unistd.h>
 
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
+#include <list>
 #include <memory>
 #include <regex>
-#include <thread>
 
+#include "preview/log.h"
 #include "preview/mail_check.h"
 #include "preview/network.h"
-#include "preview/run.h"
 #include "preview/sandbox.h"
 
 namespace {
@@ -25,17 +21,83 @@ namespace fs = std::filesystem;
 const std::string kMain = std::string(kEtc) + "/main.cf";
 const std::string kDovecot = std::string(kEtc) + "/dovecot/dovecot.conf";
 
-/// Waits up to five seconds.
-bool Becomes(const std::function<bool()>& condition) {
-  for (int tries = 0; tries < 250; ++tries) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+constexpr std::chrono::seconds kPatience(5);
+
+/// A daemon that goes into the background.
+struct Daemon {
+  Daemon(const std::vector<std::string>& command, const std::string& place)
+      : name(fs::path(command[0]).filename()), port(place), program(command) {}
+
+  std::string name;
+  std::string port;  ///< where it listens some time after it has gone into the background; may be empty
+  Program program;
+};
+
+/// Waits until the daemon runs. False, with its verdict, when it does not; false without, when it is not
+/// installed, as a checker has said. `log` gets what was logged meanwhile.
+bool Runs(std::vector<Verdict>& verdicts, Daemon& daemon, std::vector<LogLine>& log) {
+  const auto listens = [&] {
+    return daemon.port.empty() || !RunProgram({"ss", "-Hltn", "sport", "=", daemon.port}).output.empty();
+  };
+  const Ended ended = daemon.program.Wait();
+  if (ended.status == kNotRun) return false;
+  const bool runs = ended.status == 0 && WaitFor(listens, kPatience);
+  for (const LogLine& line : TakeLog()) log.push_back(line);
+  verdicts.push_back(Judge("rehearsal: " + daemon.name + " starts", runs, {}));
+  if (!runs) {
+    verdicts.back().said = Lines(ended.errors);
+    for (const std::string& line : SaidBy(daemon.name, log)) verdicts.back().said.push_back(line);
   }
-  return false;
+  return runs;
 }
 
-/// Daemons write into homes and beside their own data; what they find there is empty, and goes with the
-/// sandbox.
+/// Why the master has ended at once: what it says goes to its own log socket, where nobody listened yet. Here
+/// it starts once more, with the system log for its log.
+std::vector<std::string> MasterSays(const std::string& master) {
+  const std::string folder = std::string(kWork) + "/master";
+  fs::create_directory(folder);
+  for (const char* name : {"/main.cf", "/master.cf"}) fs::copy_file(kEtc + std::string(name), folder + name);
+  RunProgram({"postconf", "-c", folder, "-e", "maillog_file="});
+  Age(folder + "/main.cf");
+  Age(folder + "/master.cf");
+  TakeLog();
+  RunProgram({master, "-c", folder, "-w"});
+  return SaidBy("", TakeLog());
+}
+
+/// What Postfix's daemons cannot work with, wherever they have met it.
+Verdict JudgeLog(const std::string& log) {
+  std::vector<std::string> said;
+  for (const LogLine& line : LogLines(Lines(TextOf(log)))) {
+    // Other errors come from a directory's server that cannot be reached, and from the sandbox.
+    if (std::regex_search(line.text, std::regex("^(fatal: |panic: |error: (open|unsupported) )")) &&
+        line.text.find("Read-only file system") == std::string::npos)
+      said.push_back(line.program.substr(line.program.rfind('/') + 1) + ": " + line.text);
+  }
+  return Judge("rehearsal: Postfix's log", said.empty(), said);
+}
+
+constexpr const char* kElsewhere = "postmaster@elsewhere.invalid";  // RFC 6761, section 6.4
+
+/// Waits until the message to another host has got as far as it gets, also where it is held for scanning.
+void FollowOut(const std::string& log) {
+  const std::regex held(": hold: ");
+  const std::regex end(std::string("to=<") + kElsewhere + ">, .*status=|: (fatal|panic|milter-reject): ");
+  WaitFor(
+      [&] {
+        const std::string text = TextOf(log);
+        if (std::regex_search(text, end)) return true;
+        if (std::regex_search(text, held)) {  // again and again: a message that is still being written stays
+          RunProgram({"postsuper", "-c", kEtc, "-H", "ALL"});
+          RunProgram({"postqueue", "-c", kEtc, "-f"});
+        }
+        return false;
+      },
+      kPatience);
+}
+
+}  // namespace
+
 void CoverData() {
   for (const char* folder : {"/var/log", "/var/tmp", "/var/lib/dovecot"}) Cover(folder);
   if (fs::exists(kMain)) {
@@ -52,109 +114,9 @@ void CoverData() {
   }
 }
 
-/// Starts a daemon that goes into the background. True when it has; otherwise what it said is a refusal.
-bool Start(std::vector<Verdict>& verdicts, const std::vector<std::string>& command, const std::string& log) {
-  TakeLogOf("");
-  const Ended ended = RunProgram(command);
-  Verdict verdict = {
-      "rehearsal: " + fs::path(command[0]).filename().string() + " starts", Verdict::kGood, {}};
-  if (ended.status == kNotRun) return false;  // a checker has said that it is not installed
-  if (ended.status != 0) {
-    verdict.word = Verdict::kRefused;
-    verdict.said = Lines(ended.errors);
-    std::ifstream file(log);
-    for (std::string line; std::getline(file, line);) verdict.said.push_back(line);
-    for (const std::string& line : TakeLogOf(command[0])) verdict.said.push_back(line);
-  }
-  verdicts.push_back(verdict);
-  return ended.status == 0;
-}
-
-/// Why the master has ended at once: what it says goes to its own log socket, where nobody listened yet. Here
-/// it starts once more, with the system log for its log.
-std::vector<std::string> MasterSays(const std::string& master) {
-  const std::string folder = std::string(kWork) + "/master";
-  fs::create_directory(folder);
-  for (const char* name : {"/main.cf", "/master.cf"}) fs::copy_file(kEtc + std::string(name), folder + name);
-  RunProgram({"postconf", "-c", folder, "-e", "maillog_file="});
-  Age(folder + "/main.cf");
-  Age(folder + "/master.cf");
-  TakeLogOf("");
-  RunProgram({master, "-c", folder, "-w"});
-  return TakeLogOf("");
-}
-
-bool Listens(std::uint16_t port) {
-  const int file = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in place = {};
-  place.sin_family = AF_INET;
-  place.sin_port = htons(port);
-  place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const bool answered = connect(file, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0;
-  close(file);
-  return answered;
-}
-
-void StartMilter(std::vector<Verdict>& verdicts, const std::string& name, const char* option,
-                 std::uint16_t port) {
-  if (!UsesMilter(std::to_string(port))) return;
-  // It goes into the background before it listens.
-  if (Start(verdicts, {name, option, std::string(kEtc) + "/" + name + ".conf"}, "") &&
-      !Becomes([=] { return Listens(port); })) {
-    verdicts.back().word = Verdict::kRefused;
-    verdicts.back().said = TakeLogOf(name);
-  }
-}
-
-/// What Postfix's daemons cannot work with, wherever they have met it.
-Verdict ReadMailLog(const std::string& log) {
-  const std::regex form(R"(.* postfix[^ ]*/(.*?)\[\d+\]: ((?:fatal|panic|error): .*))");
-  Verdict verdict = {"rehearsal: Postfix's log", Verdict::kGood, {}};
-  std::ifstream file(log);
-  for (std::string line; std::getline(file, line);) {
-    std::smatch match;
-    if (!std::regex_match(line, match, form)) continue;
-    const std::string said = match[1].str() + ": " + match[2].str();
-    if (match[2].str().rfind("error: ", 0) == 0 &&
-        !std::regex_search(said, std::regex("error: (open|unsupported) "))) {
-      continue;  // a server of a directory that cannot be reached
-    }
-    if (said.find("Read-only file system") != std::string::npos) continue;  // the sandbox's doing
-    verdict.word = Verdict::kRefused;
-    if (std::find(verdict.said.begin(), verdict.said.end(), said) == verdict.said.end())
-      verdict.said.push_back(said);
-  }
-  return verdict;
-}
-
-/// Whether a line of the log matches.
-bool Says(const std::string& log, const std::string& pattern) {
-  std::ifstream file(log);
-  const std::regex form(pattern);
-  for (std::string line; std::getline(file, line);) {
-    if (std::regex_search(line, form)) return true;
-  }
-  return false;
-}
-
-/// Lets a message leave this machine, as far as it gets; also where it is held for scanning.
-void SendOut(const std::string& log) {
-  constexpr const char* kTo = "postmaster@elsewhere.invalid";  // RFC 6761, section 6.4
-  const std::string end = std::string("to=<") + kTo + ">, .*status=|: (fatal|panic|milter-reject): ";
-  RunProgram({"sendmail", "-C", kEtc, "-i", "-f", "postmaster", kTo}, "Subject: rehearsal\n\n");
-  Becomes([&] { return Says(log, end + "|: hold: "); });
-  if (!Says(log, ": hold: ")) return;
-  RunProgram({"postsuper", "-c", kEtc, "-H", "ALL"});
-  RunProgram({"postqueue", "-c", kEtc, "-f"});
-  Becomes([&] { return Says(log, end); });
-}
-
-}  // namespace
-
 std::vector<Verdict> Rehearse(const std::vector<std::string>& taken) {
   std::vector<Verdict> verdicts;
   const bool postfix = fs::exists(kMain) && fs::exists(std::string(kEtc) + "/master.cf");
-  CoverData();
   LeaveNetwork(taken);
   // Makes the directories of the queue, of which Dovecot needs one for its socket.
   if (postfix && !fs::exists(MainParameter("queue_directory") + "/pid"))
@@ -163,29 +125,40 @@ std::vector<Verdict> Rehearse(const std::vector<std::string>& taken) {
   check.isolated = true;
   check.subject = "rehearsal";
   check.text = "This is a rehearsal.\n";
-  check.dovecot = fs::exists(kDovecot) && Start(verdicts, {"dovecot", "-c", kDovecot}, "");
-  check.postfix = false;
-  std::string log;
-  std::string master;
+  check.dovecot = check.postfix = false;
+  TakeLog();
+  std::vector<LogLine> logged;
+  std::list<Daemon> daemons;
+  const auto start = [&](const std::vector<std::string>& command, const char* port) {
+    daemons.emplace_back(command, port);
+  };
+  if (fs::exists(kDovecot)) start({"dovecot", "-c", kDovecot}, "");
+  if (postfix && UsesMilter("8891")) start({"opendkim", "-x", std::string(kEtc) + "/opendkim.conf"}, "8891");
+  if (postfix && UsesMilter("8893"))
+    start({"opendmarc", "-c", std::string(kEtc) + "/opendmarc.conf"}, "8893");
+  for (Daemon& daemon : daemons) {
+    const bool runs = Runs(verdicts, daemon, logged);
+    if (daemon.name == "dovecot") check.dovecot = runs;
+  }
+  const std::string log = MainParameter("maillog_file");
+  const std::string master = MainParameter("daemon_directory") + "/master";
   if (postfix) {
-    StartMilter(verdicts, "opendkim", "-x", 8891);
-    StartMilter(verdicts, "opendmarc", "-c", 8893);
-    log = MainParameter("maillog_file");
     // Not by postfix(1), which would check all once more.
-    master = MainParameter("daemon_directory") + "/master";
-    check.postfix = Start(verdicts, {master, "-c", kEtc, "-w"}, log);
+    Daemon daemon({master, "-c", kEtc, "-w"}, "");
+    check.postfix = Runs(verdicts, daemon, logged);
     if (!check.postfix && !verdicts.empty()) verdicts.back().said = MasterSays(master);
   }
-  if (check.postfix) SendOut(log);
+  // A message for another host leaves this machine while the others are asked.
+  if (check.postfix)
+    RunProgram({"sendmail", "-C", kEtc, "-i", "-f", "postmaster", kElsewhere}, "Subject: rehearsal\n\n");
   for (const MailObservation& seen : CheckMail(check)) {
-    verdicts.push_back({"rehearsal: " + seen.what, seen.good ? Verdict::kGood : Verdict::kRefused, {}});
-    if (!seen.good) verdicts.back().said = Lines(seen.detail);
+    verdicts.push_back(Judge("rehearsal: " + seen.what, seen.good, Lines(seen.good ? "" : seen.detail)));
   }
   if (check.postfix) {
-    const Ended status = RunProgram({"postfix", "-c", kEtc, "status"});
-    verdicts.push_back(
-        {"rehearsal: postfix goes on", status.status == 0 ? Verdict::kGood : Verdict::kRefused, {}});
-    verdicts.push_back(ReadMailLog(log));
+    FollowOut(log);
+    const bool ended = RunProgram({master, "-c", kEtc, "-t"}).status == 0;
+    verdicts.push_back(Judge("rehearsal: postfix goes on", !ended, {}));
+    verdicts.push_back(JudgeLog(log));
   }
   return verdicts;
 }

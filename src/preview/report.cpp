@@ -8,10 +8,6 @@ namespace {
 
 constexpr const char* kWords[] = {"good", "refused", "not installed"};
 
-bool Failed(const Preview& preview) {
-  return std::any_of(preview.runs.begin(), preview.runs.end(), [](const Run& run) { return run.failed; });
-}
-
 bool Refused(const Preview& preview) {
   return std::any_of(preview.verdicts.begin(), preview.verdicts.end(),
                      [](const Verdict& verdict) { return verdict.word == Verdict::kRefused; });
@@ -25,8 +21,12 @@ Json::Value Masked(const Masks& masks, const std::vector<std::string>& lines) {
 
 }  // namespace
 
+bool Preview::Failed() const {
+  return std::any_of(runs.begin(), runs.end(), [](const Run& run) { return run.failed; });
+}
+
 int Preview::Status() const {
-  if (Failed(*this) || Refused(*this)) return 2;
+  if (Failed() || Refused(*this)) return 2;
   return files.empty() ? 0 : 1;
 }
 
@@ -58,7 +58,7 @@ void PrintText(std::ostream& out, const Preview& preview) {
     out << "Warning: " << preview.masks.Said(warning) << '\n';
   out << '\n'
       << preview.files.size() << (preview.files.size() == 1 ? " file" : " files") << " would change.\n";
-  if (Failed(preview)) out << "The run failed.\n";
+  if (preview.Failed()) out << "The run failed.\n";
   if (Refused(preview)) out << "The daemons would not accept it.\n";
 }
 

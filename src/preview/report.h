@@ -18,6 +18,9 @@ struct Preview {
   std::vector<std::string> warnings;  ///< about settings; they do not change the exit status
   Masks masks;
 
+  /// True when a run failed.
+  bool Failed() const;
+
   /// The exit status: 0 when nothing would change, 1 when something would, 2 when a run failed or a verdict
   /// is "refused".
   int Status() const;

@@ -14,9 +14,3 @@ struct Run {
 
 /// Runs the generators of one command in a new process.
 Run RunGenerators(const std::string& word);
-
-/// The lines of a text without their ends.
-std::vector<std::string> Lines(const std::string& text);
-
-/// What `program`, or any program when that is empty, has logged since the last call.
-std::vector<std::string> TakeLogOf(const std::string& program);

@@ -1,7 +1,7 @@
 /// A private copy of the machine, in which the generators and the daemons run at their real paths and change
-/// nothing: mounts, processes and system log of its own, every file system read-only, and in memory what is
-/// written to: a copy of the generated files, the directories of queue and log without what is in them, /tmp,
-/// /run, /dev and the users' homes. It guards against accidents, not against a malicious root.
+/// nothing: mounts, processes and system log (log.h) of its own, every file system read-only, and in memory
+/// what is written to: a copy of the generated files, the directories of queue and log without what is in
+/// them, /tmp, /run, /dev and the users' homes. It guards against accidents, not against a malicious root.
 ///
 /// Everything in it ends with the process that made it, however that ends: the kernel then kills process 1 of
 /// the sandbox, and with it all others; the mounts go with the last one.
@@ -23,9 +23,6 @@ inline constexpr const char* kPamConfig = "/tmp/preview/pam-config";  ///< what 
 int InSandbox(const std::function<int()>& work);
 
 // For `work`:
-
-/// What was sent to the system log since the last call, as it was sent: `<PRIORITY>TIME NAME: TEXT`.
-std::vector<std::string> TakeLog();
 
 /// Covers the directory with an empty one of the same owner and mode, in memory. Of what was in it, the paths
 /// in `kept` stay. Nothing happens where there is no such directory.

@@ -3,84 +3,78 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <regex>
 
+#include "preview/log.h"
 #include "preview/mail_questions.h"
-#include "preview/run.h"
-#include "preview/sandbox.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
 const std::string kFolder = kEtc;
-const std::vector<std::string> kLint = {"spamassassin", "--lint",
-                                        "--siteconfigpath=" + kFolder + "/spamassassin"};
 
-/// The verdict of a checker. `logged` is what it wrote to the log.
-Verdict Judge(const std::vector<std::string>& command, const Ended& ended,
-              const std::vector<std::string>& logged) {
-  Verdict verdict = {"", ended.status == 0 ? Verdict::kGood : Verdict::kRefused, {}};
-  if (ended.status == kNotRun) return {command[0], Verdict::kNotInstalled, {}};
-  for (const std::string& word : command) verdict.by += (verdict.by.empty() ? "" : " ") + word;
-  if (ended.status != 0) verdict.said.push_back("exit status " + std::to_string(ended.status));
-  std::vector<std::string> lines = Lines(ended.errors);
-  lines.insert(lines.end(), logged.begin(), logged.end());
-  for (const std::string& line : lines) {
-    if (std::find(verdict.said.begin(), verdict.said.end(), line) == verdict.said.end())
-      verdict.said.push_back(line);
-  }
-  return verdict;
+/// Which checker writes to the log under this name. Without a terminal, Postfix's programs do, each with a
+/// prefix and a slash before its name, and postfix(1) runs many of them.
+std::string CheckerOf(const std::string& name) {
+  const size_t slash = name.rfind('/');
+  if (slash == std::string::npos) return name;
+  return name.substr(slash + 1) == "postconf" ? "postconf" : "postfix";
 }
 
 }  // namespace
 
-Checkers::Checkers(const std::vector<std::string>& words) : words_(words) {
-  for (const fs::directory_entry& entry : fs::directory_iterator(kEtc)) {
+Verdict Judge(const std::string& by, bool good, const std::vector<std::string>& said) {
+  Verdict verdict = {by, good ? Verdict::kGood : Verdict::kRefused, {}};
+  for (const std::string& line : said) {
+    if (!Has(verdict.said, line)) verdict.said.push_back(line);
+  }
+  return verdict;
+}
+
+void StartCheckers(std::list<Checker>& checkers, const std::string& word) {
+  const auto start = [&](const std::vector<std::string>& command) { checkers.emplace_back(command); };
+  for (const fs::directory_entry& entry : fs::directory_iterator(kFolder)) {
     if (entry.path().extension() == ".cf") Age(entry.path());
   }
-  if (Checks("mailscanner")) lint_.emplace(kLint);
-}
-
-bool Checkers::Checks(const char* word) const {
-  return std::find(words_.begin(), words_.end(), word) != words_.end();
-}
-
-std::vector<Verdict> Checkers::Ask() const {
-  std::vector<std::vector<std::string>> commands;
-  std::string mailLog;
-  if (Checks("smtp") && fs::exists(kFolder + "/main.cf") && fs::exists(kFolder + "/master.cf")) {
-    mailLog = MainParameter("maillog_file");
-    commands.push_back({"postconf", "-c", kFolder, "-n"});
-    commands.push_back({"postfix", "-c", kFolder, "check"});
-    if (UsesMilter("8891")) commands.push_back({"opendkim", "-n", "-x", kFolder + "/opendkim.conf"});
-    if (UsesMilter("8893")) commands.push_back({"opendmarc", "-n", "-c", kFolder + "/opendmarc.conf"});
+  if (word == "smtp" && fs::exists(kFolder + "/main.cf") && fs::exists(kFolder + "/master.cf")) {
+    start({"postconf", "-c", kFolder, "-n"});
+    start({"postfix", "-c", kFolder, "check"});
+    if (UsesMilter("8891")) start({"opendkim", "-n", "-x", kFolder + "/opendkim.conf"});
+    if (UsesMilter("8893")) start({"opendmarc", "-n", "-c", kFolder + "/opendmarc.conf"});
   }
-  if (Checks("dovecot")) commands.push_back({"doveconf", "-c", kFolder + "/dovecot/dovecot.conf", "-n"});
+  if (word == "dovecot") start({"doveconf", "-c", kFolder + "/dovecot/dovecot.conf", "-n"});
+  if (word == "mailscanner")
+    start({"spamassassin", "--lint", "--siteconfigpath=" + kFolder + "/spamassassin"});
+}
+
+std::vector<Verdict> Verdicts(std::list<Checker>& checkers) {
+  std::list<Ended> ends;
+  for (Checker& checker : checkers) ends.push_back(checker.program.Wait());
+  std::vector<LogLine> log = TakeLog();
+  const std::string mailLog = MainParameter("maillog_file");
+  for (const LogLine& line : LogLines(Lines(TextOf(mailLog)))) log.push_back(line);
+  std::error_code none;
+  fs::resize_file(mailLog, 0, none);
   std::vector<Verdict> verdicts;
-  TakeLogOf("");
-  for (const std::vector<std::string>& command : commands) {
-    const Ended ended = RunProgram(command);
-    std::vector<std::string> logged = TakeLogOf("");
-    // Without a terminal, Postfix's programs write to the log.
-    if (!mailLog.empty()) {
-      std::ifstream file(mailLog);
-      for (std::string line; std::getline(file, line);) {
-        logged.push_back(std::regex_replace(line, std::regex("^.*?\\]: "), ""));
+  for (const Checker& checker : checkers) {
+    const Ended& ended = ends.front();
+    const std::vector<std::string>& command = checker.command;
+    if (ended.status == kNotRun) {
+      verdicts.push_back({command[0], Verdict::kNotInstalled, {}});
+    } else {
+      std::string by = command[0];
+      std::for_each(command.begin() + 1, command.end(), [&](const std::string& word) { by += " " + word; });
+      std::vector<std::string> said;
+      if (ended.status != 0) said.push_back("exit status " + std::to_string(ended.status));
+      for (const std::string& line : Lines(ended.errors)) said.push_back(line);
+      for (const LogLine& line : log) {
+        if (CheckerOf(line.program) == command[0]) said.push_back(line.text);
       }
-      std::error_code none;
-      fs::resize_file(mailLog, 0, none);
+      verdicts.push_back(Judge(by, ended.status == 0, said));
     }
-    verdicts.push_back(Judge(command, ended, logged));
+    ends.pop_front();
   }
   return verdicts;
-}
-
-std::vector<Verdict> Checkers::AskLast() {
-  if (!lint_) return {};
-  return {Judge(kLint, lint_->Wait(), {})};
 }
 
 void Age(const std::string& path) {

@@ -1,7 +1,7 @@
 /// What the daemons' own checkers say of the new files.
 #pragma once
 
-#include <optional>
+#include <list>
 #include <string>
 #include <vector>
 
@@ -15,24 +15,23 @@ struct Verdict {
   std::vector<std::string> said;  ///< may hold warnings even when the word is good
 };
 
-/// The checkers of the files that the given command words generate.
-class Checkers {
- public:
-  /// Starts the checker that takes long.
-  explicit Checkers(const std::vector<std::string>& words);
+/// The verdict "good" or "refused"; a line that is said twice stands in it once.
+Verdict Judge(const std::string& by, bool good, const std::vector<std::string>& said);
 
-  /// The verdicts of all others. The checkers of a milter run only when main.cf names the milter.
-  std::vector<Verdict> Ask() const;
+/// A checker that runs.
+struct Checker {
+  explicit Checker(const std::vector<std::string>& line) : command(line), program(line) {}
 
-  /// The verdict of the checker that takes long. Call it once.
-  std::vector<Verdict> AskLast();
-
- private:
-  bool Checks(const char* word) const;
-
-  std::vector<std::string> words_;
-  std::optional<Program> lint_;
+  std::vector<std::string> command;
+  Program program;
 };
+
+/// Starts the checkers of the files that a command word generates. The checkers of a milter run only when
+/// main.cf names the milter.
+void StartCheckers(std::list<Checker>& checkers, const std::string& word);
+
+/// Waits for their ends.
+std::vector<Verdict> Verdicts(std::list<Checker>& checkers);
 
 /// Makes a file ten seconds old: Postfix's programs would wait until it is two seconds old.
 void Age(const std::string& path);

@@ -66,7 +66,8 @@ Json::Value ReadObject(const char* path) {
 }  // namespace
 
 std::vector<std::string> SettingsWarnings(Postfix& smtp, MailScanner& scanner, ImapPop3& imapPop3,
-                                          const Json::Value& aliases, const Json::Value& attachments) {
+                                          const Json::Value& aliases, const Json::Value& attachments,
+                                          bool listenersChange) {
   Warnings warnings;
   warnings.CheckDomain("smtp_hostname", GetString(smtp, "smtp_hostname"));
   for (const std::string& domain : smtp.GetAdditionDomain()) {
@@ -80,14 +81,14 @@ std::vector<std::string> SettingsWarnings(Postfix& smtp, MailScanner& scanner, I
     warnings.CheckMainCfValue("dnsbl", zone);
   }
   if (GetBool(smtp, "smtp_relay_enabled") && GetInt(smtp, "smtp_relay_server_port") == 465 &&
-      !Customised("/var/packages/Brindlecot/etc/customize/postfix/main.cf", "smtp_tls_wrappermode")) {
+      !Customised(kMainCf, "smtp_tls_wrappermode")) {
     warnings.Add(
         kSmtp, "smtp_relay_server_port",
         "465 speaks TLS from the start, so mail waits; customise main.cf: smtp_tls_wrappermode = yes, "
         "smtp_tls_security_level = encrypt");
   }
   if (GetBool(scanner, "anti_virus_enable") && access("/usr/sbin/clamd", X_OK) != 0 &&
-      !Customised("/var/packages/Brindlecot/etc/customize/MailScanner/MailScanner.conf", "Virus Scanners")) {
+      !Customised(kMailScannerConf, "Virus Scanners")) {
     warnings.Add(
         kScanner, "anti_virus_enable",
         "no scanner is installed; install clamav-daemon, or customise MailScanner.conf: Virus Scanners");
@@ -96,7 +97,7 @@ std::vector<std::string> SettingsWarnings(Postfix& smtp, MailScanner& scanner, I
       GetString(scanner, "spam_rewrite_subject").find_first_of("#%$") != std::string::npos) {
     warnings.Add(kScanner, "spam_rewrite_subject", "MailScanner cuts at #, and replaces %name% and $name");
   }
-  if (!GetBool(imapPop3, "imap_enabled")) {
+  if (listenersChange && !GetBool(imapPop3, "imap_enabled")) {
     warnings.Add("/var/packages/Brindlecot/etc/settings/imap_pop3.json", "imap_enabled",
                  "Dovecot closes port 143 to others when restarted, not when reloaded");
   }
@@ -121,10 +122,11 @@ std::vector<std::string> SettingsWarnings(Postfix& smtp, MailScanner& scanner, I
   return warnings.lines;
 }
 
-std::vector<std::string> SettingsWarnings() {
+std::vector<std::string> SettingsWarnings(bool listenersChange) {
   Postfix smtp;
   MailScanner scanner;
   ImapPop3 imapPop3;
   if (smtp.LoadSettings() < 0 || scanner.LoadSettings() < 0 || imapPop3.LoadSettings() < 0) return {};
-  return SettingsWarnings(smtp, scanner, imapPop3, ReadObject(kAliases), ReadObject(kAttachments));
+  return SettingsWarnings(smtp, scanner, imapPop3, ReadObject(kAliases), ReadObject(kAttachments),
+                          listenersChange);
 }
