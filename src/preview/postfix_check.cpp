@@ -92,7 +92,7 @@ bool IsFault(const std::string& refusal, bool isolated) {
 void AskAsStranger(Observations& seen, const Listener& listener, const Values& main, bool isolated) {
   const std::vector<std::string> trusted = Words(main.at("mynetworks"));
   const std::vector<std::string> interfaces = Words(main.at("inet_interfaces"));
-  const std::string own = OwnAddress();
+  const std::string own = main.at("inet_protocols") == "ipv6" ? "" : OwnAddress();
   Dialogue dialogue = {"smtp://127.0.0.1", nullptr, false, "postmaster@" + main.at("myhostname"),
                        "127.0.0.2"};
   if (!own.empty() && !IsIn(own, trusted) && (Has(interfaces, "all") || Has(interfaces, own))) {
