@@ -43,14 +43,14 @@ std::string TimeOfDay(const char* format, long seconds) {
   return text;
 }
 
-// What is not good now and was good before the change, as "WHAT: DETAIL".
-std::list<std::string> Worse(const Change& change, const std::string& subject, const std::string& text) {
+// Throws Fault with all that is not good now and was good before the change.
+void CheckAgain(const Change& change, const std::string& subject, const std::string& text) {
   const Step step("Mail is checked");
   std::list<std::string> worse;
   for (const MailObservation& one : AskMail(change.running, subject, change.what + text)) {
     if (!one.good && change.unwell.count(one.what) == 0) worse.push_back(one.what + ": " + one.detail);
   }
-  return worse;
+  if (!worse.empty()) throw Fault(JoinList(worse, "; "));
 }
 
 // Writes the way back to the disk. From here on, whatever happens, the change ends confirmed or taken back.
@@ -105,7 +105,6 @@ void KeepRefused() {
 }
 
 void PutInputsBack() {
-  if (!Holds(kPending, Kind::kInput)) return;
   Mirror(Kind::kInput, kPending, kLive);
   // The package helper was told the account type of the refused settings.
   ConfigGenerator generator;
@@ -145,12 +144,7 @@ void OutliveSession() {
 
 std::vector<MailObservation> AskMail(const std::set<std::string>& daemons, const std::string& subject,
                                      const std::string& text) {
-  MailCheck check;
-  check.postfix = daemons.count("Postfix") != 0;
-  check.dovecot = daemons.count("Dovecot") != 0;
-  check.subject = subject;
-  check.text = text;
-  return CheckMail(check);
+  return CheckMail({daemons.count("Postfix") != 0, daemons.count("Dovecot") != 0, false, subject, text});
 }
 
 Change Begin(const std::string& what) {
@@ -195,9 +189,7 @@ int BringAbout(Change change, Sort sort, double minutes, const std::function<std
       step.Say(done.empty() ? "nothing to do" : JoinList(done, ", "));
     }
     GoOn();
-    const std::list<std::string> worse =
-        Worse(change, "The configuration of mail has changed", "\n\n" + shown);
-    if (!worse.empty()) throw Fault(JoinList(worse, "; "));
+    CheckAgain(change, "The configuration of mail has changed", "\n\n" + shown);
     GoOn();
     KeepNext(change, sort, shown);
   } catch (const Refused&) {
@@ -239,27 +231,26 @@ int GoBack(const Change& pending, const std::string& reason) {
     }
   };
   const bool renew = fs::exists(kKeptSsl);
-  {
-    const Step step("The files are put back");
+  const bool settings = Holds(kPending, Kind::kInput);
+  attempt([&] {
+    const Step step("The settings are put back");
     fs::remove_all(kNext + ".new");  // it may have filled the disk
-    attempt([&] {
-      if (renew) {
-        InstallSsl(kKeptSsl);
-      } else {
-        KeepRefused();
-      }
-      PutInputsBack();
-    });
-    attempt([] { Mirror(Kind::kOutput, kPending, kLive); });
-  }
+    renew ? InstallSsl(kKeptSsl) : KeepRefused();
+    if (settings) PutInputsBack();
+  });
+  attempt([] {
+    const Step step("The files are put back");
+    Mirror(Kind::kOutput, kPending, kLive);
+  });
   const bool files = failed.empty();
   if (pending.boot == ThisBoot()) {
-    {
+    attempt([&] {
       const Step step("The daemons are restarted");
-      failed.splice(failed.end(), StartAnew(pending.running));
-    }
-    failed.splice(failed.end(), Worse(pending, "A change of the mail system was taken back",
-                                      " was taken back.\n" + reason + "\n"));
+      StartAnew(pending.running);
+    });
+    attempt([&] {
+      CheckAgain(pending, "A change of the mail system was taken back", " was taken back.\n" + reason + "\n");
+    });
   }
   syslog(LOG_MAIL | LOG_WARNING, "%s was taken back: %s", pending.what.c_str(), reason.c_str());
   for (const std::string& one : failed) {
@@ -270,7 +261,6 @@ int GoBack(const Change& pending, const std::string& reason) {
     std::cout << "Mend what is named, then run: nubo_config_apply recover" << std::endl;
     return 4;
   }
-  const bool settings = Holds(kPending, Kind::kInput);
   if (!renew) {
     LinkTree(kPending + "/refused", kRefused + ".new");
     Install(kRefused + ".new", kRefused);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "apply/basics.h"
+#include "core/config_generator.h"
 #include "core/paths.h"
 #include "preview/program.h"
 
@@ -171,7 +172,7 @@ std::list<std::string> Follow(const std::set<std::string>& changed, const std::s
   return done;
 }
 
-std::list<std::string> StartAnew(const std::set<std::string>& wanted) {
+void StartAnew(const std::set<std::string>& wanted) {
   std::for_each(Daemons().rbegin(), Daemons().rend(), Stop);
   std::list<std::string> failed;
   for (const Daemon& daemon : Daemons()) {
@@ -187,5 +188,5 @@ std::list<std::string> StartAnew(const std::set<std::string>& wanted) {
       }
     }
   }
-  return failed;
+  if (!failed.empty()) throw Fault(JoinList(failed, "; "));
 }

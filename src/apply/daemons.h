@@ -19,5 +19,5 @@ std::set<std::string> RunningDaemons();
 /// loaded; `before` is the directory with the generated files that they have loaded. Throws Fault.
 std::list<std::string> Follow(const std::set<std::string>& changed, const std::string& before);
 
-/// Stops all daemons and starts those that are wanted. Returns why some did not start.
-std::list<std::string> StartAnew(const std::set<std::string>& wanted);
+/// Stops all daemons and starts those that are wanted. Throws Fault when some do not start.
+void StartAnew(const std::set<std::string>& wanted);

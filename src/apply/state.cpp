@@ -4,12 +4,10 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <iterator>
 #include <list>
 
 #include "apply/basics.h"
@@ -59,9 +57,9 @@ Paths Files(Kind kind, const std::string& tree) {
   Paths all = FilesAt(folder, kEtc);
   all.merge(FilesAt(folder, kPamConfig));
   Paths outputs;
-  std::copy_if(all.begin(), all.end(), std::inserter(outputs, outputs.end()), [&](const std::string& path) {
-    return inputs.count(path) == 0 && path.rfind(kTemplates, 0) != 0;
-  });
+  for (const std::string& path : all) {
+    if (inputs.count(path) == 0 && path.rfind(kTemplates, 0) != 0) outputs.insert(path);
+  }
   return outputs;
 }
 
@@ -124,9 +122,9 @@ Paths Differing(Kind kind, const std::string& tree, const std::string& other) {
   Paths all = Files(kind, tree);
   all.merge(Files(kind, other));
   Paths differing;
-  std::copy_if(
-      all.begin(), all.end(), std::inserter(differing, differing.end()),
-      [&](const std::string& path) { return !Same(Folder(kind, tree) + path, Folder(kind, other) + path); });
+  for (const std::string& path : all) {
+    if (!Same(Folder(kind, tree) + path, Folder(kind, other) + path)) differing.insert(path);
+  }
   return differing;
 }
 
