@@ -23,7 +23,8 @@ Step::~Step() {
 std::string RunOrThrow(const std::vector<std::string>& command, const std::string& fault) {
   const Ended ended = RunProgram(command);
   if (ended.status == 0) return ended.output;
-  const std::string said = ended.output + ended.errors;
+  std::string said = ended.output + ended.errors;
+  said.erase(said.find_last_not_of('\n') + 1);
   throw Fault(fault + ": " + (said.empty() ? "exit status " + std::to_string(ended.status) : said));
 }
 

@@ -100,7 +100,7 @@ void KeepRefused() {
   const std::string refused = kPending + "/refused";
   if (fs::exists(refused)) return;
   fs::remove_all(refused + ".new");
-  Keep(Kind::kInput, refused + ".new", "");
+  Keep(Kind::kInput, refused + ".new", kPending);
   Install(refused + ".new", refused);
 }
 
@@ -151,7 +151,7 @@ Change Begin(const std::string& what) {
   if (IsPending()) throw Fault("a change is pending: confirm it, or take it back by recover");
   if (States().empty()) {
     const std::string tree = StateDirectory(1) + ".new";
-    Keep(Kind::kOutput, tree, "");
+    Keep(Kind::kOutput, tree, kLive);
     WriteText(tree + "/preview", "As found\n");
     Install(tree, StateDirectory(1));
   }

@@ -76,7 +76,7 @@ void Copy(const std::string& source, const std::string& target) {
   const std::string temp = target + ".apply";
   try {
     fs::create_directories(fs::path(target).parent_path());
-    RunOrThrow({"cp", "-aT", source, temp}, target);
+    RunOrThrow({"cp", "-aT", source, temp}, "not copied");
     Sync({temp});
     fs::rename(temp, target);
   } catch (const std::exception&) {
