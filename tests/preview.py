@@ -3,19 +3,19 @@
 use it: faults that only a rehearsal finds, settings that are good, and what it leaves behind. Runs on a private
 machine, from scripts/test."""
 
-import glob
+import concurrent.futures
 import json
 import os
 import re
 import shutil
-import signal
 import subprocess
 import sys
+import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../lab")
 from appliance import COMMANDS, ETC, PACKAGE, command, contents, generate, lay_out, read, run, send, settings, start, \
-    write
+    wait_for, write
 
 PREVIEW = PACKAGE + "/target/bin/nubo_config_preview"
 HOST = {"smtp_hostname": "mail.example.com"}
@@ -66,10 +66,27 @@ def check(claim, good, detail=""):
     print(f"{'ok' if good else 'WRONG'}: {claim}" + ("" if good else f"\n{detail}"), flush=True)
 
 
-def preview(*arguments):
-    result = run("env", "-i", PREVIEW, *arguments)
+def preview(*arguments, place=()):
+    result = run(*place, "env", "-i", PREVIEW, *arguments)
     printed.append(result.stdout + result.stderr)
     return result.returncode, printed[-1]
+
+
+def apart(smtp, scanner, path, text, *words):
+    """The preview on a copy of the package that nobody else sees, so that several can run at a time. Its status, what
+    it printed, and whether the generated files stayed as they were."""
+    copy = tempfile.mkdtemp(dir="/run")
+    run("cp", "-aT", PACKAGE, copy, check=True)
+    write(copy + "/etc/settings/smtp.json", json.dumps(smtp))
+    write(copy + "/etc/settings/scanner.json", json.dumps(scanner))
+    place = path.replace(PACKAGE, copy)
+    if path and text is None:
+        os.unlink(place)
+    elif path:
+        write(place, text(read(place)) if callable(text) else text)
+    before = contents(copy + "/target/etc")
+    seen = preview(*words, place=("unshare", "--mount", "sh", "-c", f'mount --bind {copy} {PACKAGE}; exec "$@"', "sh"))
+    return *seen, before == contents(copy + "/target/etc")
 
 
 def applied():
@@ -91,23 +108,25 @@ def applied():
 
 def killed():
     """Killed at twenty moments, it leaves nothing, and the daemons go on."""
-    mounts, before = read("/proc/mounts"), contents(PACKAGE)
-    processes = set(glob.glob("/proc/[0-9]*/exe"))
+    begin = time.time()
+    preview("smtp")
+    length = time.time() - begin
+    before = contents(PACKAGE)
+    around = read("/proc/mounts"), os.listdir("/tmp"), run("lsns", "-no", "NS").stdout
     refused = []
     for moment in range(20):
-        process = subprocess.Popen([PREVIEW], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        time.sleep(0.1 * moment)
+        process = subprocess.Popen([PREVIEW, "smtp"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        time.sleep(length * moment / 20)
         reply = send("nobody@elsewhere.example")
         refused += [reply] if not reply.startswith("554 5.7.1") else []
-        process.send_signal(signal.SIGKILL)
+        process.kill()
         process.wait()
-    time.sleep(1)
-    left = [os.readlink(one) for one in set(glob.glob("/proc/[0-9]*/exe")) - processes if os.path.exists(one)]
-    left = [one for one in left if "/postfix/" not in one and "/dovecot/" not in one]
+    wait_for(lambda: run("lsns", "-no", "NS").stdout == around[2], "the end of all processes")
     after = contents(PACKAGE)
     changed = [path for path in before.keys() | after.keys() if before.get(path) != after.get(path) and
                "/var/log/" not in path and "/var/lib/postfix/" not in path]
-    check("killed, it leaves nothing", (left, changed, read("/proc/mounts")) == ([], [], mounts), (left, changed))
+    left = read("/proc/mounts"), os.listdir("/tmp"), changed
+    check("killed, it leaves nothing", left == (*around[:2], []), left)
     check("... and the daemons go on", not refused, refused)
 
 
@@ -116,27 +135,19 @@ def main(stage):
     write("/usr/nubo/etc/nslcd.conf", "uri ldap://ldap.example\nbase dc=example\nbinddn cn=mail\n")
     write("/usr/nubo/etc/ldap.secret", SECRETS[2] + "\n", 0o600)
     write("/usr/nubo/etc/wins.secret", f"domain = CORP\nuser = mail\npassword = {SECRETS[3]}\n", 0o600)
+    write("/usr/bin/net", "#!/bin/sh\nprintf 'LDAP server: h\\nLDAP port: 389\\nBind Path: b\\ndistinguishedName: CN=a\\n'\n",
+          0o755)
     generate(smtp=HOST)
     for name in ("dovecot", "postfix"):
         start(name)
-    for smtp, path, text, said in FAULTS:
-        settings(smtp=smtp)
-        old = read(path) if path and os.path.exists(path) else None
-        if path and text is None:
-            os.rename(path, path + ".gone")
-        elif path:
-            write(path, text(old) if callable(text) else text)
-        before = contents(PACKAGE + "/target/etc")
-        status, shown = preview("dovecot" if path == MAIL else "smtp")
-        check(said, status == 2 and re.search(said, shown) and before == contents(PACKAGE + "/target/etc"), shown)
-        if path and text is None:
-            os.rename(path + ".gone", path)
-        elif path:
-            os.unlink(path) if old is None else write(path, old)
-    for smtp, scanner in GOOD:
-        settings(smtp=smtp, scanner=scanner)
-        status, shown = preview()
-        check(f"good: {', '.join(smtp)}", status < 2, shown)
+    with concurrent.futures.ThreadPoolExecutor(3) as several:
+        seen = several.map(lambda fault: apart(fault[0], {}, fault[1] or "", fault[2],
+                                               "dovecot" if fault[1] == MAIL else "smtp"), FAULTS)
+        for said, (status, shown, kept) in zip((fault[3] for fault in FAULTS), seen):
+            check(said, status == 2 and re.search(said, shown) and kept, shown)
+        seen = several.map(lambda good: apart(*good, "", None, *(() if good[1] else ("smtp",))), GOOD)
+        for (smtp, _), (status, shown, _) in zip(GOOD, seen):
+            check(f"good: {', '.join(smtp)}", status < 2, shown)
     settings(smtp={**RELAY, "smtp_relay_server": " relay.example"})
     check("postmap quotes", "sasl_passwd" in preview("smtp")[1])
     check("a word too many", preview("smtp", "alias")[0] == 2)

@@ -4,11 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <exception>
 #include <iostream>
 
 #include "main/commands.h"
+#include "preview/mail_questions.h"
 #include "preview/network.h"
 #include "preview/rehearsal.h"
 #include "preview/report.h"
@@ -16,30 +16,6 @@
 #include "preview/warnings.h"
 
 namespace {
-
-struct Options {
-  bool json = false;
-  bool rehearsal = true;
-  std::vector<std::string> words = CommandWords();
-};
-
-/// False when the command line is wrong.
-bool Parse(int argc, char* argv[], Options& options) {
-  int next = 1;
-  for (; next < argc && std::strncmp(argv[next], "--", 2) == 0; ++next) {
-    if (std::strcmp(argv[next], "--json") == 0) {
-      options.json = true;
-    } else if (std::strcmp(argv[next], "--no-rehearsal") == 0) {
-      options.rehearsal = false;
-    } else {
-      return false;
-    }
-  }
-  if (next == argc) return true;
-  const bool known = std::count(options.words.begin(), options.words.end(), argv[next]) != 0;
-  options.words = {argv[next]};
-  return known && next + 1 == argc;
-}
 
 int Usage() {
   std::string words;
@@ -49,18 +25,16 @@ int Usage() {
 }
 
 /// Inside the sandbox.
-int Show(const Options& options, const std::vector<std::string>& taken) {
+Preview Try(const std::vector<std::string>& words, bool rehearsal, const std::vector<std::string>& taken) {
   Preview preview;
   std::list<Checker> lint;  // takes as long as all the rest
   std::list<Checker> checkers;
-  for (const std::string& word : options.words) {
+  for (const std::string& word : words) {
     preview.runs.push_back(RunGenerators(word));
     if (word == "mailscanner") StartCheckers(lint, word);
   }
-  // No daemon that is rehearsed reads what "mailscanner" writes.
-  const bool rehearsal = options.rehearsal && options.words != std::vector<std::string>{"mailscanner"};
   if (rehearsal) CoverData();
-  for (const std::string& word : options.words) {
+  for (const std::string& word : words) {
     if (word != "mailscanner") StartCheckers(checkers, word);
   }
   preview.files = FindDifferences(preview.masks);
@@ -71,27 +45,48 @@ int Show(const Options& options, const std::vector<std::string>& taken) {
   if (rehearsal) add(Rehearse(taken));
   add(Verdicts(lint));
   if (!preview.Failed()) {
+    const std::string listeners = std::string(kEtc) + "/dovecot/conf.d/10-master.conf";
     preview.warnings =
-        SettingsWarnings(std::any_of(preview.files.begin(), preview.files.end(), [](const Difference& file) {
-          return file.path == kEtc + std::string("/dovecot/conf.d/10-master.conf");
-        }));
+        SettingsWarnings(std::any_of(preview.files.begin(), preview.files.end(),
+                                     [&](const Difference& file) { return file.path == listeners; }));
   }
-  (options.json ? PrintJson : PrintText)(std::cout, preview);
-  return preview.Status();
+  return preview;
 }
 
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  Options options;
-  if (!Parse(argc, argv, options)) return Usage();
+  bool json = false;
+  bool rehearsal = true;
+  std::vector<std::string> words = CommandWords();
+  int next = 1;
+  for (; next < argc && argv[next][0] == '-'; ++next) {
+    const std::string option = argv[next];
+    if (option == "--json") {
+      json = true;
+    } else if (option == "--no-rehearsal") {
+      rehearsal = false;
+    } else {
+      return Usage();
+    }
+  }
+  if (next < argc) {
+    if (next + 1 < argc || !Has(words, argv[next])) return Usage();
+    words = {argv[next]};
+  }
   if (geteuid() != 0) {
     std::cerr << "nubo_config_preview: only root may read the settings" << std::endl;
     return 2;
   }
+  // No daemon that is rehearsed reads what this command writes.
+  if (words == std::vector<std::string>{"mailscanner"}) rehearsal = false;
   try {
     const std::vector<std::string> taken = TakenPlaces();
-    const int status = InSandbox([&] { return Show(options, taken); });
+    const int status = InSandbox([&] {
+      const Preview preview = Try(words, rehearsal, taken);
+      (json ? PrintJson : PrintText)(std::cout, preview);
+      return preview.Status();
+    });
     return status < 0 ? 2 : status;
   } catch (const std::exception& error) {
     std::cerr << "nubo_config_preview: " << error.what() << std::endl;

@@ -18,7 +18,6 @@
 #include <iostream>
 #include <stdexcept>
 #include <system_error>
-#include <utility>
 
 #include "preview/log.h"
 #include "preview/program.h"
@@ -38,8 +37,9 @@ int Need(int result, const std::string& what) {
 
 // ---- Files -------------------------------------------------------------------------------------------
 
-void Mount(const std::string& source, const std::string& target, const char* type, unsigned long flags) {
-  Need(mount(source.c_str(), target.c_str(), type, flags, ""), "cover " + target);
+/// Puts a file or directory in the place of another, with the mounts in it.
+void Bind(const std::string& source, const std::string& target) {
+  Need(mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr), "cover " + target);
 }
 
 /// Gives the file or directory the mode and owner of another.
@@ -99,14 +99,14 @@ void LayOut() {
   setenv("PATH", "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", 1);
   setenv("LC_ALL", "C", 1);
   setenv("HOME", kWork, 1);
-  Mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC);
-  Cover("/tmp");
+  Need(mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr), "mount /proc");
+  Need(mount("tmpfs", "/tmp", "tmpfs", MS_NOSUID, nullptr), "mount /tmp");
   Need(mkdir(kWork, 0700), "make a directory");
   Copy(kEtc, kInstalled);
   for (const std::string directory : {kEtc, "/var/lib/samba", "/var/cache/samba"}) {  // samba: for net(8)
     if (!fs::is_directory(directory)) continue;
     Copy(directory == kEtc ? kInstalled : directory, kWork + directory);
-    Mount(kWork + directory, directory, nullptr, MS_BIND);
+    Bind(kWork + directory, directory);
   }
   CoverByDirectories(std::string(kTarget) + "/var");
   // The users of a directory or a domain are asked for through sockets, names too.
@@ -149,38 +149,35 @@ int InSandbox(const std::function<int()>& work) {
 void Cover(const std::string& directory, const std::vector<std::string>& kept) {
   struct stat status = {};
   if (stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return;
-  std::vector<std::pair<fs::path, int>> trees;
+  const fs::path cover = kWork + directory;
+  fs::create_directories(cover);
+  MakeLike(status, cover);
   for (const std::string& name : kept) {
     const fs::path path = fs::path(directory) / name;
-    const int tree = open_tree(AT_FDCWD, path.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE);
-    if (tree >= 0) trees.emplace_back(path, tree);
-  }
-  Mount("tmpfs", directory, "tmpfs", MS_NOSUID);
-  MakeLike(status, directory);
-  for (const auto& [path, tree] : trees) {
-    fs::create_directories(path.parent_path());
-    fstat(tree, &status);
-    if (S_ISDIR(status.st_mode)) {
-      fs::create_directory(path);
+    if (!fs::exists(path)) continue;
+    fs::create_directories((cover / name).parent_path());
+    if (fs::is_directory(path)) {
+      fs::create_directory(cover / name);
     } else {
-      std::ofstream created(path);
+      std::ofstream(cover / name);
     }
-    Need(move_mount(tree, "", AT_FDCWD, path.c_str(), MOVE_MOUNT_F_EMPTY_PATH), "keep " + path.string());
-    close(tree);
+    Bind(path, cover / name);
   }
+  Bind(cover, directory);
 }
 
 void CoverByDirectories(const std::string& directory) {
   if (!fs::is_directory(directory)) return;
   CopyDirectories(directory, kWork + directory);
-  Mount(kWork + directory, directory, nullptr, MS_BIND);
+  Bind(kWork + directory, directory);
 }
 
 void ReplaceByText(const std::string& path, const std::string& text) {
   struct stat status = {};
   if (stat(path.c_str(), &status) != 0) return;
-  const std::string standIn = kWork + ("/" + fs::path(path).filename().string());
+  const fs::path standIn = kWork + path;
+  fs::create_directories(standIn.parent_path());
   std::ofstream(standIn) << text;
   MakeLike(status, standIn);
-  Mount(standIn, path, nullptr, MS_BIND);
+  Bind(standIn, path);
 }
