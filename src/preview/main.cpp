@@ -33,7 +33,7 @@ Preview Try(const std::vector<std::string>& words, bool rehearsal, const std::ve
     preview.runs.push_back(RunGenerators(word));
     if (word == "mailscanner") StartCheckers(lint, word);
   }
-  if (rehearsal) CoverData();
+  CoverData();
   for (const std::string& word : words) {
     if (word != "mailscanner") StartCheckers(checkers, word);
   }
