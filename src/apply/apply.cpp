@@ -14,6 +14,9 @@
 
 namespace {
 
+namespace fs = std::filesystem;
+
+constexpr const char* kMainCf = "/var/packages/Brindlecot/target/etc/main.cf";
 const std::string kBin = "/var/packages/Brindlecot/target/bin/";
 
 // What the preview shows. Throws Refused, and prints it, unless the change can be tried. Nothing would change
@@ -41,6 +44,10 @@ void Generate(const std::vector<std::string>& words, const std::string& shown) {
                "nubo_set_config " + word + " failed, see the system log");
   }
   const Paths written = Differing(Kind::kOutput, kPending);
+  // Postfix's programs would wait until it is two seconds old, since they cannot know that it is whole.
+  if (written.count(kMainCf) != 0) {
+    fs::last_write_time(kMainCf, fs::file_time_type::clock::now() - std::chrono::seconds(10));
+  }
   std::list<std::string> unwritten;
   std::istringstream lines(shown);
   for (std::string line; std::getline(lines, line);) {
@@ -96,7 +103,7 @@ int Undo(int state, double minutes) {
 
 int Confirm() {
   const Change pending = ReadPending();
-  if (!std::filesystem::exists(kPending + "/next"))
+  if (!fs::exists(kPending + "/next"))
     throw Fault("the change was not finished; take it back by: nubo_config_apply recover");
   return Settle(pending);
 }
@@ -108,7 +115,7 @@ int Recover() {
   }
   const Change pending = ReadPending();
   if (States().count(pending.base + 1) == 0) {
-    const bool finished = std::filesystem::exists(kPending + "/next");
+    const bool finished = fs::exists(kPending + "/next");
     return GoBack(pending, finished ? "it was not confirmed" : "it was not finished");
   }
   EndPending();  // confirmed, and killed before it could say so
