@@ -112,7 +112,7 @@ def killed():
     preview("smtp")
     length = time.time() - begin
     before = contents(PACKAGE)
-    around = read("/proc/mounts"), os.listdir("/tmp"), run("lsns", "-no", "NS").stdout
+    around = read("/proc/mounts"), os.listdir("/run/private_root/tmp/upper"), run("lsns", "-no", "NS").stdout
     refused = []
     for moment in range(20):
         process = subprocess.Popen([PREVIEW, "smtp"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
@@ -125,7 +125,7 @@ def killed():
     after = contents(PACKAGE)
     changed = [path for path in before.keys() | after.keys() if before.get(path) != after.get(path) and
                "/var/log/" not in path and "/var/lib/postfix/" not in path]
-    left = read("/proc/mounts"), os.listdir("/tmp"), changed
+    left = read("/proc/mounts"), os.listdir("/run/private_root/tmp/upper"), changed
     check("killed, it leaves nothing", left == (*around[:2], []), left)
     check("... and the daemons go on", not refused, refused)
 

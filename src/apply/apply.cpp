@@ -40,7 +40,8 @@ Ended Preview(const std::vector<std::string>& words) {
 void Generate(const std::vector<std::string>& words, const std::string& shown) {
   const Step step("The files are written");
   for (const std::string& word : words) {
-    RunOrThrow({"flock", kRunLock, kBin + "nubo_set_config", word},
+    // In a session of its own: Ctrl-C would end it, and not the compiler of tables that it runs.
+    RunOrThrow({"setsid", "--wait", "flock", kRunLock, kBin + "nubo_set_config", word},
                "nubo_set_config " + word + " failed, see the system log");
   }
   const Paths written = Differing(Kind::kOutput, kPending);
@@ -118,7 +119,8 @@ int Recover() {
     const bool finished = fs::exists(kPending + "/next");
     return GoBack(pending, finished ? "it was not confirmed" : "it was not finished");
   }
-  EndPending();  // confirmed, and killed before it could say so
+  EndPending();  // it was killed before it could say so
+  std::cout << "The change was confirmed." << std::endl;
   return 0;
 }
 

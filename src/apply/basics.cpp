@@ -38,9 +38,11 @@ void WriteText(const std::string& path, const std::string& text) {
 
 void Sync(const std::set<std::string>& paths) {
   std::set<std::string> all;
-  for (const std::filesystem::path path : paths) {
+  for (std::filesystem::path path : paths) {
     if (std::filesystem::exists(path)) all.insert(path);
-    all.insert(path.parent_path());
+    do path = path.parent_path();
+    while (!std::filesystem::exists(path));
+    all.insert(path);
   }
   std::vector<std::string> command = {"sync"};
   command.insert(command.end(), all.begin(), all.end());

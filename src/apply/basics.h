@@ -38,5 +38,5 @@ std::string RunOrThrow(const std::vector<std::string>& command, const std::strin
 /// Writes a file and waits until it is on disk. Throws Fault.
 void WriteText(const std::string& path, const std::string& text);
 
-/// Waits until these files, as far as they exist, and their directories are on disk. Throws Fault.
+/// Waits until these files and their directories, as far as they exist, are on disk. Throws Fault.
 void Sync(const std::set<std::string>& paths);

@@ -24,6 +24,7 @@ const std::string kNext = kPending + "/next";
 const std::string kKeptSsl = kPending + "/ssl";
 const std::string kRefused = kStates + "/refused";
 constexpr size_t kStatesKept = 10;
+constexpr size_t kMostShown = 100'000;  // bytes of a difference in a message
 
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -55,6 +56,7 @@ void CheckAgain(const Change& change, const std::string& subject, const std::str
 
 // Writes the way back to the disk. From here on, whatever happens, the change ends confirmed or taken back.
 void Arm(const Change& change, Sort sort) {
+  const Step step("The way back is written");
   const std::string tree = kPending + ".new";
   const std::string base = StateDirectory(change.base);
   Keep(Kind::kOutput, tree, base);
@@ -75,13 +77,15 @@ void Arm(const Change& change, Sort sort) {
   for (const std::string& what : change.unwell) about["unwell"].append(what);
   WriteText(tree + "/about", about.toStyledString());
   Install(tree, kPending);
-  if (change.deadline > 0) {
-    // It has to outlive the session, and where systemd ends a session's processes, their group too.
-    const std::string self = fs::read_symlink("/proc/self/exe");
-    if (!fs::exists("/run/systemd/system") ||
-        RunProgram({"systemd-run", "--quiet", "--collect", self, "wait"}).status != 0) {
-      RunProgram({"setsid", "--fork", self, "wait"});
-    }
+}
+
+// Starts the one that takes the change back when its time is over.
+void StartWaiting() {
+  // It has to outlive the session, and where systemd ends a session's processes, their group too.
+  const std::string self = fs::read_symlink("/proc/self/exe");
+  if (!fs::exists("/run/systemd/system") ||
+      RunProgram({"systemd-run", "--quiet", "--collect", self, "wait"}).status != 0) {
+    RunOrThrow({"setsid", "--fork", self, "wait"}, "nobody would take the change back");
   }
 }
 
@@ -104,11 +108,14 @@ void KeepRefused() {
   Install(refused + ".new", refused);
 }
 
-void PutInputsBack() {
-  Mirror(Kind::kInput, kPending, kLive);
-  // The package helper was told the account type of the refused settings.
+// The package helper was told the account type of the refused settings.
+void TellHelper() {
+  const std::string settings = "/in/var/packages/Brindlecot/etc/settings/smtp.json";
+  if (TextOf(kPending + settings) == TextOf(kPending + "/refused" + settings)) return;
   ConfigGenerator generator;
-  if (generator.LoadAllSettings() >= 0) generator.UpdatePamConfig();
+  if (generator.LoadAllSettings() < 0 || generator.UpdatePamConfig() < 0) {
+    throw Fault("the package helper was not told the account type, see the system log");
+  }
 }
 
 }  // namespace
@@ -176,6 +183,7 @@ int BringAbout(Change change, Sort sort, double minutes, const std::function<std
   Arm(change, sort);
   const std::string base = StateDirectory(change.base);
   try {
+    if (minutes > 0) StartWaiting();
     const std::string shown = write();
     GoOn();
     // Nobody knows what the daemons have loaded of files as found.
@@ -189,16 +197,18 @@ int BringAbout(Change change, Sort sort, double minutes, const std::function<std
       step.Say(done.empty() ? "nothing to do" : JoinList(done, ", "));
     }
     GoOn();
-    CheckAgain(change, "The configuration of mail has changed", "\n\n" + shown);
+    // Postfix takes no message of any size.
+    const std::string more = shown.size() > kMostShown ? "\n(More: nubo_config_apply history)\n" : "";
+    CheckAgain(change, "The configuration of mail has changed", "\n\n" + shown.substr(0, kMostShown) + more);
     GoOn();
     KeepNext(change, sort, shown);
+    if (change.deadline == 0) return Settle(change);
   } catch (const Refused&) {
     EndPending();
     throw;
   } catch (const std::exception& error) {
     return GoBack(change, error.what());
   }
-  if (change.deadline == 0) return Settle(change);
   std::cout << "In force. Until " << TimeOfDay("%H:%M:%S", change.deadline - Now())
             << " confirm it by: nubo_config_apply confirm\nOtherwise it is taken back." << std::endl;
   return 0;
@@ -207,13 +217,17 @@ int BringAbout(Change change, Sort sort, double minutes, const std::function<std
 int Settle(const Change& pending) {
   const int number = pending.base + 1;
   const bool state = fs::exists(kNext);
-  if (state) fs::rename(kNext, StateDirectory(number));  // from here on it is confirmed
-  EndPending();
-  for (std::set<int> states = States(); states.size() > kStatesKept; states = States()) {
-    fs::rename(StateDirectory(*states.begin()), StateDirectory(*states.begin()) + ".new");
-    fs::remove_all(StateDirectory(*states.begin()) + ".new");
+  if (state) fs::rename(kNext, StateDirectory(number));
+  std::string said = "in force" + (state ? ", as state " + std::to_string(number) : "");
+  try {  // whatever happens from here on, it is confirmed
+    EndPending();
+    for (std::set<int> states = States(); states.size() > kStatesKept; states = States()) {
+      fs::rename(StateDirectory(*states.begin()), StateDirectory(*states.begin()) + ".new");
+      fs::remove_all(StateDirectory(*states.begin()) + ".new");
+    }
+  } catch (const std::exception& error) {
+    said += std::string("; but ") + error.what();
   }
-  const std::string said = "in force" + (state ? ", as state " + std::to_string(number) : "");
   syslog(LOG_MAIL | LOG_NOTICE, "%s: %s", pending.what.c_str(), said.c_str());
   std::cout << 'I' << said.substr(1) << std::endl;
   return 0;
@@ -236,20 +250,32 @@ int GoBack(const Change& pending, const std::string& reason) {
     const Step step("The settings are put back");
     fs::remove_all(kNext + ".new");  // it may have filled the disk
     renew ? InstallSsl(kKeptSsl) : KeepRefused();
-    if (settings) PutInputsBack();
+    if (settings) Mirror(Kind::kInput, kPending, kLive);
   });
   attempt([] {
     const Step step("The files are put back");
     Mirror(Kind::kOutput, kPending, kLive);
   });
   const bool files = failed.empty();
-  if (pending.boot == ThisBoot()) {
+  if (settings) attempt(TellHelper);
+  Change before = pending;
+  if (pending.boot != ThisBoot()) before.running = RunningDaemons();  // none, when this is done at boot
+  if (pending.boot == ThisBoot() || !before.running.empty()) {
     attempt([&] {
       const Step step("The daemons are restarted");
-      StartAnew(pending.running);
+      StartAnew(before.running);
     });
     attempt([&] {
-      CheckAgain(pending, "A change of the mail system was taken back", " was taken back.\n" + reason + "\n");
+      CheckAgain(before, "A change of the mail system was taken back", " was taken back.\n" + reason + "\n");
+    });
+  }
+  if (files) {
+    attempt([&] {
+      if (!renew) {
+        LinkTree(kPending + "/refused", kRefused + ".new");
+        Install(kRefused + ".new", kRefused);
+      }
+      EndPending();
     });
   }
   syslog(LOG_MAIL | LOG_WARNING, "%s was taken back: %s", pending.what.c_str(), reason.c_str());
@@ -257,15 +283,10 @@ int GoBack(const Change& pending, const std::string& reason) {
     std::cout << "Not as before: " << one << std::endl;
     syslog(LOG_MAIL | LOG_ERR, "not as before: %s", one.c_str());
   }
-  if (!files) {
+  if (IsPending()) {
     std::cout << "Mend what is named, then run: nubo_config_apply recover" << std::endl;
     return 4;
   }
-  if (!renew) {
-    LinkTree(kPending + "/refused", kRefused + ".new");
-    Install(kRefused + ".new", kRefused);
-  }
-  EndPending();
   std::cout << (failed.empty() ? "All is as before" : "The files are as before")
             << (settings ? "; the settings that were refused are in " + kRefused
                          : "; your settings are as you wrote them")

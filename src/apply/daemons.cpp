@@ -92,13 +92,17 @@ bool Managed() {
 
 // Throws Fault.
 void Start(const Daemon& daemon) {
-  const bool managed = Managed();
-  // systemd does not start what has failed a few times in a row.
-  if (managed) RunProgram({"systemctl", "reset-failed", daemon.unit});
-  RunOrThrow(managed ? std::vector<std::string>{"systemctl", "start", daemon.unit} : daemon.command,
-             daemon.name + " does not start");
-  const auto listens = [&] { return !RunProgram({"ss", "-Hltn", "sport = :" + daemon.port}).output.empty(); };
-  if (!daemon.port.empty() && !WaitFor(listens, seconds(5))) {
+  std::vector<std::string> command = daemon.command;
+  if (Managed()) {
+    // systemd does not start what has failed a few times in a row.
+    RunProgram({"systemctl", "reset-failed", daemon.unit});
+    command = {"systemctl", "start", daemon.unit};
+  } else if (fs::exists("/run/systemd/system")) {
+    // Otherwise systemd would end it together with the service that this program runs in.
+    command.insert(command.begin(), {"systemd-run", "--quiet", "--scope"});
+  }
+  RunOrThrow(command, daemon.name + " does not start");
+  if (!daemon.port.empty() && !WaitFor([&] { return Listens(daemon.port); }, seconds(5))) {
     throw Fault(daemon.name + " does not listen on port " + daemon.port);
   }
 }
@@ -110,6 +114,14 @@ void Stop(const Daemon& daemon) {
     for (const pid_t process : ProcessesOf(daemon)) kill(process, number);
     if (WaitFor([&] { return ProcessesOf(daemon).empty(); }, seconds(10))) return;
   }
+}
+
+// False when it does not run. Its file may be of an earlier boot, and the number another program's by now.
+bool ReloadMailScanner() {
+  const pid_t process = std::atoi(TextOf(kMailScannerPid).c_str());
+  return process > 0 &&
+         TextOf("/proc/" + std::to_string(process) + "/cmdline").find("MailScanner") != std::string::npos &&
+         kill(process, SIGHUP) == 0;
 }
 
 // Has a daemon load its files. Returns how. Throws Fault.
@@ -160,10 +172,7 @@ std::list<std::string> Follow(const std::set<std::string>& changed, const std::s
                           : running.count("Postfix") != 0 && !wanted(daemon, before);
     if (load && wanted(daemon, kTree)) done.push_back(daemon.name + Load(daemon, before));
   }
-  const pid_t scanner = std::atoi(TextOf(kMailScannerPid).c_str());
-  if (scanner > 0 && concerned.count("MailScanner") != 0 && kill(scanner, SIGHUP) == 0) {
-    done.emplace_back("MailScanner reloaded");
-  }
+  if (concerned.count("MailScanner") != 0 && ReloadMailScanner()) done.emplace_back("MailScanner reloaded");
   for (const Daemon& daemon : Daemons()) {
     if (running.count(daemon.name) == 0 || wanted(daemon, kTree)) continue;
     Stop(daemon);
@@ -173,6 +182,7 @@ std::list<std::string> Follow(const std::set<std::string>& changed, const std::s
 }
 
 void StartAnew(const std::set<std::string>& wanted) {
+  ReloadMailScanner();
   std::for_each(Daemons().rbegin(), Daemons().rend(), Stop);
   std::list<std::string> failed;
   for (const Daemon& daemon : Daemons()) {

@@ -19,5 +19,6 @@ std::set<std::string> RunningDaemons();
 /// loaded; `before` is the directory with the generated files that they have loaded. Throws Fault.
 std::list<std::string> Follow(const std::set<std::string>& changed, const std::string& before);
 
-/// Stops all daemons and starts those that are wanted. Throws Fault when some do not start.
+/// Stops all daemons and starts those that are wanted; MailScanner is reloaded. Throws Fault when some do not
+/// start.
 void StartAnew(const std::set<std::string>& wanted);

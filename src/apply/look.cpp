@@ -1,6 +1,5 @@
 #include <filesystem>
 #include <iostream>
-#include <sstream>
 
 #include "apply/basics.h"
 #include "apply/change.h"

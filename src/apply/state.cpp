@@ -91,6 +91,7 @@ void LockStates(std::chrono::seconds patience, bool settled) {
   fs::create_directories(fs::path(kStates).parent_path());
   mkdir(kStates.c_str(), 0700);
   const int file = open((kStates + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (file < 0) throw Fault("cannot lock " + kStates + ": " + std::strerror(errno));
   const auto lock = [&] {
     if (flock(file, LOCK_EX | LOCK_NB) != 0) return false;
     const bool good = !settled || !fs::exists(kPending);

@@ -72,11 +72,11 @@ std::vector<Difference> FindDifferences(Masks& masks) {
     Compare(found, masks, {path, access, after[name], "", false}, fs::path(kInstalled) / name, path);
   }
   // The appliance's own helper does not show what it has stored.
-  if (fs::exists(kPamConfig) && fs::is_directory(fs::path(kKeptPamConfig).parent_path())) {
-    fs::permissions(kPamConfig, fs::perms(0644));
+  if (fs::exists(kToldPamConfig) && fs::is_directory(fs::path(kKeptPamConfig).parent_path())) {
+    fs::permissions(kToldPamConfig, fs::perms(0644));
     Compare(found, masks,
-            {kKeptPamConfig, FilesBelow(kKeptPamConfig)[""], FilesBelow(kPamConfig)[""], "", false},
-            kKeptPamConfig, kPamConfig);
+            {kKeptPamConfig, FilesBelow(kKeptPamConfig)[""], FilesBelow(kToldPamConfig)[""], "", false},
+            kKeptPamConfig, kToldPamConfig);
   }
   return found;
 }

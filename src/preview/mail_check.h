@@ -24,9 +24,8 @@ struct MailCheck {
 
 /// Checks the daemons that run with the files in target/etc, on this machine's own addresses:
 /// - each listener of master.cf that speaks SMTP: banner, EHLO, and TLS or STARTTLS where it is on;
-/// - as a stranger, from an address outside mynetworks (if inet_interfaces allows one): mail to postmaster
-/// has
-///   to be accepted, and mail to another domain refused;
+/// - as a stranger, from an address outside mynetworks if inet_interfaces allows one: mail to postmaster is
+///   accepted, and mail to another domain refused;
 /// - a message to postmaster, handed in with sendmail(1) and followed in maillog_file: it has to be delivered
 ///   or held for scanning;
 /// - each of Dovecot's four listeners: it has to answer when it is on; nothing may answer when it is off.

@@ -63,16 +63,22 @@ Program::~Program() {
 
 Ended Program::Wait() {
   int status = 0;
-  pid_t ended = 0;
-  do ended = waitpid(child_, &status, 0);
-  while (ended < 0 && errno == EINTR);
-  if (child_ < 0 || ended < 0) return {kNotRun, "", "cannot be run"};
+  pid_t ended = -1;
+  if (child_ > 0) {
+    do ended = waitpid(child_, &status, 0);
+    while (ended < 0 && errno == EINTR);
+  }
+  if (ended < 0) return {kNotRun, "", "cannot be run"};
   return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ContentOf(files_[1]),
           ContentOf(files_[2])};
 }
 
 Ended RunProgram(const std::vector<std::string>& command, const std::string& input) {
   return Program(command, input).Wait();
+}
+
+bool Listens(const std::string& port) {
+  return !RunProgram({"ss", "-Hltn", "sport = :" + port}).output.empty();
 }
 
 bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds limit) {

@@ -39,11 +39,13 @@ class Program {
 
   int files_[3];  ///< its input, output and errors
   pid_t child_ = -1;
-  std::string failure_;  ///< why it could not be run
 };
 
 /// Runs a program and waits for its end.
 Ended RunProgram(const std::vector<std::string>& command, const std::string& input = "");
+
+/// True when somebody on this machine listens on the TCP port.
+bool Listens(const std::string& port);
 
 /// Waits until the condition holds. False when it does not within the limit.
 bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds limit);

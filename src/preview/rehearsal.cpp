@@ -36,9 +36,7 @@ struct Daemon {
 /// Waits until the daemon runs. False, with its verdict, when it does not; false without, when it is not
 /// installed, as a checker has said. `log` gets what was logged meanwhile.
 bool Runs(std::vector<Verdict>& verdicts, Daemon& daemon, std::vector<LogLine>& log) {
-  const auto listens = [&] {
-    return daemon.port.empty() || !RunProgram({"ss", "-Hltn", "sport", "=", daemon.port}).output.empty();
-  };
+  const auto listens = [&] { return daemon.port.empty() || Listens(daemon.port); };
   const Ended ended = daemon.program.Wait();
   if (ended.status == kNotRun) return false;
   const bool runs = ended.status == 0 && WaitFor(listens, kPatience);
@@ -146,7 +144,7 @@ std::vector<Verdict> Rehearse(const std::vector<std::string>& taken) {
     // Not by postfix(1), which would check all once more.
     Daemon daemon({master, "-c", kEtc, "-w"}, "");
     check.postfix = Runs(verdicts, daemon, logged);
-    if (!check.postfix && !verdicts.empty()) verdicts.back().said = MasterSays(master);
+    if (!check.postfix && fs::exists(master)) verdicts.back().said = MasterSays(master);
   }
   // A message for another host leaves this machine while the others are asked.
   if (check.postfix)

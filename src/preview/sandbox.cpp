@@ -109,10 +109,12 @@ void LayOut() {
     Bind(kWork + directory, directory);
   }
   CoverByDirectories(std::string(kTarget) + "/var");
-  // The users of a directory or a domain are asked for through sockets, names too.
+  // The users of a directory or a domain are asked for through sockets, names too. Everybody may go there.
+  const mode_t mask = umask(022);
   Cover("/run", {"nscd", "nslcd", "samba/winbindd", "systemd/resolve", "systemd/userdb"});
+  umask(mask);
   Cover("/dev", {"full", "null", "random", "tty", "urandom", "zero"});
-  ReplaceByText(kHelper, std::string("#!/bin/sh\nprintf %s \"$4\" >") + kPamConfig + "\n");
+  ReplaceByText(kHelper, std::string("#!/bin/sh\nprintf %s \"$4\" >") + kToldPamConfig + "\n");
 }
 
 }  // namespace

@@ -13,9 +13,10 @@
 
 #include "core/paths.h"
 
-inline constexpr const char* kWork = "/tmp/preview";                  ///< for root alone
-inline constexpr const char* kInstalled = "/tmp/preview/old";         ///< the generated files as they were
-inline constexpr const char* kPamConfig = "/tmp/preview/pam-config";  ///< what the package helper was told
+inline constexpr const char* kWork = "/tmp/preview";           ///< for root alone
+inline constexpr const char* kInstalled = "/tmp/preview/old";  ///< the generated files as they were
+inline constexpr const char* kToldPamConfig =
+    "/tmp/preview/pam-config";  ///< what the package helper was told
 
 /// Runs `work` in a new sandbox, with an environment of its own. Its result; -1 when it died of a signal.
 /// Throws std::runtime_error where there can be no sandbox. To be called once, by a process of one thread,
