@@ -135,7 +135,8 @@ def main(stage):
     write("/usr/nubo/etc/nslcd.conf", "uri ldap://ldap.example\nbase dc=example\nbinddn cn=mail\n")
     write("/usr/nubo/etc/ldap.secret", SECRETS[2] + "\n", 0o600)
     write("/usr/nubo/etc/wins.secret", f"domain = CORP\nuser = mail\npassword = {SECRETS[3]}\n", 0o600)
-    write("/usr/bin/net", "#!/bin/sh\nprintf 'LDAP server: h\\nLDAP port: 1\\nBind Path: b\\ndistinguishedName: CN=a\\n'\n", 0o755)
+    write("/usr/bin/net", "#!/bin/sh\nprintf 'LDAP server: h\\nLDAP port: 1\\nBind Path: b\\n"
+          "distinguishedName: CN=a\\n'\n", 0o755)
     generate(smtp=HOST)
     for name in ("dovecot", "postfix"):
         start(name)
