@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "main/commands.h"
+#include "core/commands.h"
 #include "platform/brindlecot.h"
 
 namespace fs = std::filesystem;

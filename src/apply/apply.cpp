@@ -8,23 +8,22 @@
 #include "apply/change.h"
 #include "apply/commands.h"
 #include "apply/state.h"
+#include "core/commands.h"
 #include "core/config_generator.h"
-#include "main/commands.h"
-#include "preview/program.h"
+#include "system/program.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kMainCf = "/var/packages/Brindlecot/target/etc/main.cf";
 const std::string kBin = "/var/packages/Brindlecot/target/bin/";
 
 // What the preview shows. Throws Refused, and prints it, unless the change can be tried. Nothing would change
 // when the status is 0.
-Ended Preview(const std::vector<std::string>& words) {
+ProgramResult Preview(const std::vector<std::string>& words) {
   std::vector<std::string> command = {kBin + "nubo_config_preview"};
   if (words.size() == 1) command.push_back(words[0]);
-  Ended preview;
+  ProgramResult preview;
   {
     const Step step("Preview and rehearsal");
     preview = RunProgram(command);
@@ -45,10 +44,7 @@ void Generate(const std::vector<std::string>& words, const std::string& shown) {
                "nubo_set_config " + word + " failed, see the system log");
   }
   const Paths written = Differing(Kind::kOutput, kPending);
-  // Postfix's programs would wait until it is two seconds old, since they cannot know that it is whole.
-  if (written.count(kMainCf) != 0) {
-    fs::last_write_time(kMainCf, fs::file_time_type::clock::now() - std::chrono::seconds(10));
-  }
+  if (written.count(kEtc + "/main.cf") != 0) SkipSettleTime(kEtc + "/main.cf");
   std::list<std::string> unwritten;
   std::istringstream lines(shown);
   for (std::string line; std::getline(lines, line);) {
@@ -63,7 +59,7 @@ void Generate(const std::vector<std::string>& words, const std::string& shown) {
 int Apply(const std::vector<std::string>& words, double minutes) {
   const Change change = Begin(words.size() == 1 ? "nubo_config_apply " + words[0] : "nubo_config_apply");
   const std::string base = StateDirectory(change.base);
-  const Ended preview = Preview(words);
+  const ProgramResult preview = Preview(words);
   if (preview.status == 0 && Holds(base, Kind::kInput) && Differing(Kind::kOutput, base).empty() &&
       Differing(Kind::kInput, base).empty()) {
     std::cout << "Nothing has changed since state " << change.base << std::endl;
@@ -90,7 +86,7 @@ int Undo(int state, double minutes) {
   }
   return BringAbout(change, Sort::kUndo, minutes, [&] {
     Mirror(Kind::kInput, tree, kLive);
-    Ended preview;
+    ProgramResult preview;
     try {
       preview = Preview(CommandWords());
     } catch (const Refused&) {

@@ -13,8 +13,8 @@
 #include "apply/basics.h"
 #include "apply/state.h"
 #include "core/config_generator.h"
-#include "core/paths.h"
-#include "preview/program.h"
+#include "mail_check/configuration.h"
+#include "system/program.h"
 
 namespace {
 
@@ -33,7 +33,7 @@ void GoOn() {
 }
 
 // This boot of the machine: random(4).
-std::string ThisBoot() { return TextOf("/proc/sys/kernel/random/boot_id"); }
+std::string ThisBoot() { return ReadFile("/proc/sys/kernel/random/boot_id"); }
 
 // The time of day so many seconds from now.
 std::string TimeOfDay(const char* format, long seconds) {
@@ -75,7 +75,7 @@ void Arm(const Change& change, Sort sort) {
   about["deadline"] = static_cast<Json::Int64>(change.deadline);
   for (const std::string& name : change.running) about["running"].append(name);
   for (const std::string& what : change.unwell) about["unwell"].append(what);
-  WriteText(tree + "/about", about.toStyledString());
+  WriteFile(tree + "/about", about.toStyledString());
   Install(tree, kPending);
 }
 
@@ -96,7 +96,7 @@ void KeepNext(const Change& change, Sort sort, const std::string& shown) {
   const std::string base = StateDirectory(change.base);
   Keep(Kind::kOutput, tree, base);
   if (sort != Sort::kAsFound) Keep(Kind::kInput, tree, base);
-  WriteText(tree + "/preview", TimeOfDay("%Y-%m-%d %H:%M:%S", 0) + "  " + change.what + "\n\n" + shown);
+  WriteFile(tree + "/preview", TimeOfDay("%Y-%m-%d %H:%M:%S", 0) + "  " + change.what + "\n\n" + shown);
   Install(tree, kNext);
 }
 
@@ -111,7 +111,7 @@ void KeepRefused() {
 // The package helper was told the account type of the refused settings.
 void TellHelper() {
   const std::string settings = "/in/var/packages/Brindlecot/etc/settings/smtp.json";
-  if (TextOf(kPending + settings) == TextOf(kPending + "/refused" + settings)) return;
+  if (ReadFile(kPending + settings) == ReadFile(kPending + "/refused" + settings)) return;
   ConfigGenerator generator;
   if (generator.LoadAllSettings() < 0 || generator.UpdatePamConfig() < 0) {
     throw Fault("the package helper was not told the account type, see the system log");
@@ -159,7 +159,7 @@ Change Begin(const std::string& what) {
   if (States().empty()) {
     const std::string tree = StateDirectory(1) + ".new";
     Keep(Kind::kOutput, tree, kLive);
-    WriteText(tree + "/preview", "As found\n");
+    WriteFile(tree + "/preview", "As found\n");
     Install(tree, StateDirectory(1));
   }
   Change change = {*States().rbegin(), what, ThisBoot(), 0, RunningDaemons(), {}};

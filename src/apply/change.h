@@ -15,7 +15,7 @@
 
 #include "apply/basics.h"
 #include "apply/daemons.h"
-#include "preview/mail_check.h"
+#include "mail_check/mail_check.h"
 
 struct Change {
   int base = 0;                   ///< the state that it starts from

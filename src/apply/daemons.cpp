@@ -9,54 +9,29 @@
 
 #include "apply/basics.h"
 #include "core/config_generator.h"
-#include "core/paths.h"
-#include "preview/program.h"
+#include "mail_check/daemons.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using std::chrono::seconds;
 
-const std::string kTree = kEtc;
 constexpr const char* kMailScannerPid =
     "/var/packages/Brindlecot/target/var/spool/MailScanner/run/MailScanner.pid";
 
-struct Daemon {
-  std::string name;
-  std::string unit;
-  std::string program;               // of its processes; that of Postfix begins so
-  std::string mark;                  // in their arguments or environment
-  std::vector<std::string> command;  // that starts it
-  std::string port;                  // of a milter
-};
-
-// In the order of their start.
-// clang-format off
-const std::vector<Daemon>& Daemons() {
-  static const std::vector<Daemon> daemons = {
-      {"OpenDKIM", "brindlecot-opendkim", "/usr/sbin/opendkim", kTree + "/opendkim.conf",
-       {"opendkim", "-x", kTree + "/opendkim.conf"}, "8891"},
-      {"OpenDMARC", "brindlecot-opendmarc", "/usr/sbin/opendmarc", kTree + "/opendmarc.conf",
-       {"opendmarc", "-c", kTree + "/opendmarc.conf"}, "8893"},
-      {"Dovecot", "brindlecot-dovecot", "/usr/sbin/dovecot", kTree + "/dovecot/dovecot.conf",
-       {"dovecot", "-c", kTree + "/dovecot/dovecot.conf"}, ""},
-      {"Postfix", "brindlecot-postfix", "/usr/lib/postfix/", kTree + '\0', {"postfix", "-c", kTree, "start"}, ""}};
-  return daemons;
-}
-// clang-format on
-
 // Those that read the file.
 std::set<std::string> ReadersOf(const std::string& path) {
-  if (path.rfind(kSsl, 0) == 0) return {"Dovecot", "Postfix"};
-  for (const auto& [begin, reader] : {std::pair(kTree + "/opendkim", "OpenDKIM"),
-                                      {kTree + "/opendmarc", "OpenDMARC"},
-                                      {kTree + "/dovecot/", "Dovecot"},
-                                      {kTree + "/MailScanner/", "MailScanner"},
-                                      {kTree + "/spamassassin/", "MailScanner"},
-                                      {kTree + "/", "Postfix"}}) {
-    if (path.rfind(begin, 0) == 0) return {reader};
+  std::set<std::string> readers;
+  if (StartsWith(path, kEtc + "/MailScanner/") || StartsWith(path, kEtc + "/spamassassin/"))
+    return {"MailScanner"};
+  for (const Daemon& daemon : Daemons()) {
+    for (const std::string& begin : daemon.files) {
+      if (!StartsWith(path, begin)) continue;
+      if (!StartsWith(path, kSsl)) return {daemon.name};
+      readers.insert(daemon.name);
+    }
   }
-  return {};
+  return readers;
 }
 
 // Its processes on this machine, and not in a container or a rehearsal. While a daemon starts there may be
@@ -69,7 +44,7 @@ std::vector<pid_t> ProcessesOf(const Daemon& daemon) {
     const std::string process = entry.path();
     const pid_t id = std::atoi(entry.path().filename().c_str());
     if (id > 0 && fs::read_symlink(process + "/exe", gone).string().rfind(daemon.program, 0) == 0 &&
-        (TextOf(process + "/cmdline") + TextOf(process + "/environ")).find(daemon.mark) !=
+        (ReadFile(process + "/cmdline") + ReadFile(process + "/environ")).find(daemon.configuration + '\0') !=
             std::string::npos &&
         fs::read_symlink(process + "/ns/pid", gone) == here) {
       found.push_back(id);
@@ -78,11 +53,13 @@ std::vector<pid_t> ProcessesOf(const Daemon& daemon) {
   return found;
 }
 
-// The values of parameters in a directory's main.cf.
-std::string Parameters(const std::string& etc, const std::vector<std::string>& names) {
-  std::vector<std::string> command = {"postconf", "-c", etc, "-h"};
-  command.insert(command.end(), names.begin(), names.end());
-  return RunProgram(command).output;
+// The parameters of a directory's main.cf; none when Postfix cannot read it.
+Parameters MainCf(const std::string& etc) {
+  try {
+    return PostfixParameters(etc);
+  } catch (const Fault&) {
+    return {};
+  }
 }
 
 // True when systemd has started the daemons, and has to start them again.
@@ -92,7 +69,7 @@ bool Managed() {
 
 // Throws Fault.
 void Start(const Daemon& daemon) {
-  std::vector<std::string> command = daemon.command;
+  std::vector<std::string> command = daemon.start;
   if (Managed()) {
     // systemd does not start what has failed a few times in a row.
     RunProgram({"systemctl", "reset-failed", daemon.unit});
@@ -102,8 +79,8 @@ void Start(const Daemon& daemon) {
     command.insert(command.begin(), {"systemd-run", "--quiet", "--scope"});
   }
   RunOrThrow(command, daemon.name + " does not start");
-  if (!daemon.port.empty() && !WaitFor([&] { return Listens(daemon.port); }, seconds(5))) {
-    throw Fault(daemon.name + " does not listen on port " + daemon.port);
+  if (!daemon.milterPort.empty() && !WaitFor([&] { return IsListening(daemon.milterPort); }, seconds(5))) {
+    throw Fault(daemon.name + " does not listen on port " + daemon.milterPort);
   }
 }
 
@@ -118,23 +95,24 @@ void Stop(const Daemon& daemon) {
 
 // False when it does not run. Its file may be of an earlier boot, and the number another program's by now.
 bool ReloadMailScanner() {
-  const pid_t process = std::atoi(TextOf(kMailScannerPid).c_str());
+  const pid_t process = std::atoi(ReadFile(kMailScannerPid).c_str());
   return process > 0 &&
-         TextOf("/proc/" + std::to_string(process) + "/cmdline").find("MailScanner") != std::string::npos &&
+         ReadFile("/proc/" + std::to_string(process) + "/cmdline").find("MailScanner") != std::string::npos &&
          kill(process, SIGHUP) == 0;
 }
 
 // Has a daemon load its files. Returns how. Throws Fault.
 std::string Load(const Daemon& daemon, const std::string& before) {
   const auto fixed = [](const std::string& etc) {  // what Postfix reads at its start only
-    return Parameters(etc, {"inet_interfaces", "inet_protocols", "queue_directory"});
+    Parameters mainCf = MainCf(etc);
+    return std::vector{mainCf["inet_interfaces"], mainCf["inet_protocols"], mainCf["queue_directory"]};
   };
   Daemon master = daemon;
   master.program += "sbin/master";
   const bool postfix = daemon.name == "Postfix";
-  const bool reload = postfix && fixed(before) == fixed(kTree) && !ProcessesOf(master).empty();
+  const bool reload = postfix && fixed(before) == fixed(kEtc) && !ProcessesOf(master).empty();
   if (reload) {
-    RunOrThrow({"postfix", "-c", kTree, "reload"}, "Postfix does not take the new files");
+    RunOrThrow({"postfix", "-c", kEtc, "reload"}, "Postfix does not take the new files");
   } else {
     Stop(daemon);
     Start(daemon);
@@ -161,20 +139,18 @@ std::list<std::string> Follow(const std::set<std::string>& changed, const std::s
   std::set<std::string> concerned;
   for (const std::string& path : changed) concerned.merge(ReadersOf(path));
   const std::set<std::string> running = RunningDaemons();
-  const auto wanted = [](const Daemon& daemon, const std::string& etc) {
-    return daemon.port.empty() ||
-           Parameters(etc, {"smtpd_milters"}).find(':' + daemon.port) != std::string::npos;
-  };
+  const Parameters mainCf = MainCf(kEtc);
+  const Parameters earlier = MainCf(before);
   std::list<std::string> done;
   for (const Daemon& daemon : Daemons()) {
     const bool load = running.count(daemon.name) != 0
                           ? concerned.count(daemon.name) != 0
-                          : running.count("Postfix") != 0 && !wanted(daemon, before);
-    if (load && wanted(daemon, kTree)) done.push_back(daemon.name + Load(daemon, before));
+                          : running.count("Postfix") != 0 && !IsWanted(daemon, earlier);
+    if (load && IsWanted(daemon, mainCf)) done.push_back(daemon.name + Load(daemon, before));
   }
   if (concerned.count("MailScanner") != 0 && ReloadMailScanner()) done.emplace_back("MailScanner reloaded");
   for (const Daemon& daemon : Daemons()) {
-    if (running.count(daemon.name) == 0 || wanted(daemon, kTree)) continue;
+    if (running.count(daemon.name) == 0 || IsWanted(daemon, mainCf)) continue;
     Stop(daemon);
     done.push_back(daemon.name + " stopped");
   }

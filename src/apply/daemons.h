@@ -5,8 +5,7 @@
 #include <set>
 #include <string>
 
-/// The directory of the certificate and its key.
-inline const std::string kSsl = "/var/packages/Brindlecot/etc/ssl";
+#include "mail_check/configuration.h"
 
 /// The names of those that run now: "OpenDKIM", "OpenDMARC", "Dovecot", "Postfix". They are found by the
 /// files that they were started with. So the system's own daemons and those of a rehearsal are not among

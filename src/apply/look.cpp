@@ -30,13 +30,13 @@ int Check() {
 
 int History(int state) {
   if (state > 0) {
-    const std::string shown = TextOf(StateDirectory(state) + "/preview");
+    const std::string shown = ReadFile(StateDirectory(state) + "/preview");
     if (shown.empty()) throw Fault("there is no such state");
     std::cout << shown;
     return 0;
   }
   for (const int number : States()) {
-    const std::string shown = TextOf(StateDirectory(number) + "/preview");
+    const std::string shown = ReadFile(StateDirectory(number) + "/preview");
     std::cout << number << "  " << shown.substr(0, shown.find('\n')) << std::endl;
   }
   if (IsPending()) std::cout << "pending: " << ReadPending().what << std::endl;

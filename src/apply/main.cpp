@@ -11,7 +11,7 @@
 #include "apply/change.h"
 #include "apply/commands.h"
 #include "apply/state.h"
-#include "main/commands.h"
+#include "core/commands.h"
 
 namespace {
 

@@ -20,7 +20,7 @@ int Renew(const std::string& certificate, const std::string& key) {
     RunOrThrow({"cp", "-aT", kSsl, fresh}, "cannot copy " + kSsl);
     const auto put = [&](const std::string& name, const std::string& source, int mode) {
       std::filesystem::remove(fresh + name);  // may be a link
-      WriteText(fresh + name, TextOf(source));
+      WriteFile(fresh + name, ReadFile(source));
       std::filesystem::permissions(fresh + name, std::filesystem::perms(mode));
     };
     put("/server.crt", certificate, 0644);

@@ -12,7 +12,7 @@
 
 #include "apply/basics.h"
 #include "core/config_generator.h"
-#include "core/paths.h"
+#include "mail_check/configuration.h"
 
 namespace {
 
@@ -68,7 +68,7 @@ bool Same(const std::string& one, const std::string& other) {
   struct stat b = {};
   return lstat(one.c_str(), &a) == 0 && lstat(other.c_str(), &b) == 0 && a.st_size == b.st_size &&
          a.st_mode == b.st_mode && a.st_uid == b.st_uid && a.st_gid == b.st_gid &&
-         TextOf(one) == TextOf(other);
+         ReadFile(one) == ReadFile(other);
 }
 
 // With mode, owner and time, by a rename.

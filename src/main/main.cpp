@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "main/commands.h"
+#include "core/commands.h"
 
 namespace {
 

@@ -5,8 +5,12 @@
 #include <fstream>
 #include <map>
 
-#include "preview/program.h"
+#include "core/paths.h"
+#include "mail_check/configuration.h"
 #include "preview/sandbox.h"
+#include "system/files.h"
+#include "system/program.h"
+#include "system/text.h"
 
 namespace {
 
@@ -16,7 +20,7 @@ constexpr const char* kKeptPamConfig = "/usr/nubo/etc/pam-config/Brindlecot.json
 
 /// The text of a file. For a compiled table, its entries without the one with the time of compilation.
 std::string Shown(const fs::path& path) {
-  if (path.extension() != ".db" || !fs::exists(path)) return TextOf(path);
+  if (path.extension() != ".db" || !fs::exists(path)) return ReadFile(path);
   std::vector<std::string> entries =
       Lines(RunProgram({kPostmap, "-s", "hash:" + fs::path(path).replace_extension().string()}).output);
   std::sort(entries.begin(), entries.end());
@@ -42,7 +46,7 @@ void Compare(std::vector<Difference>& found, Masks& masks, Difference difference
              const fs::path& after) {
   const std::string name = fs::path(difference.path).filename();
   const bool sameAccess = difference.before == difference.after;
-  const bool sameBytes = TextOf(before) == TextOf(after);
+  const bool sameBytes = ReadFile(before) == ReadFile(after);
   if (sameBytes && sameAccess && !Masks::HoldsSecrets(name)) return;
   const std::string texts[] = {Shown(before), sameBytes ? "" : Shown(after)};
   for (const std::string& text : texts) masks.Learn(name, text);

@@ -7,13 +7,15 @@
 #include <exception>
 #include <iostream>
 
-#include "main/commands.h"
-#include "preview/mail_questions.h"
+#include "core/commands.h"
+#include "mail_check/configuration.h"
+#include "mail_check/mail_questions.h"
 #include "preview/network.h"
 #include "preview/rehearsal.h"
 #include "preview/report.h"
 #include "preview/sandbox.h"
 #include "preview/warnings.h"
+#include "system/text.h"
 
 namespace {
 
@@ -45,7 +47,7 @@ Preview Try(const std::vector<std::string>& words, bool rehearsal, const std::ve
   if (rehearsal) add(Rehearse(taken));
   add(Verdicts(lint));
   if (!preview.Failed()) {
-    const std::string listeners = std::string(kEtc) + "/dovecot/conf.d/10-master.conf";
+    const std::string listeners = kEtc + "/dovecot/conf.d/10-master.conf";
     preview.warnings =
         SettingsWarnings(std::any_of(preview.files.begin(), preview.files.end(),
                                      [&](const Difference& file) { return file.path == listeners; }));
@@ -71,7 +73,7 @@ int main(int argc, char* argv[]) {
     }
   }
   if (next < argc) {
-    if (next + 1 < argc || !Has(words, argv[next])) return Usage();
+    if (next + 1 < argc || !Contains(words, argv[next])) return Usage();
     words = {argv[next]};
   }
   if (geteuid() != 0) {

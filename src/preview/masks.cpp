@@ -2,7 +2,8 @@
 
 #include <regex>
 
-#include "preview/program.h"
+#include "system/program.h"
+#include "system/text.h"
 
 namespace {
 

@@ -8,9 +8,10 @@
 #include <regex>
 #include <stdexcept>
 
-#include "preview/mail_questions.h"
-#include "preview/program.h"
+#include "mail_check/mail_questions.h"
 #include "preview/sandbox.h"
+#include "system/program.h"
+#include "system/text.h"
 
 namespace {
 

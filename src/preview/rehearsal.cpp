@@ -9,23 +9,28 @@
 #include <memory>
 #include <regex>
 
+#include "mail_check/configuration.h"
+#include "mail_check/daemons.h"
+#include "mail_check/mail_check.h"
 #include "preview/log.h"
-#include "preview/mail_check.h"
 #include "preview/network.h"
 #include "preview/sandbox.h"
+#include "system/files.h"
+#include "system/program.h"
+#include "system/text.h"
+#include "system/wait.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-const std::string kMain = std::string(kEtc) + "/main.cf";
-const std::string kDovecot = std::string(kEtc) + "/dovecot/dovecot.conf";
+const std::string kMain = kEtc + "/main.cf";
 
 constexpr std::chrono::seconds kPatience(5);
 
 /// A daemon that goes into the background.
-struct Daemon {
-  Daemon(const std::vector<std::string>& command, const std::string& place)
+struct Rehearsed {
+  Rehearsed(const std::vector<std::string>& command, const std::string& place)
       : name(fs::path(command[0]).filename()), port(place), program(command) {}
 
   std::string name;
@@ -35,9 +40,9 @@ struct Daemon {
 
 /// Waits until the daemon runs. False, with its verdict, when it does not; false without, when it is not
 /// installed, as a checker has said. `log` gets what was logged meanwhile.
-bool Runs(std::vector<Verdict>& verdicts, Daemon& daemon, std::vector<LogLine>& log) {
-  const auto listens = [&] { return daemon.port.empty() || Listens(daemon.port); };
-  const Ended ended = daemon.program.Wait();
+bool Runs(std::vector<Verdict>& verdicts, Rehearsed& daemon, std::vector<LogLine>& log) {
+  const auto listens = [&] { return daemon.port.empty() || IsListening(daemon.port); };
+  const ProgramResult ended = daemon.program.Wait();
   if (ended.status == kNotRun) return false;
   const bool runs = ended.status == 0 && WaitFor(listens, kPatience);
   for (const LogLine& line : TakeLog()) log.push_back(line);
@@ -54,10 +59,10 @@ bool Runs(std::vector<Verdict>& verdicts, Daemon& daemon, std::vector<LogLine>& 
 std::vector<std::string> MasterSays(const std::string& master) {
   const std::string folder = std::string(kWork) + "/master";
   fs::create_directory(folder);
-  for (const char* name : {"/main.cf", "/master.cf"}) fs::copy_file(kEtc + std::string(name), folder + name);
+  for (const char* name : {"/main.cf", "/master.cf"}) fs::copy_file(kEtc + name, folder + name);
   RunProgram({"postconf", "-c", folder, "-e", "maillog_file="});
-  Age(folder + "/main.cf");
-  Age(folder + "/master.cf");
+  SkipSettleTime(folder + "/main.cf");
+  SkipSettleTime(folder + "/master.cf");
   TakeLog();
   RunProgram({master, "-c", folder, "-w"});
   return SaidBy("", TakeLog());
@@ -66,7 +71,7 @@ std::vector<std::string> MasterSays(const std::string& master) {
 /// What Postfix's daemons cannot work with, wherever they have met it.
 Verdict JudgeLog(const std::string& log) {
   std::vector<std::string> said;
-  for (const LogLine& line : LogLines(Lines(TextOf(log)))) {
+  for (const LogLine& line : LogLines(Lines(ReadFile(log)))) {
     // Other errors come from a directory's server that cannot be reached, and from the sandbox.
     if (std::regex_search(line.text, std::regex("^(fatal: |panic: |error: (open|unsupported) )")) &&
         line.text.find("Read-only file system") == std::string::npos)
@@ -83,7 +88,7 @@ void FollowOut(const std::string& log) {
   const std::regex end(std::string("to=<") + kElsewhere + ">, .*status=|: (fatal|panic|milter-reject): ");
   WaitFor(
       [&] {
-        const std::string text = TextOf(log);
+        const std::string text = ReadFile(log);
         if (std::regex_search(text, end)) return true;
         if (std::regex_search(text, held)) {  // again and again: a message that is still being written stays
           RunProgram({"postsuper", "-c", kEtc, "-H", "ALL"});
@@ -108,13 +113,13 @@ void CoverData() {
   while (const passwd* user = users ? fgetpwent(users.get()) : nullptr) {
     const std::string home = user->pw_dir;
     const bool person = user->pw_uid == 0 || user->pw_uid >= 1000;
-    if (person && std::string(kEtc).rfind(home, 0) != 0) Cover(home);
+    if (person && kEtc.rfind(home, 0) != 0) Cover(home);
   }
 }
 
 std::vector<Verdict> Rehearse(const std::vector<std::string>& taken) {
   std::vector<Verdict> verdicts;
-  const bool postfix = fs::exists(kMain) && fs::exists(std::string(kEtc) + "/master.cf");
+  const bool postfix = fs::exists(kMain) && fs::exists(kEtc + "/master.cf");
   LeaveNetwork(taken);
   // Makes the directories of the queue, of which Dovecot needs one for its socket.
   if (postfix && !fs::exists(MainParameter("queue_directory") + "/pid"))
@@ -126,15 +131,13 @@ std::vector<Verdict> Rehearse(const std::vector<std::string>& taken) {
   check.dovecot = check.postfix = false;
   TakeLog();
   std::vector<LogLine> logged;
-  std::list<Daemon> daemons;
-  const auto start = [&](const std::vector<std::string>& command, const char* port) {
-    daemons.emplace_back(command, port);
-  };
-  if (fs::exists(kDovecot)) start({"dovecot", "-c", kDovecot}, "");
-  if (postfix && UsesMilter("8891")) start({"opendkim", "-x", std::string(kEtc) + "/opendkim.conf"}, "8891");
-  if (postfix && UsesMilter("8893"))
-    start({"opendmarc", "-c", std::string(kEtc) + "/opendmarc.conf"}, "8893");
-  for (Daemon& daemon : daemons) {
+  std::list<Rehearsed> daemons;
+  for (const Daemon& daemon : Daemons()) {
+    const bool milter = !daemon.milterPort.empty();
+    const bool wanted = milter ? postfix && IsWanted(daemon, MainCf()) : fs::exists(daemon.configuration);
+    if (daemon.name != "Postfix" && wanted) daemons.emplace_back(daemon.start, daemon.milterPort);
+  }
+  for (Rehearsed& daemon : daemons) {
     const bool runs = Runs(verdicts, daemon, logged);
     if (daemon.name == "dovecot") check.dovecot = runs;
   }
@@ -142,7 +145,7 @@ std::vector<Verdict> Rehearse(const std::vector<std::string>& taken) {
   const std::string master = MainParameter("daemon_directory") + "/master";
   if (postfix) {
     // Not by postfix(1), which would check all once more.
-    Daemon daemon({master, "-c", kEtc, "-w"}, "");
+    Rehearsed daemon({master, "-c", kEtc, "-w"}, "");
     check.postfix = Runs(verdicts, daemon, logged);
     if (!check.postfix && fs::exists(master)) verdicts.back().said = MasterSays(master);
   }

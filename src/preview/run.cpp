@@ -2,18 +2,19 @@
 
 #include <syslog.h>
 
-#include "main/commands.h"
+#include "core/commands.h"
 #include "preview/log.h"
-#include "preview/program.h"
+#include "system/program.h"
+#include "system/text.h"
 
 Run RunGenerators(const std::string& word) {
   constexpr const char* kProgram = "nubo_set_config";
   TakeLog();
-  const Ended ended = Program([&] {
-                        openlog(kProgram, 0, LOG_USER);
-                        const char* const arguments[] = {kProgram, word.c_str(), nullptr};
-                        return RunCommand(2, arguments);
-                      }).Wait();
+  const ProgramResult ended = Program([&] {
+                                openlog(kProgram, 0, LOG_USER);
+                                const char* const arguments[] = {kProgram, word.c_str(), nullptr};
+                                return RunCommand(2, arguments);
+                              }).Wait();
   Run run = {word, ended.status, Lines(ended.output + ended.errors), ended.status != 0};
   for (const std::string& line : SaidBy(kProgram, TakeLog())) {
     run.said.push_back("log: " + line);

@@ -20,7 +20,7 @@
 #include <system_error>
 
 #include "preview/log.h"
-#include "preview/program.h"
+#include "system/program.h"
 
 namespace {
 
@@ -52,7 +52,7 @@ void MakeLike(const struct stat& other, const fs::path& path) {
 /// goes away meanwhile, it is done again.
 void Copy(const fs::path& from, const fs::path& to) {
   fs::create_directories(to);
-  Ended copied = {};
+  ProgramResult copied = {};
   for (int tries = 0; tries < 5; ++tries) {
     copied = RunProgram({"cp", "-aT", fs::canonical(from), to});
     if (copied.status == 0) return;
@@ -103,7 +103,8 @@ void LayOut() {
   Need(mount("tmpfs", "/tmp", "tmpfs", MS_NOSUID, nullptr), "mount /tmp");
   Need(mkdir(kWork, 0700), "make a directory");
   Copy(kEtc, kInstalled);
-  for (const std::string directory : {kEtc, "/var/lib/samba", "/var/cache/samba"}) {  // samba: for net(8)
+  for (const std::string& directory :
+       {kEtc, std::string("/var/lib/samba"), std::string("/var/cache/samba")}) {  // samba: for net(8)
     if (!fs::is_directory(directory)) continue;
     Copy(directory == kEtc ? kInstalled : directory, kWork + directory);
     Bind(kWork + directory, directory);

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "core/paths.h"
+#include "mail_check/configuration.h"
 
 inline constexpr const char* kWork = "/tmp/preview";           ///< for root alone
 inline constexpr const char* kInstalled = "/tmp/preview/old";  ///< the generated files as they were

@@ -1,17 +1,16 @@
 #include "preview/verdict.h"
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 
+#include "mail_check/daemons.h"
 #include "preview/log.h"
-#include "preview/mail_questions.h"
+#include "system/files.h"
+#include "system/text.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-const std::string kFolder = kEtc;
 
 /// Which checker writes to the log under this name. Without a terminal, Postfix's programs do, each with a
 /// prefix and a slash before its name, and postfix(1) runs many of them.
@@ -26,38 +25,38 @@ std::string CheckerOf(const std::string& name) {
 Verdict Judge(const std::string& by, bool good, const std::vector<std::string>& said) {
   Verdict verdict = {by, good ? Verdict::kGood : Verdict::kRefused, {}};
   for (const std::string& line : said) {
-    if (!Has(verdict.said, line)) verdict.said.push_back(line);
+    if (!Contains(verdict.said, line)) verdict.said.push_back(line);
   }
   return verdict;
 }
 
 void StartCheckers(std::list<Checker>& checkers, const std::string& word) {
   const auto start = [&](const std::vector<std::string>& command) { checkers.emplace_back(command); };
-  for (const fs::directory_entry& entry : fs::directory_iterator(kFolder)) {
-    if (entry.path().extension() == ".cf") Age(entry.path());
+  for (const fs::directory_entry& entry : fs::directory_iterator(kEtc)) {
+    if (entry.path().extension() == ".cf") SkipSettleTime(entry.path());
   }
-  if (word == "smtp" && fs::exists(kFolder + "/main.cf") && fs::exists(kFolder + "/master.cf")) {
-    start({"postconf", "-c", kFolder, "-n"});
-    start({"postfix", "-c", kFolder, "check"});
-    if (UsesMilter("8891")) start({"opendkim", "-n", "-x", kFolder + "/opendkim.conf"});
-    if (UsesMilter("8893")) start({"opendmarc", "-n", "-c", kFolder + "/opendmarc.conf"});
+  if (word == "smtp" && fs::exists(kEtc + "/main.cf") && fs::exists(kEtc + "/master.cf")) {
+    start({"postconf", "-c", kEtc, "-n"});
+    start(DaemonNamed("Postfix").check);
+    for (const char* milter : {"OpenDKIM", "OpenDMARC"}) {
+      if (IsWanted(DaemonNamed(milter), MainCf())) start(DaemonNamed(milter).check);
+    }
   }
-  if (word == "dovecot") start({"doveconf", "-c", kFolder + "/dovecot/dovecot.conf", "-n"});
-  if (word == "mailscanner")
-    start({"spamassassin", "--lint", "--siteconfigpath=" + kFolder + "/spamassassin"});
+  if (word == "dovecot") start(DaemonNamed("Dovecot").check);
+  if (word == "mailscanner") start({"spamassassin", "--lint", "--siteconfigpath=" + kEtc + "/spamassassin"});
 }
 
 std::vector<Verdict> Verdicts(std::list<Checker>& checkers) {
-  std::list<Ended> ends;
+  std::list<ProgramResult> ends;
   for (Checker& checker : checkers) ends.push_back(checker.program.Wait());
   std::vector<LogLine> log = TakeLog();
   const std::string mailLog = MainParameter("maillog_file");
-  for (const LogLine& line : LogLines(Lines(TextOf(mailLog)))) log.push_back(line);
+  for (const LogLine& line : LogLines(Lines(ReadFile(mailLog)))) log.push_back(line);
   std::error_code none;
   fs::resize_file(mailLog, 0, none);
   std::vector<Verdict> verdicts;
   for (const Checker& checker : checkers) {
-    const Ended& ended = ends.front();
+    const ProgramResult& ended = ends.front();
     const std::vector<std::string>& command = checker.command;
     if (ended.status == kNotRun) {
       verdicts.push_back({command[0], Verdict::kNotInstalled, {}});
@@ -77,16 +76,18 @@ std::vector<Verdict> Verdicts(std::list<Checker>& checkers) {
   return verdicts;
 }
 
-void Age(const std::string& path) {
-  fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::seconds(10));
+const Parameters& MainCf() {
+  static const Parameters parameters = [] {
+    try {
+      return PostfixParameters(kEtc);
+    } catch (const Fault&) {
+      return Parameters();  // the checkers say why
+    }
+  }();
+  return parameters;
 }
 
 std::string MainParameter(const std::string& name) {
-  static const Values values = ValuesOf(RunProgram({"postconf", "-c", kFolder, "-x"}).output);
-  const auto found = values.find(name);
-  return found == values.end() ? "" : found->second;
-}
-
-bool UsesMilter(const std::string& port) {
-  return MainParameter("smtpd_milters").find(":" + port) != std::string::npos;
+  const auto found = MainCf().find(name);
+  return found == MainCf().end() ? "" : found->second;
 }

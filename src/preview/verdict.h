@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "preview/program.h"
+#include "mail_check/configuration.h"
+#include "system/program.h"
 
 /// One check, and how it went.
 struct Verdict {
@@ -33,11 +34,8 @@ void StartCheckers(std::list<Checker>& checkers, const std::string& word);
 /// Waits for their ends.
 std::vector<Verdict> Verdicts(std::list<Checker>& checkers);
 
-/// Makes a file ten seconds old: Postfix's programs would wait until it is two seconds old.
-void Age(const std::string& path);
+/// The parameters of the new main.cf; none when it cannot be read. The file is read once.
+const Parameters& MainCf();
 
-/// The value of a parameter in the new main.cf. The file is read once.
+/// The value of a parameter in the new main.cf; empty when there is none.
 std::string MainParameter(const std::string& name);
-
-/// True when the new main.cf names a milter on this port of the machine.
-bool UsesMilter(const std::string& port);

@@ -1,4 +1,4 @@
-#include "main/commands.h"
+#include "core/commands.h"
 
 #include <syslog.h>
 

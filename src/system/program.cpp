@@ -1,4 +1,4 @@
-#include "preview/program.h"
+#include "system/program.h"
 
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -7,10 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <fstream>
 #include <iostream>
-#include <sstream>
-#include <thread>
 
 namespace {
 
@@ -61,7 +58,7 @@ Program::~Program() {
   for (const int file : files_) close(file);
 }
 
-Ended Program::Wait() {
+ProgramResult Program::Wait() {
   int status = 0;
   pid_t ended = -1;
   if (child_ > 0) {
@@ -73,42 +70,14 @@ Ended Program::Wait() {
           ContentOf(files_[2])};
 }
 
-Ended RunProgram(const std::vector<std::string>& command, const std::string& input) {
+ProgramResult RunProgram(const std::vector<std::string>& command, const std::string& input) {
   return Program(command, input).Wait();
 }
 
-bool Listens(const std::string& port) {
-  return !RunProgram({"ss", "-Hltn", "sport = :" + port}).output.empty();
-}
-
-bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds limit) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
-}
-
-std::string TextOf(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
-}
-
-std::vector<std::string> Words(const std::string& text) {
-  std::vector<std::string> words;
-  size_t end = 0;
-  for (size_t begin; (begin = text.find_first_not_of(" \t\n,", end)) != std::string::npos;) {
-    end = text.find_first_of(" \t\n,", begin);
-    words.push_back(text.substr(begin, end - begin));
-  }
-  return words;
+std::string RunOrThrow(const std::vector<std::string>& command, const std::string& fault) {
+  const ProgramResult result = RunProgram(command);
+  if (result.status == 0) return result.output;
+  std::string said = result.output + result.errors;
+  said.erase(said.find_last_not_of('\n') + 1);
+  throw Fault(fault + ": " + (said.empty() ? "exit status " + std::to_string(result.status) : said));
 }

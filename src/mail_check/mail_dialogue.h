@@ -20,7 +20,7 @@ struct Answer {
   std::string said;  ///< the server's first refusal, or else its last line; when it said nothing, why
 };
 
-/// Holds the dialogue. Waits at most 5 seconds for an answer; 20 with `to`, because the server's checks in
+/// Has the dialogue. Waits at most 5 seconds for an answer; 20 with `to`, because the server's checks in
 /// DNS may take long. No message is sent: the connection ends before its text would begin. The server's
 /// certificate is not checked.
-Answer Hold(const Dialogue& dialogue);
+Answer Converse(const Dialogue& dialogue);

@@ -1,5 +1,8 @@
-#include "preview/mail_questions.h"
-#include "preview/program.h"
+#include "mail_check/configuration.h"
+#include "mail_check/daemons.h"
+#include "mail_check/mail_questions.h"
+#include "system/program.h"
+#include "system/text.h"
 
 namespace {
 
@@ -14,7 +17,7 @@ void AskService(Observations& seen, const MailCheck& check, const Service& servi
                 const std::string& address, bool startTls) {
   const std::string what = std::string("Dovecot, ") + service.name;
   const auto nobody = [&](const std::string& place) {
-    const Answer answer = Hold({service.name + ("://" + place), service.command});
+    const Answer answer = Converse({service.name + ("://" + place), service.command});
     seen.push_back(
         {what + " at " + place, answer.refused, answer.refused ? "off" : "off, but: " + answer.said});
   };
@@ -23,7 +26,7 @@ void AskService(Observations& seen, const MailCheck& check, const Service& servi
     return;
   }
   const std::vector<std::string> addresses = Words(address);
-  const bool here = addresses.empty() || Has(addresses, "*") || Has(addresses, "localhost");
+  const bool here = addresses.empty() || Contains(addresses, "*") || Contains(addresses, "localhost");
   const std::string place = (here ? "127.0.0.1" : addresses[0]) + ":" + port;
   Ask(seen, check, what,
       {service.name + ("://" + place), service.command, startTls && std::string(service.name).back() != 's'});
@@ -38,7 +41,7 @@ void CheckDovecot(Observations& seen, const MailCheck& check) {
                                    {"imaps", "imap", "NOOP", "993"},
                                    {"pop3", "pop3", "CAPA", "110"},
                                    {"pop3s", "pop3", "CAPA", "995"}};
-  std::vector<std::string> command = {"doveconf", "-c", std::string(kEtc) + "/dovecot/dovecot.conf", "ssl",
+  std::vector<std::string> command = {"doveconf", "-c", DaemonNamed("Dovecot").configuration, "ssl",
                                       "protocols"};
   const auto place = [](const Service& service) {
     return std::string("service/") + service.protocol + "-login/inet_listener/" + service.name;
@@ -47,14 +50,14 @@ void CheckDovecot(Observations& seen, const MailCheck& check) {
     command.push_back(place(service) + "/port");
     command.push_back(place(service) + "/address");
   }
-  const Ended asked = RunProgram(command);
+  const ProgramResult asked = RunProgram(command);
   if (asked.status != 0) {
     seen.push_back({"Dovecot's configuration", false, asked.errors});
     return;
   }
-  Values values = ValuesOf(asked.output);
+  Parameters values = ParseParameters(asked.output);
   for (const Service& service : kServices) {
-    const bool on = Has(Words(values["protocols"]), service.protocol);
+    const bool on = Contains(Words(values["protocols"]), service.protocol);
     AskService(seen, check, service, on ? values[place(service) + "/port"] : "0",
                values[place(service) + "/address"], values["ssl"] != "no");
   }

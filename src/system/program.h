@@ -1,15 +1,15 @@
-/// Runs the mail system's programs and keeps what they print, and waits, reads files and takes texts apart.
+/// Runs programs and keeps what they print.
 #pragma once
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 /// How a program ended.
-struct Ended {
+struct ProgramResult {
   int status;          ///< exit status; kNotRun when it could not be run; 128 + the signal that ended it
   std::string output;  ///< what it printed on its standard output
   std::string errors;  ///< what it printed on its standard error
@@ -32,7 +32,7 @@ class Program {
   ~Program();
 
   /// Waits for its end. Call it once.
-  Ended Wait();
+  ProgramResult Wait();
 
  private:
   void Start(const std::function<int()>& work, const std::string& input);
@@ -42,19 +42,13 @@ class Program {
 };
 
 /// Runs a program and waits for its end.
-Ended RunProgram(const std::vector<std::string>& command, const std::string& input = "");
+ProgramResult RunProgram(const std::vector<std::string>& command, const std::string& input = "");
 
-/// True when somebody on this machine listens on the TCP port.
-bool Listens(const std::string& port);
+/// Why something cannot be done: a sentence for the administrator.
+struct Fault : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
 
-/// Waits until the condition holds. False when it does not within the limit.
-bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds limit);
-
-/// The bytes of a file; none when it cannot be read.
-std::string TextOf(const std::string& path);
-
-/// The lines of a text, without their ends.
-std::vector<std::string> Lines(const std::string& text);
-
-/// The words of a text, between blanks, tabs, newlines and commas.
-std::vector<std::string> Words(const std::string& text);
+/// Runs a program and returns its standard output. Throws Fault, with `fault` and what the program printed,
+/// unless it ends with 0.
+std::string RunOrThrow(const std::vector<std::string>& command, const std::string& fault);

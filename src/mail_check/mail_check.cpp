@@ -1,9 +1,8 @@
-#include "preview/mail_check.h"
+#include "mail_check/mail_check.h"
 
-#include <algorithm>
-
-#include "preview/mail_questions.h"
-#include "preview/program.h"
+#include "mail_check/mail_questions.h"
+#include "system/program.h"
+#include "system/text.h"
 
 namespace {
 
@@ -11,23 +10,9 @@ constexpr int kTries = 3;
 
 }  // namespace
 
-Values ValuesOf(const std::string& text) {
-  Values values;
-  for (const std::string& line : Lines(text)) {
-    const size_t sign = line.find(" =");
-    if (sign != std::string::npos)
-      values[line.substr(0, sign)] = line.substr(std::min(sign + 3, line.size()));
-  }
-  return values;
-}
-
-bool Has(const std::vector<std::string>& words, const std::string& word) {
-  return std::find(words.begin(), words.end(), word) != words.end();
-}
-
 bool Ask(Observations& seen, const MailCheck& check, const std::string& what, const Dialogue& dialogue) {
-  Answer answer = Hold(dialogue);
-  for (int count = 1; count < kTries && answer.good && !check.isolated; ++count) answer = Hold(dialogue);
+  Answer answer = Converse(dialogue);
+  for (int count = 1; count < kTries && answer.good && !check.isolated; ++count) answer = Converse(dialogue);
   seen.push_back({what, answer.good, answer.said});
   return answer.good;
 }

@@ -1,4 +1,4 @@
-#include "preview/mail_dialogue.h"
+#include "mail_check/mail_dialogue.h"
 
 #include <curl/curl.h>
 
@@ -38,7 +38,7 @@ std::string Said(const std::vector<std::string>& lines, const char* reason) {
 
 }  // namespace
 
-Answer Hold(const Dialogue& dialogue) {
+Answer Converse(const Dialogue& dialogue) {
   const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> owner(curl_easy_init(), curl_easy_cleanup);
   CURL* curl = owner.get();
   const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> recipients(

@@ -8,15 +8,16 @@
 #include <fstream>
 #include <regex>
 
-#include "preview/mail_questions.h"
-#include "preview/program.h"
+#include "mail_check/configuration.h"
+#include "mail_check/mail_questions.h"
+#include "system/program.h"
+#include "system/text.h"
+#include "system/wait.h"
 
 namespace {
 
 constexpr std::chrono::seconds kDelivery(15);
 constexpr std::chrono::seconds kAfterFault(3);  // the fatal error may belong to another message
-
-bool Holds(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // ---- Listeners ------------------------------------------------------------------------------
 
@@ -30,7 +31,7 @@ struct Listener {
 };
 
 // A service that listens on a port, from a `line` of `postconf -M`.
-Listener ListenerOf(const std::string& line, const std::string& name, const Values& main) {
+Listener ListenerOf(const std::string& line, const std::string& name, const Parameters& main) {
   const auto value = [&](const std::string& parameter) {
     std::smatch match;
     const std::regex option(" -o \\{? ?" + parameter + " ?= ?([^ }]*)");
@@ -43,11 +44,12 @@ Listener ListenerOf(const std::string& line, const std::string& name, const Valu
     port = std::to_string(ntohs(static_cast<std::uint16_t>(service->s_port)));
   }
   const std::vector<std::string> interfaces = Words(value("inet_interfaces"));
-  if (host.empty() && !Has(interfaces, "all") && !Has(interfaces, "loopback-only") && !interfaces.empty()) {
+  if (host.empty() && !Contains(interfaces, "all") && !Contains(interfaces, "loopback-only") &&
+      !interfaces.empty()) {
     host = interfaces[0];
   }
   if (host.empty()) host = value("inet_protocols") == "ipv6" ? "::1" : "127.0.0.1";
-  if (Holds(host, ":") && host[0] != '[') host = "[" + host + "]";
+  if (Contains(host, ":") && host[0] != '[') host = "[" + host + "]";
   const std::string level = value("smtpd_tls_security_level");
   const bool wrapped = value("smtpd_tls_wrappermode") == "yes";
   return {name,
@@ -55,7 +57,7 @@ Listener ListenerOf(const std::string& line, const std::string& name, const Valu
           port,
           wrapped,
           level == "may" || level == "encrypt" || value("smtpd_use_tls") == "yes",
-          !wrapped && level != "encrypt" && !Has(Words(value("smtpd_client_restrictions")), "reject")};
+          !wrapped && level != "encrypt" && !Contains(Words(value("smtpd_client_restrictions")), "reject")};
 }
 
 // True when it speaks SMTP.
@@ -89,13 +91,13 @@ bool IsFault(const std::string& refusal, bool isolated) {
   return isolated ? refusal[0] == '5' : refusal.rfind("450", 0) != 0;
 }
 
-void AskAsStranger(Observations& seen, const Listener& listener, const Values& main, bool isolated) {
+void AskAsStranger(Observations& seen, const Listener& listener, const Parameters& main, bool isolated) {
   const std::vector<std::string> trusted = Words(main.at("mynetworks"));
   const std::vector<std::string> interfaces = Words(main.at("inet_interfaces"));
   const std::string own = main.at("inet_protocols") == "ipv6" ? "" : OwnAddress();
   Dialogue dialogue = {"smtp://127.0.0.1", nullptr, false, "postmaster@" + main.at("myhostname"),
                        "127.0.0.2"};
-  if (!own.empty() && !IsIn(own, trusted) && (Has(interfaces, "all") || Has(interfaces, own))) {
+  if (!own.empty() && !IsIn(own, trusted) && (Contains(interfaces, "all") || Contains(interfaces, own))) {
     dialogue.url = "smtp://" + own;
     dialogue.from = own;
   } else if (IsIn("127.0.0.2", trusted) || listener.host != "127.0.0.1") {
@@ -103,11 +105,11 @@ void AskAsStranger(Observations& seen, const Listener& listener, const Values& m
   }
   // Its name is an address (RFC 5321, section 4.1.3), so that no check of names can reject it.
   dialogue.url += ":" + listener.port + "/%5B" + dialogue.from + "%5D";
-  Answer answer = Hold(dialogue);
+  Answer answer = Converse(dialogue);
   seen.push_back(
       {"a stranger's mail to postmaster", answer.good || !IsFault(answer.said, isolated), answer.said});
   dialogue.to = "postmaster@elsewhere.invalid";  // a domain that never exists: RFC 6761, section 6.4
-  answer = Hold(dialogue);
+  answer = Converse(dialogue);
   seen.push_back({"no mail of a stranger to other domains", !answer.good, answer.said});
 }
 
@@ -133,16 +135,16 @@ bool HasEnded(MailObservation& seen, const std::string& log, std::streamoff begi
     std::smatch match;
     if (std::regex_search(line, match, std::regex("(fatal|milter-reject): .*"))) {
       seen.detail = match[0];
-    } else if (queueId.empty() || !Holds(line, ' ' + queueId + ": ")) {
+    } else if (queueId.empty() || !Contains(line, ' ' + queueId + ": ")) {
       continue;
-    } else if (Holds(line, ": hold: ") || Holds(line, ": removed")) {
+    } else if (Contains(line, ": hold: ") || Contains(line, ": removed")) {
       seen.good = true;
-      if (Holds(line, ": hold: ")) seen.detail = "held, for scanning";
+      if (Contains(line, ": hold: ")) seen.detail = "held, for scanning";
       return true;
     } else if (std::regex_search(line, match, std::regex("status=(sent|deferred|bounced|expired) .*"))) {
       seen.detail = match[0];
       // A copy for another host, or a filter that does not run here. The local copy is still to come.
-      if (isolated && match[1] == "deferred" && Holds(line, "/smtp[")) {
+      if (isolated && match[1] == "deferred" && Contains(line, "/smtp[")) {
         leaves = true;
       } else if (match[1] == "sent") {
         stays = true;
@@ -156,12 +158,12 @@ bool HasEnded(MailObservation& seen, const std::string& log, std::streamoff begi
   return leaves && stays;
 }
 
-void SendMessage(Observations& seen, const MailCheck& check, const Values& main) {
+void SendMessage(Observations& seen, const MailCheck& check, const Parameters& main) {
   const std::string& log = main.at("maillog_file");
   const std::streamoff begin = std::ifstream(log, std::ios::ate).tellg();
   const std::string id = "<" + std::to_string(std::chrono::system_clock::now().time_since_epoch().count()) +
                          "." + std::to_string(getpid()) + "@" + main.at("myhostname") + ">";
-  const Ended handedIn =
+  const ProgramResult handedIn =
       RunProgram({"sendmail", "-C", kEtc, "-i", "-f", "postmaster", "postmaster"},
                  "From: postmaster\nTo: postmaster\nSubject: " + check.subject + "\nMessage-ID: " + id +
                      "\nAuto-Submitted: auto-generated\n\n" + check.text);
@@ -170,13 +172,13 @@ void SendMessage(Observations& seen, const MailCheck& check, const Values& main)
     message.good = true;
     message.detail = "handed in, and not followed, since maillog_file is empty";
   } else if (handedIn.status == 0) {
-    const bool waitingIsGood = check.isolated && Holds(main.at("alias_maps"), "ldap:");
+    const bool waitingIsGood = check.isolated && Contains(main.at("alias_maps"), "ldap:");
     const auto start = std::chrono::steady_clock::now();
     WaitFor(
         [&] {
           return HasEnded(message, log, std::max<std::streamoff>(begin, 0), id, check.isolated,
                           waitingIsGood) ||
-                 (Holds(message.detail, ": ") && std::chrono::steady_clock::now() > start + kAfterFault);
+                 (Contains(message.detail, ": ") && std::chrono::steady_clock::now() > start + kAfterFault);
         },
         kDelivery);
   }
@@ -186,19 +188,18 @@ void SendMessage(Observations& seen, const MailCheck& check, const Values& main)
 }  // namespace
 
 void CheckPostfix(Observations& seen, const MailCheck& check) {
-  const Ended parameters =
-      RunProgram({"postconf", "-c", kEtc, "-x", "alias_maps", "inet_interfaces", "inet_protocols",
-                  "mynetworks", "myhostname", "maillog_file", "smtpd_client_restrictions",
-                  "smtpd_tls_security_level", "smtpd_tls_wrappermode", "smtpd_use_tls"});
-  const Ended services = RunProgram({"postconf", "-c", kEtc, "-M"});
-  const Values main = ValuesOf(parameters.output);
-  if (parameters.status != 0 || services.status != 0) {
-    seen.push_back({"Postfix's configuration", false, parameters.errors + services.errors});
+  Parameters main;
+  std::string services;
+  try {
+    main = PostfixParameters(kEtc);
+    services = RunOrThrow({"postconf", "-c", kEtc, "-M"}, "Postfix cannot read its master.cf");
+  } catch (const Fault& fault) {
+    seen.push_back({"Postfix's configuration", false, fault.what()});
     return;
   }
   bool answers = false;
   bool asked = false;
-  for (const std::string& line : Lines(services.output)) {
+  for (const std::string& line : Lines(services)) {
     const std::vector<std::string> words = Words(line);
     if (words.size() < 8 || words[1] != "inet" || (words[7] != "smtpd" && words[7] != "postscreen")) continue;
     const Listener listener = ListenerOf(line, words[0], main);

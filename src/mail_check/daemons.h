@@ -1,0 +1,30 @@
+/// The table of daemons that run on the generated files.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "mail_check/configuration.h"
+
+struct Daemon {
+  std::string name;           ///< "OpenDKIM", "OpenDMARC", "Dovecot" or "Postfix"
+  std::string unit;           ///< of systemd
+  std::string program;        ///< path of its executable; for Postfix, how the path begins
+  std::string configuration;  ///< the argument that names its files; for Postfix, also in its environment
+  std::vector<std::string> start;  ///< the command that starts it in the background
+  std::vector<std::string> check;  ///< the command that checks its files
+  std::string milterPort;          ///< where Postfix finds it on this machine; empty unless it is a milter
+  std::vector<std::string> files;  ///< how the paths of the files begin that it reads
+};
+
+/// All of them, in the order of their start.
+const std::vector<Daemon>& Daemons();
+
+/// The one of this name.
+const Daemon& DaemonNamed(const std::string& name);
+
+/// True unless it is a milter that this main.cf does not name.
+bool IsWanted(const Daemon& daemon, const Parameters& mainCf);
+
+/// True when somebody on this machine listens on the TCP port.
+bool IsListening(const std::string& port);
