@@ -22,7 +22,7 @@ int ConfigGenerator::GenerateDomainAliases() {
 
   char temp[] = "/var/packages/Brindlecot/target/etc/domain-aliasesXXXXXX";
   const RemovedAtEnd removed(temp);
-  if (!Written(MakeTempFile(temp) == 0, temp)) return -1;
+  if (MakeTempFileOrLog(temp) < 0) return -1;
 
   constexpr int kDomainUsers = 2;  // the core library's number for users of a Windows domain
   OwnedList users;
@@ -36,8 +36,8 @@ int ConfigGenerator::GenerateDomainAliases() {
     return -1;
   }
 
-  std::ofstream domainAliases(temp);
-  if (!Written(domainAliases.is_open(), temp)) return -1;
+  std::ofstream domainAliases;
+  if (OpenOrLog(domainAliases, temp) < 0) return -1;
   std::string line;
   for (int i = 0; i < users.handle->count; ++i) {
     const char* name = users.handle->items[i];
@@ -48,7 +48,7 @@ int ConfigGenerator::GenerateDomainAliases() {
     line.assign(user).append(" : ").append(name, backslash).append("\\\\").append(user);
     domainAliases << line << EndLine;
   }
-  if (!WrittenWhole(domainAliases, temp)) return -1;
+  if (CloseOrRemove(domainAliases, temp) < 0) return -1;
 
   if (InstallFile(temp, "/var/packages/Brindlecot/target/etc/domain-aliases") < 0) {
     unlink(temp);  // gone before the old table is compiled

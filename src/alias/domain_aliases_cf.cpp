@@ -18,7 +18,7 @@ bool GetDomainInfo(OwnedHash& domain, const char* user) {
   OwnedOutput search;
   char scratch[] = "/tmp/ad_infoXXXXXX";
   const RemovedAtEnd removed(scratch);
-  if (!Written(MakeTempFile(scratch) == 0, scratch)) return false;
+  if (MakeTempFileOrLog(scratch) < 0) return false;
   info.handle = ZELBCPopen(kNet, "r", "ads", "info", static_cast<char*>(nullptr));
   if (info.handle == nullptr) return false;
   if (PopenToFile(info.handle, scratch, "w") != 0) return false;
@@ -55,9 +55,9 @@ int ConfigGenerator::GenerateDomainLdapAliasMap() {
   std::optional<SignalsWait> signalsWait;  // begins with the password, when no program runs any more
   const RemovedAtEnd removed(temp);
   OwnedHash domain;
-  if (!Written(MakeTempFile(temp) == 0, temp)) return -1;
-  std::ofstream domainAliases(temp);
-  if (!Written(domainAliases.is_open(), temp)) return -1;
+  if (MakeTempFileOrLog(temp) < 0) return -1;
+  std::ofstream domainAliases;
+  if (OpenOrLog(domainAliases, temp) < 0) return -1;
   domain.handle = ZELBCSzHashAlloc(1024);
   if (domain.handle == nullptr) return -1;
   domainAliases << "query_filter=(&(samaccountname=%s))" << EndLine;
@@ -81,7 +81,7 @@ int ConfigGenerator::GenerateDomainLdapAliasMap() {
   }
   signalsWait.emplace();
   domainAliases << "bind_pw=" << password << EndLine;
-  if (!WrittenWhole(domainAliases, temp)) return -1;
+  if (CloseOrRemove(domainAliases, temp) < 0) return -1;
 
   (void)InstallFile(temp, "/var/packages/Brindlecot/target/etc/domain-aliases.cf");
   return 0;

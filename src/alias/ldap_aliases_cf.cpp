@@ -37,9 +37,9 @@ int ConfigGenerator::GenerateLdapAliasMap() {
   const SignalsWait signalsWait;
   char temp[] = "/var/packages/Brindlecot/target/etc/ldap-aliases.cfXXXXXX";
   const RemovedAtEnd removed(temp);
-  if (!Written(MakeTempFile(temp) == 0, temp)) return -1;
-  std::ofstream ldapAliases(temp);
-  if (!Written(ldapAliases.is_open(), temp)) return -1;
+  if (MakeTempFileOrLog(temp) < 0) return -1;
+  std::ofstream ldapAliases;
+  if (OpenOrLog(ldapAliases, temp) < 0) return -1;
   ldapAliases << "query_filter=(&(cn=%s))" << EndLine;
   ldapAliases << "result_attribute=cn" << EndLine;
   ldapAliases << "version=3" << EndLine;
@@ -60,7 +60,7 @@ int ConfigGenerator::GenerateLdapAliasMap() {
     return -1;
   }
   ldapAliases << "bind_pw=" << secret << EndLine;
-  if (!WrittenWhole(ldapAliases, temp)) return -1;
+  if (CloseOrRemove(ldapAliases, temp) < 0) return -1;
 
   (void)InstallFile(temp, "/var/packages/Brindlecot/target/etc/ldap-aliases.cf");
   return 0;

@@ -1,14 +1,14 @@
-/// The generator of the mail server's configuration files, and what all of its operations share.
+/// The generator of the mail server's configuration files, and the functions that its operations share.
 ///
 /// How a generated file reaches its place:
 ///
-///     char temp[] = "TARGETXXXXXX";         in the target's directory, so that the rename is atomic
-///     OpenFromTemplate or OpenEmpty         creates it owner-only and opens a stream on it
-///     stream << "line" << EndLine           flushes each line; a setting is read when its line is written
-///     WrittenWhole                          closes it; a file that was not written whole ends here
-///     ApplyCustomization                    the administrator's own keys, where the file has such a file
-///     InstallFile                           mode 0644, on the disk, then one rename over the target
-///     CompileMap                            for a lookup table, on the installed target
+///     char temp[] = "TARGETXXXXXX";     in the target's directory, so that the rename is atomic
+///     OpenFromTemplate or OpenEmpty     creates the file owner-only and opens a stream on it
+///     stream << "line" << EndLine       flushes each line; a setting is read when its line is written
+///     CloseOrRemove                     closes the file; removes a file that was not written whole
+///     ApplyCustomization                merges the administrator's keys, for three of the files
+///     InstallFile                       sets mode 0644, syncs the file, renames it over the target
+///     CompileMap                        for a lookup table, compiles the installed target
 ///
 /// A daemon that reads the target sees the old file or the new one, never a part of it, even after a power
 /// cut. When a write fails, the temporary file is removed, the target stays as it was, one line is logged,
@@ -17,8 +17,8 @@
 /// not installed then, and one line is logged. When chmod or rename fails, the temporary file stays, except
 /// those of ldap-aliases.cf, domain-aliases.cf and domain-aliases (RemovedAtEnd).
 ///
-/// Operations return 0 for success and a negative value for failure. They are named after what they do:
-/// Generate... writes and installs a file, Write... appends lines to a stream that its caller holds open.
+/// Operations return 0 for success and a negative value for failure. Generate... writes and installs a file.
+/// Write... appends lines to a stream that its caller holds open; except for WriteRelayHost the result is 0.
 #pragma once
 
 #include <fstream>
@@ -66,33 +66,40 @@ int CopyFile(const char* source, const char* destination);
 int AppendFile(const char* source, const char* destination);
 
 /// Creates a temporary file (MakeTempFile), copies the template into it, and opens `stream` to append to it.
-/// When the file cannot be opened, what is written to the stream is dropped. When the template could not be
-/// copied whole, WrittenWhole returns false.
+/// When the file cannot be opened, text written to the stream is dropped. When the template could not be
+/// copied whole, CloseOrRemove returns -1.
 void OpenFromTemplate(std::ofstream& stream, char* temp, const char* templatePath);
 
-/// Creates a temporary file (MakeTempFile) and opens `stream` on it.
+/// Creates a temporary file (MakeTempFile) and opens `stream` on it. When the file cannot be opened, text
+/// written to the stream is dropped.
 void OpenEmpty(std::ofstream& stream, char* temp);
 
-/// Ends a line and flushes it, as std::endl does. Keeps the reason of the stream's first failed write, for
-/// WrittenWhole.
+/// As MakeTempFile, but logs a failure (LogWriteError).
+int MakeTempFileOrLog(char* path);
+
+/// Opens `stream` on the file at `path`. 0, or -1 with one log line.
+int OpenOrLog(std::ofstream& stream, const char* path);
+
+/// Ends a line and flushes it, as std::endl does. Stores the errno of the stream's first failed write, for
+/// CloseOrRemove.
 std::ostream& EndLine(std::ostream& stream);
 
 /// Closes the stream if it is open; a failure sets its failbit.
 void CloseStream(std::ofstream& stream);
 
-/// Closes the stream on the file at `path`. False when something that was written did not get into the file;
-/// then one line is logged and the file is removed. True also for a stream that could not be opened.
-bool WrittenWhole(std::ofstream& stream, const char* path);
+/// Closes the stream on the file at `path`. When some of the text did not get into the file, logs one line,
+/// removes the file and returns -1. Otherwise 0, also for a stream that could not be opened.
+int CloseOrRemove(std::ofstream& stream, const char* path);
 
-/// Returns `done`. When it is false, logs that the file at `path` could not be written, and why (errno).
-bool Written(bool done, const char* path);
+/// Logs that the file at `path` could not be written, with the reason in errno.
+void LogWriteError(const char* path);
 
-/// Writes the temporary file to the disk, so that after a power cut the rename cannot be there without the
-/// file's bytes. False when that fails; then one line is logged and the file is removed.
-bool OnDisk(const char* temp);
+/// Syncs the temporary file to the disk, so that a power cut after the rename leaves a target with all of its
+/// bytes. 0; or -1 after one log line and the removal of the file.
+int SyncOrRemove(const char* temp);
 
-/// Gives the temporary file mode 0644, writes it to the disk and renames it to the target. 0; or -1 with one
-/// log line. The target is then unchanged, and the temporary file stays if it is whole.
+/// Sets the temporary file's mode to 0644, syncs it (SyncOrRemove) and renames it to the target. 0; or -1
+/// with one log line. The target is then unchanged; when chmod or rename failed, the temporary file stays.
 int InstallFile(const char* temp, const char* target);
 
 /// Runs Postfix's `program` (postmap or postalias) on the table at `path`. Returns the result of ZELBCExec.

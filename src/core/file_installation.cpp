@@ -19,40 +19,44 @@ constexpr size_t kCopyBufferSize = 1024;
 // The index at which a stream keeps the reason of its first failed write.
 const int kReason = std::ios_base::xalloc();
 
-int CopyError(int line) {
+// For a file that is not whole: it must not be used.
+int LogAndRemove(const char* path) {
+  LogWriteError(path);
+  (void)unlink(path);
+  return -1;
+}
+
+int LogCopyError(int line) {
   syslog(LOG_ERR, "%s:%d copy file error: %s", kLogSource, line, std::strerror(errno));
   return -1;
 }
 
-// For a file that is not whole: it must not be used.
-bool LogAndRemove(const char* path) {
-  (void)Written(false, path);
-  (void)unlink(path);
-  return false;
-}
+enum class ReadError { kFails, kEndsSource };
 
-int Copy(const char* source, const char* destination, int flags, int line) {
+int Copy(const char* source, const char* destination, int flags, ReadError readError, int line) {
   // The run must not wait for a pipe. O_NONBLOCK opens one without waiting, and lseek fails on it.
   const OwnedDescriptor from(open(source, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (from.number < 0 || lseek(from.number, 0, SEEK_CUR) < 0) return CopyError(line);
+  if (from.number < 0 || lseek(from.number, 0, SEEK_CUR) < 0) return LogCopyError(line);
   OwnedDescriptor to(open(destination, O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0644));
-  if (to.number < 0) return CopyError(line);
+  if (to.number < 0) return LogCopyError(line);
   char buffer[kCopyBufferSize] = {};
   ssize_t count = 0;
   bool begun = false;
   while ((count = read(from.number, buffer, sizeof buffer)) > 0) {
     errno = ENOSPC;  // a short write sets no reason; a full disk is the usual one
-    if (!Written(write(to.number, buffer, static_cast<size_t>(count)) == count, destination))
+    if (write(to.number, buffer, static_cast<size_t>(count)) != count) {
+      LogWriteError(destination);
       return kNotWhole;
+    }
     begun = true;
   }
-  // The two callers differ here: a source that cannot be read is an error to CopyFile, and ends early to
-  // AppendFile.
-  if (count < 0 && flags == O_TRUNC) {
-    (void)CopyError(line);
+  if (count < 0 && readError == ReadError::kFails) {
+    (void)LogCopyError(line);
     return begun ? kNotWhole : -1;
   }
-  return Written(to.Close() == 0, destination) ? 0 : kNotWhole;
+  if (to.Close() == 0) return 0;
+  LogWriteError(destination);
+  return kNotWhole;
 }
 
 }  // namespace
@@ -62,10 +66,18 @@ int MakeTempFile(char* path) {
   return file < 0 ? -1 : close(file);
 }
 
-int CopyFile(const char* source, const char* destination) { return Copy(source, destination, O_TRUNC, 110); }
+int CopyFile(const char* source, const char* destination) {
+  return Copy(source, destination, O_TRUNC, ReadError::kFails, 110);
+}
 
 int AppendFile(const char* source, const char* destination) {
-  return Copy(source, destination, O_APPEND, 140);
+  return Copy(source, destination, O_APPEND, ReadError::kEndsSource, 140);
+}
+
+int MakeTempFileOrLog(char* path) {
+  if (MakeTempFile(path) == 0) return 0;
+  LogWriteError(path);
+  return -1;
 }
 
 void OpenFromTemplate(std::ofstream& stream, char* temp, const char* templatePath) {
@@ -83,6 +95,13 @@ void OpenEmpty(std::ofstream& stream, char* temp) {
   stream.open(temp, std::ios::out);
 }
 
+int OpenOrLog(std::ofstream& stream, const char* path) {
+  stream.open(path);
+  if (stream.is_open()) return 0;
+  LogWriteError(path);
+  return -1;
+}
+
 std::ostream& EndLine(std::ostream& stream) {
   stream << std::endl;
   if (stream.bad() && stream.iword(kReason) == 0) stream.iword(kReason) = errno;
@@ -93,17 +112,16 @@ void CloseStream(std::ofstream& stream) {
   if (stream.is_open()) stream.close();
 }
 
-bool WrittenWhole(std::ofstream& stream, const char* path) {
-  if (!stream.is_open()) return !stream.bad();
+int CloseOrRemove(std::ofstream& stream, const char* path) {
+  if (!stream.is_open()) return stream.bad() ? -1 : 0;
   CloseStream(stream);
-  if (stream.good()) return true;
+  if (stream.good()) return 0;
   if (stream.iword(kReason) != 0) errno = static_cast<int>(stream.iword(kReason));  // else that of close()
   return LogAndRemove(path);
 }
 
-bool Written(bool done, const char* path) {
-  if (!done) syslog(LOG_ERR, "%s:%d write %s fail, %s", kLogSource, 329, path, std::strerror(errno));
-  return done;
+void LogWriteError(const char* path) {
+  syslog(LOG_ERR, "%s:%d write %s fail, %s", kLogSource, 329, path, std::strerror(errno));
 }
 
 int ConfigGenerator::ApplyCustomization(const char* generated, const char* customization) {
@@ -121,10 +139,10 @@ int ConfigGenerator::ApplyCustomization(const char* generated, const char* custo
   return ZELBCFileSetKeys(generated, keys.handle, 0, "%s = %s\n") < 0 ? -1 : 0;
 }
 
-bool OnDisk(const char* temp) {
+int SyncOrRemove(const char* temp) {
   const OwnedDescriptor file(open(temp, O_RDONLY | O_CLOEXEC));
-  if (file.number < 0 && access(temp, F_OK) != 0) return true;  // it was never made; the rename will log why
-  if (file.number >= 0 && fsync(file.number) == 0) return true;
+  if (file.number < 0 && access(temp, F_OK) != 0) return 0;  // it was never made; the rename will log why
+  if (file.number >= 0 && fsync(file.number) == 0) return 0;
   return LogAndRemove(temp);
 }
 
@@ -133,7 +151,7 @@ int InstallFile(const char* temp, const char* target) {
     syslog(LOG_ERR, "%s:%d chmod %s fail, %s", kLogSource, 319, temp, std::strerror(errno));
     return -1;
   }
-  if (!OnDisk(temp)) return -1;
+  if (SyncOrRemove(temp) < 0) return -1;
   if (std::rename(temp, target) < 0) {
     syslog(LOG_ERR, "%s:%d rename %s fail, %s", kLogSource, 324, temp, std::strerror(errno));
     return -1;

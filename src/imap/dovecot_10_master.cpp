@@ -35,9 +35,9 @@ int ConfigGenerator::GenerateDovecotConfig() {
   dovecotMasterConf << "        ssl = yes" << EndLine;
   dovecotMasterConf << "    }" << EndLine;
   dovecotMasterConf << "}" << EndLine;
-  const bool whole = WrittenWhole(dovecotMasterConf, temp);
+  const int closed = CloseOrRemove(dovecotMasterConf, temp);
 
   (void)GenerateDovecotMailConfig();
-  if (!whole) return -1;
+  if (closed < 0) return -1;
   return InstallFile(temp, "/var/packages/Brindlecot/target/etc/dovecot/conf.d/10-master.conf");
 }

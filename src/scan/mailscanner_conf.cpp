@@ -45,7 +45,7 @@ int ConfigGenerator::GenerateMailScannerConfig() {
 
   (void)GenerateSpamAssassinConfig();
 
-  if (!WrittenWhole(mailScannerConf, temp)) return -1;
+  if (CloseOrRemove(mailScannerConf, temp) < 0) return -1;
   (void)ApplyCustomization(temp, "/var/packages/Brindlecot/etc/customize/MailScanner/MailScanner.conf");
   return InstallFile(temp, "/var/packages/Brindlecot/target/etc/MailScanner/MailScanner.conf");
 }

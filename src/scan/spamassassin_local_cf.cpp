@@ -15,6 +15,6 @@ int ConfigGenerator::GenerateSpamAssassinConfig() {
     localCf << "bayes_auto_learn 0" << EndLine;
   }
   localCf << "use_auto_whitelist " << (GetBool(scanner, "spam_auto_whitelist") ? "1" : "0") << EndLine;
-  if (!WrittenWhole(localCf, temp)) return -1;
+  if (CloseOrRemove(localCf, temp) < 0) return -1;
   return InstallFile(temp, "/var/packages/Brindlecot/target/etc/spamassassin/local.cf");
 }

@@ -16,7 +16,7 @@ int ConfigGenerator::GenerateHeaderChecks() {
   }
   // The template comes last, because the first rule that matches wins.
   constexpr const char* kTemplate = "/var/packages/Brindlecot/target/etc/template/header_checks.template";
-  if (WrittenWhole(headerChecks, temp)) {
+  if (CloseOrRemove(headerChecks, temp) == 0) {
     if (AppendFile(kTemplate, temp) == kNotWhole) {
       (void)unlink(temp);
     } else {

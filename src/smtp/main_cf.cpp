@@ -39,7 +39,7 @@ int ConfigGenerator::GenerateMainCf() {
   (void)GenerateHeaderChecks();
   (void)AttachmentFilter::GenerateConfig();
 
-  if (!WrittenWhole(mainCf, temp)) return -1;
+  if (CloseOrRemove(mainCf, temp) < 0) return -1;
   (void)ApplyCustomization(temp, "/var/packages/Brindlecot/etc/customize/postfix/main.cf");
   return InstallFile(temp, "/var/packages/Brindlecot/target/etc/main.cf");
 }

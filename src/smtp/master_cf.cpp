@@ -21,6 +21,6 @@ int ConfigGenerator::GenerateMasterCf() {
     masterCf << " -o smtpd_sasl_auth_enable=yes" << EndLine;
     masterCf << " -o smtpd_client_restrictions=permit_sasl_authenticated,reject" << EndLine;
   }
-  if (!WrittenWhole(masterCf, temp)) return -1;
+  if (CloseOrRemove(masterCf, temp) < 0) return -1;
   return InstallFile(temp, "/var/packages/Brindlecot/target/etc/master.cf");
 }

@@ -10,7 +10,7 @@ namespace {
 
 // Not InstallFile: OpenDKIM's files stay owner-only.
 int Install(std::ofstream& stream, const char* temp, const char* target, int line) {
-  if (!WrittenWhole(stream, temp) || !OnDisk(temp)) return -1;
+  if (CloseOrRemove(stream, temp) < 0 || SyncOrRemove(temp) < 0) return -1;
   if (std::rename(temp, target) == 0) return 0;
   syslog(LOG_ERR, "%s:%d Failed to rename '%s' to '%s', %s", kLogSource, line, temp, target,
          std::strerror(errno));

@@ -7,8 +7,8 @@ int ConfigGenerator::GenerateDmarcConfig() {
   std::ofstream opendmarcConf;
   OpenFromTemplate(opendmarcConf, temp, "/var/packages/Brindlecot/target/etc/template/opendmarc.template");
   opendmarcConf << "AuthservID " << GetString(smtp, "smtp_hostname") << EndLine;
-  if (!WrittenWhole(opendmarcConf, temp)) return -1;
+  if (CloseOrRemove(opendmarcConf, temp) < 0) return -1;
   // Not InstallFile: the file stays owner-only.
-  if (!OnDisk(temp)) return -1;
+  if (SyncOrRemove(temp) < 0) return -1;
   return std::rename(temp, "/var/packages/Brindlecot/target/etc/opendmarc.conf");
 }

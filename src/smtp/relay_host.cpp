@@ -24,7 +24,7 @@ int ConfigGenerator::WriteRelayHost() {
   saslPasswd << GetString(smtp, "smtp_relay_server") << ":" << GetInt(smtp, "smtp_relay_server_port") << " "
              << GetString(smtp, "smtp_relay_account") << ":" << GetString(smtp, "smtp_relay_password")
              << EndLine;
-  if (!WrittenWhole(saslPasswd, kSaslPasswd)) return -1;  // the old map stays in use
+  if (CloseOrRemove(saslPasswd, kSaslPasswd) < 0) return -1;  // the old map stays in use
 
   const int compiled = CompileMap(kPostmap, kSaslPasswd);
   (void)unlink(kSaslPasswd);  // now only the compiled map holds the password
