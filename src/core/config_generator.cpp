@@ -16,13 +16,6 @@ T Read(Config& settings, const char* key, const char* type) {
 
 }  // namespace
 
-ConfigGenerator::~ConfigGenerator() {
-  CloseStream(mainCf);
-  CloseStream(masterCf);
-  CloseStream(mailScannerConf);
-  CloseStream(dovecotMasterConf);
-}
-
 int ConfigGenerator::LoadAllSettings() {
   if (smtp.LoadSettings() < 0) return -1;
   if (scanner.LoadSettings() < 0) return -1;

@@ -107,19 +107,12 @@ int CompileMap(const char* program, const char* path);
 
 // ---- The generator --------------------------------------------------------------------------------
 
-/// A run has one of these. It holds the administrator's settings and the streams that several operations
+/// A run has one of these. It owns the administrator's settings and the streams that several operations
 /// write to, and has an operation for each generated file.
 class ConfigGenerator {
  public:
-  ConfigGenerator() = default;
-  ConfigGenerator(const ConfigGenerator&) = delete;
-  ConfigGenerator& operator=(const ConfigGenerator&) = delete;
-
-  /// Closes the streams before the settings objects are destroyed.
-  ~ConfigGenerator();
-
   /// Loads the SMTP, scanner and IMAP/POP3 settings in this order and stops at the first failure. 0, or -1;
-  /// the settings library logs why. The other operations need it to have succeeded.
+  /// the settings library logs why. The other operations are for a generator whose settings are loaded.
   int LoadAllSettings();
 
   // smtp/
@@ -128,15 +121,15 @@ class ConfigGenerator {
   int GenerateMainCf();
   /// The relay host's lines of main.cf, and its compiled password map. -1 when postmap failed.
   int WriteRelayHost();
-  /// The milter lines of main.cf, and the files of each milter that is switched on. Always 0.
+  /// The milter lines of main.cf, and the files of each milter that is switched on.
   int WriteMilters();
   /// OpenDKIM's configuration and its three tables, owner-only. Stops with -1 when one cannot be installed.
   int GenerateDkimConfig();
   /// OpenDMARC's configuration, owner-only. -1 when it cannot be installed.
   int GenerateDmarcConfig();
-  /// The alias_maps line of main.cf, and the directory's map for the account source. Always 0.
+  /// The alias_maps line of main.cf, and the directory's map for the account source.
   int WriteAliasMaps();
-  /// The restriction lines of main.cf. Always 0.
+  /// The restriction lines of main.cf.
   int WriteSenderRestrictions();
   int WriteRecipientRestrictions();
   int WriteHeloRestrictions();
@@ -158,7 +151,7 @@ class ConfigGenerator {
 
   /// local.cf, then MailScanner.conf. Returns the result of installing MailScanner.conf.
   int GenerateMailScannerConfig();
-  /// The message-content lines of MailScanner.conf. Always 0.
+  /// The message-content lines of MailScanner.conf.
   int WriteContentRules();
   /// SpamAssassin's local.cf. Returns the result of its installation.
   int GenerateSpamAssassinConfig();
@@ -182,6 +175,7 @@ class ConfigGenerator {
   static int ApplyCustomization(const char* generated, const char* customization);
 
  private:
+  // Destroyed in reverse order: a stream that is still open is closed before the settings are destroyed.
   Postfix smtp;
   MailScanner scanner;
   ImapPop3 imapPop3;
