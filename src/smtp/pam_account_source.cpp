@@ -4,19 +4,6 @@
 #include "core/config_generator.h"
 #include "platform/nubocore.h"
 
-namespace {
-
-// The JSON in one line with a newline at its end, as the helper reads its last argument.
-std::string ToLine(const Json::Value& value) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"  // the newer writers leave the newline out
-  Json::FastWriter writer;
-#pragma GCC diagnostic pop
-  return writer.write(value);
-}
-
-}  // namespace
-
 int ConfigGenerator::UpdatePamConfig() {
   const std::string accountType = GetString(smtp, "account_type");
   Json::Value ids(Json::objectValue);
@@ -31,7 +18,9 @@ int ConfigGenerator::UpdatePamConfig() {
     ids["id-list"].append("dovecot.local");
     ids["id-list"].append("smtp.local");
   }
-  const std::string json = ToLine(ids);
+  Json::StreamWriterBuilder oneLine;
+  oneLine["indentation"] = "";
+  const std::string json = Json::writeString(oneLine, ids) + '\n';  // the helper reads a whole line
   constexpr int kOptions = 187;  // the core library's flags for running a package helper
   if (ZELBCExecl("/usr/nubo/sbin/nubopkghelper", kOptions, "update", "Brindlecot", "pam-config", json.c_str(),
                  static_cast<char*>(nullptr)) != 0) {
