@@ -32,7 +32,7 @@ FAULTS = {
     '{"smtp_relay_password": "se\\tcret"}': ": smtp_relay_password: expected " + TEXT,
     '// all\n{"message_limit": -0} /* that */': "",
     **{f'{{"smtp_port": {number}}}': ": smtp_port: " + PORT for number in (
-        "25.0", "1e2", "1e400", "4294967321", "36893488147419103257", "01", "-")},
+        "25.0", "1e2", "4294967321", "36893488147419103257", "01", "-")},
     '{"x\\n\\u0000\x7f": 1}': ": x???: expected a known key", '{"Smtp_port": 25}': ": Smtp_port: expected a known key",
     '{"additional_domains": 1}': ": additional_domains: expected an array of strings",
     '{"dnsbl": 1}': ": dnsbl: expected an array of objects",

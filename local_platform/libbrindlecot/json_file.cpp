@@ -3,9 +3,7 @@
 #include <syslog.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <map>
 #include <memory>
 
@@ -26,34 +24,6 @@ Json::CharReader& Reader() {
     return builder.newCharReader();
   }());
   return *reader;
-}
-
-/// JsonCpp stops at a number that is too large for a double. Replaces such numbers by null, which is a fault
-/// for every key as well, and blanks. False when there are none.
-bool ReplaceLargeNumbers(std::string& json) {
-  bool replaced = false;
-  std::size_t end = 0;
-  for (std::size_t at = 0; at < json.size(); at = end) {
-    end = at + 1;
-    if (json[at] == '"') {
-      while (end < json.size() && json[end] != '"') {
-        end += json[end] == '\\' ? 2 : 1;
-      }
-      ++end;
-    } else if (json.compare(at, 2, "//") == 0) {
-      end = json.find_first_of("\r\n", at);
-    } else if (json.compare(at, 2, "/*") == 0) {
-      end = std::min(json.find("*/", at + 2), json.size() - 2) + 2;
-    } else if (json[at] == '-' || (json[at] >= '0' && json[at] <= '9')) {
-      end = std::min(json.find_first_not_of("0123456789+-.eE", at), json.size());
-      char* stop = nullptr;
-      if (std::isinf(std::strtod(&json[at], &stop)) && stop == &json[end]) {
-        json.replace(at, end - at, std::string("null").append(end - at - 4, ' '));
-        replaced = true;
-      }
-    }
-  }
-  return replaced;
 }
 
 }  // namespace
@@ -80,10 +50,7 @@ void JsonFile::Parse() {
   Json::Value root;
   std::string errors;
   try {
-    const auto parse = [&] {
-      return Reader().parse(content_.data(), content_.data() + content_.size(), &root, &errors);
-    };
-    if (!parse() && !(ReplaceLargeNumbers(content_) && parse())) {
+    if (!Reader().parse(content_.data(), content_.data() + content_.size(), &root, &errors)) {
       // The other errors follow from the first. Its text may quote a secret, so only its place is logged.
       int line = 1;
       int column = 1;
