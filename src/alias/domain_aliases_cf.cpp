@@ -37,7 +37,7 @@ bool GetDomainInfo(OwnedHash& domain, const char* user) {
     (void)ZELBCStrTrimSpace(kept, 0);
   }
   constexpr size_t kPrefixLength = 19;  // "distinguishedName:" and the blank after it
-  if (std::strstr(kept, "distinguishedName:") == nullptr || std::strlen(kept) <= kPrefixLength) {
+  if (std::strstr(kept, "distinguishedName:") == nullptr || std::strlen(kept) < kPrefixLength) {
     return false;
   }
   (void)ZELBCSzHashSetValue(&domain.handle, "bind_dn", kept + kPrefixLength);
