@@ -51,18 +51,36 @@ struct RemovedAtEnd {
   ~RemovedAtEnd() { unlink(path); }
 };
 
-/// Holds back the signals that end a run (INT, TERM, HUP, QUIT) while this object lives. For the time in
-/// which a file with a secret exists that must not stay.
-struct SignalsWait {
-  sigset_t before = {};
-
+/// Holds back the signals that end a run while this object lives: for the time in which a file with a secret
+/// exists that must not stay. A handler stores the signal, and the destructor raises it. Not a signal mask: a
+/// program that is started meanwhile would inherit that, and could never be ended.
+class SignalsWait {
+ public:
   SignalsWait() {
-    sigset_t ending;
-    sigemptyset(&ending);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&ending, signal);
-    sigprocmask(SIG_BLOCK, &ending, &before);
+    struct sigaction store = {};
+    store.sa_handler = [](int signal) { received_ = signal; };
+    store.sa_flags = SA_RESTART;
+    for (Ending& ending : endings_) {
+      sigaction(ending.signal, &store, &ending.before);
+      if (ending.before.sa_handler == SIG_IGN) sigaction(ending.signal, &ending.before, nullptr);
+    }
   }
   SignalsWait(const SignalsWait&) = delete;
   SignalsWait& operator=(const SignalsWait&) = delete;
-  ~SignalsWait() { sigprocmask(SIG_SETMASK, &before, nullptr); }
+  ~SignalsWait() {
+    for (const Ending& ending : endings_) sigaction(ending.signal, &ending.before, nullptr);
+    const int signal = received_;
+    received_ = 0;
+    if (signal != 0) raise(signal);
+  }
+
+ private:
+  struct Ending {
+    int signal;
+    struct sigaction before = {};
+  };
+
+  inline static volatile std::sig_atomic_t received_ = 0;
+
+  Ending endings_[4] = {{SIGINT}, {SIGTERM}, {SIGHUP}, {SIGQUIT}};
 };
