@@ -19,14 +19,14 @@ bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
-/// Removes the first word, and the blanks after it, from `text` and returns the word.
+// Removes the first word, and the blanks after it, from `text` and returns the word.
 std::string_view TakeWord(std::string_view& text) {
   const std::string_view word = text.substr(0, text.find_first_of(" \t\r"));
   text = Trim(text.substr(word.size()));
   return word;
 }
 
-/// True when `word` is one of the maps of nslcd.conf(5). A line `base MAP DN` is for that map only.
+// True when `word` is one of the maps of nslcd.conf(5). A line `base MAP DN` is for that map only.
 bool IsMapName(std::string_view word) {
   constexpr std::string_view kMaps[] = {"aliases", "ethers",    "group", "hosts",    "netgroup", "networks",
                                         "passwd",  "protocols", "rpc",   "services", "shadow"};
@@ -34,7 +34,7 @@ bool IsMapName(std::string_view word) {
                      [=](std::string_view map) { return EqualsIgnoringCase(word, map); });
 }
 
-/// The value of `key`: of its first line, and for `uri` only the first one there. Empty when it is missing.
+// The value of `key`: of its first line, and for `uri` only the first one there. Empty when it is missing.
 std::string_view FindValue(std::string_view content, std::string_view key) {
   while (!content.empty()) {
     std::string_view value = Trim(TakeLine(content));
@@ -47,7 +47,7 @@ std::string_view FindValue(std::string_view content, std::string_view key) {
   return {};
 }
 
-/// The first line of `content` without its line end (LF or CRLF). Blanks stay: they belong to the secret.
+// The first line of `content` without its line end (LF or CRLF). Blanks stay: they belong to the secret.
 std::string_view FirstLine(std::string_view content) {
   std::string_view line = TakeLine(content);
   if (!line.empty() && line.back() == '\n') {

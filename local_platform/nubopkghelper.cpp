@@ -1,6 +1,6 @@
-/// Stands in for the appliance's package helper. `nubopkghelper update Brindlecot pam-config JSON` stores the
-/// PAM configuration that the package asks for. The JSON (RFC 8259) is an object with one member, "id-list":
-/// the PAM ids of the IMAP/POP3 server and of the SMTP server.
+// Stands in for the appliance's package helper. `nubopkghelper update Brindlecot pam-config JSON` stores the
+// PAM configuration that the package asks for. The JSON (RFC 8259) is an object with one member, "id-list":
+// the PAM ids of the IMAP/POP3 server and of the SMTP server.
 #include <json/json.h>
 #include <sys/stat.h>
 
@@ -28,7 +28,7 @@ bool IsPamConfig(std::string_view text) try {
   return false;  // nested too deeply
 }
 
-/// 0, or -1 with a message.
+// 0, or -1 with a message.
 int Keep(std::string_view config) {
   for (const char* directory : {"/usr/nubo", "/usr/nubo/etc", "/usr/nubo/etc/pam-config"}) {
     if (mkdir(directory, 0755) != 0 && errno != EEXIST) {

@@ -45,7 +45,7 @@ ReadResult Read(const char* path, std::string& content, bool secret) {
   char block[8192];
   ssize_t got = 0;
   while ((got = read(file, block, sizeof block)) > 0 || (got < 0 && errno == EINTR)) {
-    content.append(block, got > 0 ? static_cast<std::size_t>(got) : 0);
+    content.append(block, got > 0 ? static_cast<size_t>(got) : 0);
     if (content.size() > kMostBytes) {
       errno = EFBIG;
       got = -1;
@@ -70,7 +70,7 @@ bool WriteAll(int file, std::string_view content) {
   while (!content.empty()) {
     const ssize_t written = write(file, content.data(), content.size());
     if (written > 0) {
-      content.remove_prefix(static_cast<std::size_t>(written));
+      content.remove_prefix(static_cast<size_t>(written));
     } else if (written == 0 || errno != EINTR) {
       return false;
     }

@@ -10,7 +10,7 @@
 
 /// The most that is read from a file or a program: 8 MB, a hundred times a large settings file. More would
 /// take long, or all of the machine's memory.
-inline constexpr std::size_t kMostBytes = 8 << 20;
+inline constexpr size_t kMostBytes = 8 << 20;
 
 /// How reading a file went.
 enum class ReadResult { kOk, kMissing, kFailed };

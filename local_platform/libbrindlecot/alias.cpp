@@ -1,8 +1,8 @@
-/// The alias table: an object of alias names, each with its recipients:
-///
-///     {"postmaster": ["root"], "sales": ["alice", "bob@example.com"]}
-///
-/// It is exported in the format of aliases(5).
+// The alias table: an object of alias names, each with its recipients:
+//
+//     {"postmaster": ["root"], "sales": ["alice", "bob@example.com"]}
+//
+// It is exported in the format of aliases(5).
 #include <map>
 #include <vector>
 
@@ -12,7 +12,7 @@
 
 namespace {
 
-/// `text`, in double quotes when it has one of the characters `specials`.
+// `text`, in double quotes when it has one of the characters `specials`.
 std::string Quoted(const std::string& text, const char* specials) {
   if (text.find_first_of(specials) == std::string::npos) return text;
   std::string quoted = "\"";
@@ -28,7 +28,7 @@ std::string Quoted(const std::string& text, const char* specials) {
 }  // namespace
 
 struct Alias::Data {
-  std::map<std::string, std::vector<std::string>> recipients;  ///< by alias name
+  std::map<std::string, std::vector<std::string>> recipients;  // by alias name
 };
 
 Alias::Alias() : data_(std::make_unique<Data>()) {}

@@ -1,17 +1,17 @@
-/// The attachment filter: extensions that no attachment's name may end in,
-///
-///     {"deny_extensions": ["exe", "tar.gz"]}
-///
-/// written as MailScanner's filename rules. A rule is one line of four fields with a tab between them:
-/// action, Perl regular expression, text for the log and text for the recipient ("-" is none). The first
-/// rule that matches decides.
+// The attachment filter: extensions that no attachment's name may end in,
+//
+//     {"deny_extensions": ["exe", "tar.gz"]}
+//
+// written as MailScanner's filename rules. A rule is one line of four fields with a tab between them:
+// action, Perl regular expression, text for the log and text for the recipient ("-" is none). The first
+// rule that matches decides.
 #include "common/files.h"
 #include "libbrindlecot/json_file.h"
 #include "platform/brindlecot.h"
 
 namespace {
 
-/// The regular expression that matches `text` and nothing else.
+// The regular expression that matches `text` and nothing else.
 std::string Literal(const std::string& text) {
   std::string literal;
   for (const char c : text) {

@@ -13,7 +13,7 @@
 
 namespace {
 
-/// The reader of all files, since making one takes long.
+// The reader of all files, since making one takes long.
 Json::CharReader& Reader() {
   static const std::unique_ptr<Json::CharReader> reader([] {
     Json::CharReaderBuilder builder;
@@ -116,8 +116,8 @@ bool JsonFile::Bool(std::string_view key, const Json::Value& value) {
 
 // JsonCpp also accepts "-" and "01", which are not JSON.
 bool JsonFile::IsPlain(const Json::Value& integer) const {
-  const auto start = static_cast<std::size_t>(integer.getOffsetStart());
-  const std::string text = content_.substr(start, static_cast<std::size_t>(integer.getOffsetLimit()) - start);
+  const auto start = static_cast<size_t>(integer.getOffsetStart());
+  const std::string text = content_.substr(start, static_cast<size_t>(integer.getOffsetLimit()) - start);
   return text == "-0" || text == std::to_string(integer.asInt());
 }
 
@@ -131,7 +131,7 @@ int JsonFile::Integer(std::string_view key, const Json::Value& value, int lowest
   return value.asInt();
 }
 
-std::string JsonFile::Text(std::string_view key, const Json::Value& value, std::size_t shortest,
+std::string JsonFile::Text(std::string_view key, const Json::Value& value, size_t shortest,
                            const std::string& item) {
   std::string text = value.isString() ? value.asString() : "";
   if (!value.isString() || text.size() < shortest || !IsText(text)) {
@@ -141,8 +141,7 @@ std::string JsonFile::Text(std::string_view key, const Json::Value& value, std::
   return text;
 }
 
-std::vector<std::string> JsonFile::Texts(std::string_view key, const Json::Value& value,
-                                         std::size_t shortest) {
+std::vector<std::string> JsonFile::Texts(std::string_view key, const Json::Value& value, size_t shortest) {
   std::vector<std::string> texts;
   if (!value.isArray()) {
     Expected(key, "an array of strings");

@@ -49,11 +49,11 @@ class JsonFile {
 
   /// A string of at least `shortest` bytes, 0 or 1. `item` (such as "item 2 to be ") stands in the fault of a
   /// list's item.
-  std::string Text(std::string_view key, const Json::Value& value, std::size_t shortest = 0,
+  std::string Text(std::string_view key, const Json::Value& value, size_t shortest = 0,
                    const std::string& item = "");
 
   /// An array of such strings.
-  std::vector<std::string> Texts(std::string_view key, const Json::Value& value, std::size_t shortest = 0);
+  std::vector<std::string> Texts(std::string_view key, const Json::Value& value, size_t shortest = 0);
 
  private:
   void Parse();

@@ -10,9 +10,9 @@
 
 namespace {
 
-/// The `name=value` line of a `Name: value` line; empty when it has no name or no value.
+// The `name=value` line of a `Name: value` line; empty when it has no name or no value.
 std::string Pair(std::string_view line) {
-  const std::size_t colon = line.find(':');
+  const size_t colon = line.find(':');
   if (colon == std::string_view::npos) return "";
   std::string name(Trim(line.substr(0, colon)));
   const std::string value(Trim(line.substr(colon + 1)));
@@ -20,7 +20,7 @@ std::string Pair(std::string_view line) {
   return name.empty() || value.empty() ? "" : name + '=' + value + '\n';
 }
 
-/// Reads `stream` to its end. False, with errno set, on a read error.
+// Reads `stream` to its end. False, with errno set, on a read error.
 bool ReadStream(FILE* stream, std::string& text) {
   char block[4096];
   do {

@@ -1,8 +1,8 @@
-/// The sender quotas: an object of sender addresses, each with the number of messages allowed,
-///
-///     {"alice@example.com": 100}
-///
-/// written as the `address limit` lines of a postmap(1) table.
+// The sender quotas: an object of sender addresses, each with the number of messages allowed,
+//
+//     {"alice@example.com": 100}
+//
+// written as the `address limit` lines of a postmap(1) table.
 #include <climits>
 
 #include "common/files.h"

@@ -1,7 +1,7 @@
-/// The three settings groups. Each file is an object of keys and values, all optional:
-///
-///     {"smtp_hostname": "mail.example.com", "smtp_port": 25, "additional_domains": ["example.org"],
-///      "dnsbl": [{"zone": "zen.example.net", "kind": "RBL"}]}
+// The three settings groups. Each file is an object of keys and values, all optional:
+//
+//     {"smtp_hostname": "mail.example.com", "smtp_port": 25, "additional_domains": ["example.org"],
+//      "dnsbl": [{"zone": "zen.example.net", "kind": "RBL"}]}
 #include <map>
 
 #include "libbrindlecot/json_file.h"
@@ -13,7 +13,7 @@ namespace {
 using Values = std::map<std::string, boost::any>;
 using PairList = std::list<std::pair<std::string, std::string>>;
 
-/// The value that the file has for `setting`, checked.
+// The value that the file has for `setting`, checked.
 boost::any Given(JsonFile& file, const SettingKey& setting, const Json::Value& value) {
   if (std::holds_alternative<bool>(setting.defaultValue)) return Value<bool>{file.Bool(setting.key, value)};
   if (std::holds_alternative<int>(setting.defaultValue)) {
@@ -22,8 +22,8 @@ boost::any Given(JsonFile& file, const SettingKey& setting, const Json::Value& v
   return Value<std::string>{file.Text(setting.key, value)};
 }
 
-/// Replaces `values` by those of the file, and by defaults for missing keys. -1 when the file has a fault;
-/// `values` are then unchanged.
+// Replaces `values` by those of the file, and by defaults for missing keys. -1 when the file has a fault;
+// `values` are then unchanged.
 int LoadValues(JsonFile& file, std::initializer_list<SettingKey> keys, Values& values) {
   Values loaded;
   for (const SettingKey& setting : keys) {
@@ -68,7 +68,7 @@ PairList TakeBlocklists(JsonFile& file) {
 
 struct Config::Data {
   Values values;
-  std::list<std::string> domains;  ///< of Postfix alone, like the blocklists
+  std::list<std::string> domains;  // of Postfix alone, like the blocklists
   PairList blocklists;
 };
 

@@ -9,7 +9,7 @@ namespace {
 
 using Utf8 = boost::locale::utf::utf_traits<char>;
 
-/// `character` in the one case that it is compared in.
+// `character` in the one case that it is compared in.
 char32_t Folded(char32_t character) {
   if (character < 0x80) return character >= U'A' && character <= U'Z' ? character - U'A' + U'a' : character;
   static const locale_t unicode = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);

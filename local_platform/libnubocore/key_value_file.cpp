@@ -18,13 +18,13 @@
 namespace {
 
 enum class LineKind {
-  kSkipped,       ///< empty, or a comment
-  kContinuation,  ///< of the value above it
+  kSkipped,       // empty, or a comment
+  kContinuation,  // of the value above it
   kPair,
-  kOther  ///< starts in the first column and is no pair
+  kOther  // starts in the first column and is no pair
 };
 
-/// One line of a key/value file; `key` is set for a pair, `value` for a pair and a continuation.
+// One line of a key/value file; `key` is set for a pair, `value` for a pair and a continuation.
 struct Line {
   LineKind kind;
   std::string_view key;
@@ -35,13 +35,13 @@ Line ReadLine(std::string_view line) {
   const std::string_view text = Trim(line);
   if (text.empty() || text.front() == '#') return {LineKind::kSkipped, {}, {}};
   if (line.front() == ' ' || line.front() == '\t') return {LineKind::kContinuation, {}, text};
-  const std::size_t equals = text.find('=');
+  const size_t equals = text.find('=');
   const std::string_view key = Trim(text.substr(0, equals));
   if (equals == std::string_view::npos || key.empty()) return {LineKind::kOther, {}, {}};
   return {LineKind::kPair, key, Trim(text.substr(equals + 1))};
 }
 
-/// What was expected in the place of `line`; null when the line is right.
+// What was expected in the place of `line`; null when the line is right.
 const char* Expected(const Line& line, bool first) {
   if (line.kind == LineKind::kOther) return "a pair, key = value";
   if (line.kind == LineKind::kContinuation && first) return "a pair before its continuation";
@@ -50,7 +50,7 @@ const char* Expected(const Line& line, bool first) {
   return binary ? "text without NUL bytes" : nullptr;
 }
 
-/// Reads a file that has to exist.
+// Reads a file that has to exist.
 bool ReadExisting(const char* path, std::string& content) {
   const ReadResult result = ReadFile(path, content);
   if (result == ReadResult::kMissing) {
@@ -61,17 +61,17 @@ bool ReadExisting(const char* path, std::string& content) {
 
 std::string Formatted(const char* format, const ZELBCSzHash::Entry& entry) {
   const int length = std::snprintf(nullptr, 0, format, entry.key.c_str(), entry.value.c_str());
-  std::string line(static_cast<std::size_t>(length), '\0');
+  std::string line(static_cast<size_t>(length), '\0');
   std::snprintf(line.data(), line.size() + 1, format, entry.key.c_str(), entry.value.c_str());
   return line;
 }
 
-/// The number of the last line in `content` that sets an entry, by entry.
-using LineNumbers = std::unordered_map<const ZELBCSzHash::Entry*, std::size_t>;
+// The number of the last line in `content` that sets an entry, by entry.
+using LineNumbers = std::unordered_map<const ZELBCSzHash::Entry*, size_t>;
 
 LineNumbers LastLines(std::string_view content, const ZELBCSzHash& hash) {
   LineNumbers last;
-  for (std::size_t number = 0; !content.empty(); ++number) {
+  for (size_t number = 0; !content.empty(); ++number) {
     const Line line = ReadLine(TakeLine(content));
     if (line.kind == LineKind::kPair) {
       if (const ZELBCSzHash::Entry* entry = hash.Find(line.key)) {
@@ -82,7 +82,7 @@ LineNumbers LastLines(std::string_view content, const ZELBCSzHash& hash) {
   return last;
 }
 
-/// `content` with every key of `hash` set to its value.
+// `content` with every key of `hash` set to its value.
 std::string WithKeys(std::string_view content, const ZELBCSzHash& hash, const char* format) {
   const LineNumbers last = LastLines(content, hash);
   std::string changed;
@@ -90,7 +90,7 @@ std::string WithKeys(std::string_view content, const ZELBCSzHash& hash, const ch
   // one that is no pair: indented lines in a block (`namespace inbox {`) do not continue a pair above the
   // block.
   const ZELBCSzHash::Entry* entry = nullptr;
-  for (std::size_t number = 0; !content.empty(); ++number) {
+  for (size_t number = 0; !content.empty(); ++number) {
     const std::string_view text = TakeLine(content);
     const Line line = ReadLine(text);
     if (line.kind == LineKind::kPair || line.kind == LineKind::kOther) {
@@ -118,7 +118,7 @@ std::string WithKeys(std::string_view content, const ZELBCSzHash& hash, const ch
 bool ParsePairs(const char* path, std::string_view content, ZELBCSzHash& hash) {
   std::string key;
   std::string value;
-  for (std::size_t number = 1; !content.empty(); ++number) {
+  for (size_t number = 1; !content.empty(); ++number) {
     const Line line = ReadLine(TakeLine(content));
     if (const char* expected = Expected(line, key.empty())) {
       syslog(LOG_ERR, "%s:%zu: expected %s", path, number, expected);

@@ -28,7 +28,7 @@ constexpr std::chrono::minutes kMostTime(5);
 constexpr const char* kTimeLimit = "killed after 5 minutes";
 constexpr const char* kOutputLimit = "killed after 8 MB of output";
 
-/// Adds what the child does with its descriptors. 0, or an error number.
+// Adds what the child does with its descriptors. 0, or an error number.
 int SetDescriptors(posix_spawn_file_actions_t& actions, int output) {
   // If the child started with descriptor 2 closed, the next file that it opens would have this number, and
   // its error messages would go into that file.
@@ -45,8 +45,8 @@ int SetDescriptors(posix_spawn_file_actions_t& actions, int output) {
   });
 }
 
-/// The child gets all signals unblocked with their default actions, and a process group of its own, so that
-/// it can be killed together with all that it starts. 0, or an error number.
+// The child gets all signals unblocked with their default actions, and a process group of its own, so that
+// it can be killed together with all that it starts. 0, or an error number.
 int SetSignals(posix_spawnattr_t& attributes) {
   sigset_t none;
   sigset_t all;
@@ -61,8 +61,8 @@ int SetSignals(posix_spawnattr_t& attributes) {
   });
 }
 
-/// Starts the program `arguments[0]`. Its output goes to the descriptor `output`, or to /dev/null when that
-/// is negative. 0 with the process in `program`, or an error number.
+// Starts the program `arguments[0]`. Its output goes to the descriptor `output`, or to /dev/null when that
+// is negative. 0 with the process in `program`, or an error number.
 int Start(std::vector<const char*> arguments, int output, pid_t& program) {
   arguments.push_back(nullptr);
   posix_spawn_file_actions_t actions;
@@ -85,7 +85,7 @@ int Start(std::vector<const char*> arguments, int output, pid_t& program) {
 
 std::string Because(const char* what, int error) { return std::string(what) + ": " + std::strerror(error); }
 
-/// Waits until `file` has something to read or is at its end. False when that takes too long.
+// Waits until `file` has something to read or is at its end. False when that takes too long.
 bool IsReadable(int file, Clock::time_point end) {
   pollfd waiting = {file, POLLIN, 0};
   int ready = -1;
@@ -96,7 +96,7 @@ bool IsReadable(int file, Clock::time_point end) {
   return ready != 0;
 }
 
-/// Reads `file` to its end. Returns an empty text, or why it failed.
+// Reads `file` to its end. Returns an empty text, or why it failed.
 std::string ReadAll(int file, Clock::time_point end, std::string& text) {
   char block[8192];
   while (text.size() <= kMostBytes) {
@@ -104,13 +104,13 @@ std::string ReadAll(int file, Clock::time_point end, std::string& text) {
     const ssize_t got = read(file, block, sizeof block);
     if (got == 0) return "";
     if (got < 0 && errno != EINTR) return Because("killed after its output could not be read", errno);
-    text.append(block, got > 0 ? static_cast<std::size_t>(got) : 0);
+    text.append(block, got > 0 ? static_cast<size_t>(got) : 0);
   }
   return kOutputLimit;
 }
 
-/// Waits until `program` has ended. False when that takes too long; where the kernel cannot wait for a
-/// limited time (before Linux 5.3), true at once.
+// Waits until `program` has ended. False when that takes too long; where the kernel cannot wait for a
+// limited time (before Linux 5.3), true at once.
 bool HasEnded(pid_t program, Clock::time_point end) {
   const auto file = static_cast<int>(syscall(SYS_pidfd_open, program, 0));
   const bool ended = file < 0 || IsReadable(file, end);
@@ -120,8 +120,8 @@ bool HasEnded(pid_t program, Clock::time_point end) {
   return ended;
 }
 
-/// Reads the output of a started program, unless `output` is null, and waits for the program. Returns an
-/// empty text, with the program's `status`, when it ended by itself; otherwise why it did not.
+// Reads the output of a started program, unless `output` is null, and waits for the program. Returns an
+// empty text, with the program's `status`, when it ended by itself; otherwise why it did not.
 std::string Finish(pid_t program, int file, std::string* output, int& status) {
   const Clock::time_point end = Clock::now() + kMostTime;
   std::string failure = output != nullptr ? ReadAll(file, end, *output) : "";
@@ -137,8 +137,8 @@ std::string Finish(pid_t program, int file, std::string* output, int& status) {
   return failure;
 }
 
-/// Runs a program to its end and puts its output into `output`, unless that is null. Returns an empty text,
-/// with the program's `status`, or why there is no status.
+// Runs a program to its end and puts its output into `output`, unless that is null. Returns an empty text,
+// with the program's `status`, or why there is no status.
 std::string Execute(const std::vector<const char*>& arguments, std::string* output, int& status) {
   int ends[2] = {-1, -1};
   if (output != nullptr && pipe2(ends, O_CLOEXEC) != 0) return Because("could not be run", errno);
@@ -161,7 +161,7 @@ std::string Execute(const std::vector<const char*>& arguments, std::string* outp
   return failure;
 }
 
-/// RunProgram, with a failure logged. 0, or -1.
+// RunProgram, with a failure logged. 0, or -1.
 int Run(const std::vector<const char*>& arguments) {
   const std::string failure = RunProgram(arguments);
   if (failure.empty()) return 0;
@@ -169,7 +169,7 @@ int Run(const std::vector<const char*>& arguments) {
   return -1;
 }
 
-/// Opens a stream from which `text` can be read. Null, with the reason in errno, on failure.
+// Opens a stream from which `text` can be read. Null, with the reason in errno, on failure.
 FILE* OpenStreamOn(const std::string& text) {
   FILE* stream = fmemopen(nullptr, text.size() + 1, "w+");
   if (stream != nullptr) {

@@ -12,16 +12,16 @@
 
 namespace {
 
-/// The list as the library makes it. A domain may have a million users: their names are stored one after the
-/// other, and freed together.
+// The list as the library makes it. A domain may have a million users: their names are stored one after the
+// other, and freed together.
 struct List : ZELBCSzList {
   std::pmr::monotonic_buffer_resource texts;
 };
 
-/// Grows `list` to `capacity` items.
+// Grows `list` to `capacity` items.
 bool Grow(ZELBCSzList& list, int capacity) {
   auto* items = static_cast<char**>(
-      reallocarray(static_cast<void*>(list.items), static_cast<std::size_t>(capacity), sizeof(char*)));
+      reallocarray(static_cast<void*>(list.items), static_cast<size_t>(capacity), sizeof(char*)));
   if (items == nullptr) return false;
   list.items = items;
   list.capacity = capacity;
@@ -47,7 +47,7 @@ void ZELBCSzHash::Set(std::string_view key, std::string_view value) {
 ZELBCSzHash* ZELBCSzHashAlloc(int capacity) {
   try {
     auto hash = std::make_unique<ZELBCSzHash>();
-    hash->byKey.reserve(static_cast<std::size_t>(std::max(capacity, 0)));
+    hash->byKey.reserve(static_cast<size_t>(std::max(capacity, 0)));
     return hash.release();
   } catch (const std::bad_alloc&) {
     return nullptr;
@@ -79,7 +79,7 @@ bool AppendToList(ZELBCSzList& list, const char* text) try {
   if (list.count == list.capacity && (list.capacity > INT_MAX / 2 || !Grow(list, list.capacity * 2))) {
     return false;
   }
-  const std::size_t size = std::strlen(text) + 1;
+  const size_t size = std::strlen(text) + 1;
   list.items[list.count] = static_cast<char*>(static_cast<List&>(list).texts.allocate(size, 1));
   std::memcpy(list.items[list.count++], text, size);
   return true;
@@ -100,7 +100,7 @@ char* ZELBCStrTrimSpace(char* text, int /*flags*/) {
   while (isSpace(*first)) {
     ++first;
   }
-  std::size_t length = std::strlen(first);
+  size_t length = std::strlen(first);
   while (length > 0 && isSpace(first[length - 1])) {
     --length;
   }

@@ -16,16 +16,16 @@ namespace {
 
 constexpr int kWindowsDomain = 2;
 
-/// True when `error`, the error number after the last user, means that users are missing. Some of the
-/// database's sources set one at a normal end too (ENOENT, ECONNREFUSED, ...). So a number that getpwent(3)
-/// does not document counts only when there was no user at all.
+// True when `error`, the error number after the last user, means that users are missing. Some of the
+// database's sources set one at a normal end too (ENOENT, ECONNREFUSED, ...). So a number that getpwent(3)
+// does not document counts only when there was no user at all.
 bool IsReadError(int error, bool anyUser) {
   constexpr int kErrors[] = {EAGAIN, EINTR, EIO, EMFILE, ENFILE, ENOMEM, ERANGE};
   const bool documented = std::find(std::begin(kErrors), std::end(kErrors), error) != std::end(kErrors);
   return documented || (error != 0 && !anyUser);
 }
 
-/// Appends the users whose names begin with `prefix`. 0, or an error number.
+// Appends the users whose names begin with `prefix`. 0, or an error number.
 int AppendUsers(ZELBCSzList& list, const std::string& prefix) {
   const int first = list.count;
   bool anyUser = false;

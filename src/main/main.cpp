@@ -1,4 +1,4 @@
-/// nubo_set_config: regenerates the group of configuration files that its one argument names.
+// nubo_set_config: regenerates the group of configuration files that its one argument names.
 
 #include <fcntl.h>
 #include <unistd.h>
