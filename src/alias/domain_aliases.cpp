@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "core/config_generator.h"
-#include "core/owned.h"
+#include "core/guards.h"
 #include "core/paths.h"
 
 namespace {
@@ -21,7 +21,7 @@ int ConfigGenerator::GenerateDomainAliases() {
   if (GetString(smtp, "account_type") != "win") return 0;
 
   char temp[] = "/var/packages/Brindlecot/target/etc/domain-aliasesXXXXXX";
-  const RemovedAtEnd removed(temp);
+  const FileRemover remover(temp);
   if (MakeTempFileOrLog(temp) < 0) return -1;
 
   constexpr int kDomainUsers = 2;  // the core library's number for users of a Windows domain
@@ -42,7 +42,7 @@ int ConfigGenerator::GenerateDomainAliases() {
   for (int i = 0; i < users.handle->count; ++i) {
     const char* name = users.handle->items[i];
     const char* backslash = std::strchr(name, '\\');
-    // Without a user's name the line would continue the one above, and a line feed would begin another alias.
+    // A line without a user's name would continue the line above; a line feed would begin another alias.
     if (backslash == nullptr || backslash[1] == '\0' || HasControls(name)) continue;
     const char* user = backslash + 1;
     line.assign(user).append(" : ").append(name, backslash).append("\\\\").append(user);
@@ -51,7 +51,7 @@ int ConfigGenerator::GenerateDomainAliases() {
   if (CloseOrRemove(domainAliases, temp) < 0) return -1;
 
   if (InstallFile(temp, "/var/packages/Brindlecot/target/etc/domain-aliases") < 0) {
-    unlink(temp);  // gone before the old table is compiled
+    unlink(temp);  // before the old table is compiled
   }
   return CompileMap(kPostalias, "/var/packages/Brindlecot/target/etc/domain-aliases") < 0 ? -1 : 0;
 }

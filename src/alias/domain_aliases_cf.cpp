@@ -2,7 +2,7 @@
 #include <optional>
 
 #include "core/config_generator.h"
-#include "core/owned.h"
+#include "core/guards.h"
 #include "platform/nubowins.h"
 
 namespace {
@@ -11,13 +11,13 @@ constexpr const char* kNet = "/usr/bin/net";
 constexpr int kLineSize = 512;
 
 // Adds the domain's server, port and search base to `domain`, under the names that `net ads info` prints, and
-// the distinguished name of `user` as "bind_dn". The scratch file is declared after the programs, so that it
-// is removed before they are waited for: destructors run in reverse.
+// the distinguished name of `user` as "bind_dn". The scratch file's remover is declared after the programs'
+// outputs, so that the file is removed before the programs are waited for.
 bool GetDomainInfo(OwnedHash& domain, const char* user) {
   OwnedOutput info;
   OwnedOutput search;
   char scratch[] = "/tmp/ad_infoXXXXXX";
-  const RemovedAtEnd removed(scratch);
+  const FileRemover remover(scratch);
   if (MakeTempFileOrLog(scratch) < 0) return false;
   info.handle = ZELBCPopen(kNet, "r", "ads", "info", static_cast<char*>(nullptr));
   if (info.handle == nullptr) return false;
@@ -29,18 +29,18 @@ bool GetDomainInfo(OwnedHash& domain, const char* user) {
   search.handle = ZELBCPopen(kNet, "r", "ads", "search", filter.c_str(), "-P", static_cast<char*>(nullptr));
   if (search.handle == nullptr) return false;
   char line[kLineSize] = {};
-  char kept[kLineSize] = {};
+  char nameLine[kLineSize] = {};
   while (std::fgets(line, sizeof line, search.handle) != nullptr) {
     if (std::strstr(line, "distinguishedName") == nullptr) continue;
-    // The word may also stand in other attributes. The last line with it is the name's.
-    std::memcpy(kept, line, sizeof kept);
-    (void)ZELBCStrTrimSpace(kept, 0);
+    // Other attributes may contain the word too. The name is on the last line with it.
+    std::memcpy(nameLine, line, sizeof nameLine);
+    (void)ZELBCStrTrimSpace(nameLine, 0);
   }
   constexpr size_t kPrefixLength = 19;  // "distinguishedName:" and the blank after it
-  if (std::strstr(kept, "distinguishedName:") == nullptr || std::strlen(kept) < kPrefixLength) {
+  if (std::strstr(nameLine, "distinguishedName:") == nullptr || std::strlen(nameLine) < kPrefixLength) {
     return false;
   }
-  (void)ZELBCSzHashSetValue(&domain.handle, "bind_dn", kept + kPrefixLength);
+  (void)ZELBCSzHashSetValue(&domain.handle, "bind_dn", nameLine + kPrefixLength);
   return true;
 }
 
@@ -52,8 +52,8 @@ int ConfigGenerator::GenerateDomainLdapAliasMap() {
   char password[1024] = {};
 
   char temp[] = "/var/packages/Brindlecot/target/etc/domain-aliases.cfXXXXXX";
-  std::optional<SignalsWait> signalsWait;  // begins with the password, when no program runs any more
-  const RemovedAtEnd removed(temp);
+  std::optional<DelayedSignals> delayedSignals;  // from the password on; until then net(8) can be interrupted
+  const FileRemover remover(temp);
   OwnedHash domain;
   if (MakeTempFileOrLog(temp) < 0) return -1;
   std::ofstream domainAliases;
@@ -79,7 +79,7 @@ int ConfigGenerator::GenerateDomainLdapAliasMap() {
     if (value == nullptr) return -1;
     domainAliases << line.parameter << value << EndLine;
   }
-  signalsWait.emplace();
+  delayedSignals.emplace();
   domainAliases << "bind_pw=" << password << EndLine;
   if (CloseOrRemove(domainAliases, temp) < 0) return -1;
 

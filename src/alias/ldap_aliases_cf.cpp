@@ -3,7 +3,7 @@
 #include <string_view>
 
 #include "core/config_generator.h"
-#include "core/owned.h"
+#include "core/guards.h"
 #include "platform/nubosdk.h"
 
 namespace {
@@ -16,7 +16,7 @@ bool GetNslcdOption(const char* key, char (&value)[kValueSize], int line) {
   return false;
 }
 
-// The text after "scheme://", with port and path. It may be empty. False when there is no scheme.
+// Finds the text after "scheme://", with port and path; it may be empty. False when there is no scheme.
 bool FindHostPart(std::string_view uri, std::string_view& host) {
   const size_t scheme = uri.find_first_not_of('/');
   if (scheme == std::string_view::npos) return false;
@@ -34,9 +34,9 @@ int ConfigGenerator::GenerateLdapAliasMap() {
   char bindDn[kValueSize] = {};
   char secret[kValueSize] = {};
 
-  const SignalsWait signalsWait;
+  const DelayedSignals delayedSignals;
   char temp[] = "/var/packages/Brindlecot/target/etc/ldap-aliases.cfXXXXXX";
-  const RemovedAtEnd removed(temp);
+  const FileRemover remover(temp);
   if (MakeTempFileOrLog(temp) < 0) return -1;
   std::ofstream ldapAliases;
   if (OpenOrLog(ldapAliases, temp) < 0) return -1;

@@ -29,19 +29,19 @@ constexpr Command kCommands[] = {
     {"sender_quota_map", [](ConfigGenerator&) { return SenderQuota::GenerateConfig(); }},
 };
 
-int Usage() {
+int PrintUsage() {
   std::cout << "nubo_set_config {smtp|dovecot|mailscanner|alias|domain_alias|sender_quota_map}" << std::endl;
   return -1;
 }
 
 int Run(int argc, const char* const argv[]) {
   ConfigGenerator generator;
-  if (argc != 2) return Usage();
+  if (argc != 2) return PrintUsage();
   if (generator.LoadAllSettings() < 0) return -1;
   for (const Command& command : kCommands) {
     if (argv[1] == command.word) return command.run(generator);
   }
-  return Usage();
+  return PrintUsage();
 }
 
 }  // namespace

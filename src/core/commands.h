@@ -4,8 +4,9 @@
 #include <string>
 #include <vector>
 
-/// All words, in the order in which a full run takes them.
+/// All command words, in the order in which to run them after a change of the settings.
 std::vector<std::string> CommandWords();
 
-/// Runs the command line and returns the exit status. Prints the usage when the command line is wrong.
+/// Runs a command line of nubo_set_config and returns the exit status. Prints the usage line when the command
+/// line is wrong.
 int RunCommand(int argc, const char* const argv[]);

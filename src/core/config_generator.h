@@ -15,7 +15,7 @@
 /// and the run goes on with the next file. When a template is missing, the file is made without the
 /// template's part. When a temporary file cannot be opened, its lines are lost; the files of src/alias are
 /// not installed then, and one line is logged. When chmod or rename fails, the temporary file stays, except
-/// those of ldap-aliases.cf, domain-aliases.cf and domain-aliases (RemovedAtEnd).
+/// those of ldap-aliases.cf, domain-aliases.cf and domain-aliases (FileRemover).
 ///
 /// Operations return 0 for success and a negative value for failure. Generate... writes and installs a file.
 /// Write... appends lines to a stream that its caller holds open; except for WriteRelayHost the result is 0.
@@ -27,14 +27,14 @@
 
 #include "platform/brindlecot.h"
 
-/// Every log line of this program begins with this name and a number, as "%s:%d". The two identify the
-/// message to those who watch the log. So a number never changes, even when its code moves to another line.
+/// Every log line of this program begins with this name and a number, as "%s:%d". Programs that watch the log
+/// know a message by the two. So a number never changes, even when its code moves to another line.
 inline constexpr const char* kLogSource = "config_generator";
 
 // ---- Typed settings reads -------------------------------------------------------------------------
 
-/// The value of `key`. There is no conversion: when the settings hold another type or no value, one line with
-/// the key and the type is logged, and boost::bad_any_cast is thrown.
+/// The value of `key`, without conversion: when the settings have no value or one of another type, logs a
+/// line with the key and the expected type, and throws boost::bad_any_cast.
 bool GetBool(Config& settings, const char* key);
 int GetInt(Config& settings, const char* key);
 std::string GetString(Config& settings, const char* key);
@@ -53,16 +53,17 @@ const char* YesNo(bool value);
 /// (mkstemp(3)). 0, or -1. Logs nothing.
 int MakeTempFile(char* path);
 
-/// The result of a copy that stopped half-way. The destination then holds a part.
-inline constexpr int kNotWhole = -2;
+/// The result of a copy that stopped half-way. The destination holds a part of the source.
+inline constexpr int kPartialCopy = -2;
 
 /// Copies `source` to `destination` byte for byte. A destination that exists keeps its mode; otherwise
-/// it is created with 0644. 0; or, with one log line, -1 when a file cannot be opened or the source cannot be
-/// read at all, and kNotWhole when only a part was copied. A pipe counts as a source that cannot be opened.
+/// it is created with mode 0644. 0; or, with one log line, -1 when a file cannot be opened or the source
+/// cannot be read at all, and kPartialCopy when only a part was copied. A pipe counts as a source that cannot
+/// be opened.
 int CopyFile(const char* source, const char* destination);
 
-/// Appends the bytes of `source` to `destination`. As CopyFile, but a source that cannot be read, or not to
-/// its end, ends there.
+/// Appends the bytes of `source` to `destination`. As CopyFile, but a read error counts as the end of the
+/// source.
 int AppendFile(const char* source, const char* destination);
 
 /// Creates a temporary file (MakeTempFile), copies the template into it, and opens `stream` to append to it.
@@ -137,7 +138,7 @@ class ConfigGenerator {
   int GenerateHeaderChecks();
   /// master.cf. Returns the result of its installation.
   int GenerateMasterCf();
-  /// Tells the package helper the PAM ids of the account source. -1 when the helper reports failure.
+  /// Gives the package helper the PAM ids of the account source. -1 when the helper fails.
   int UpdatePamConfig();
 
   // imap/

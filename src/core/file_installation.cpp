@@ -9,17 +9,17 @@
 #include <cstring>
 
 #include "core/config_generator.h"
-#include "core/owned.h"
+#include "core/guards.h"
 #include "platform/nubocore.h"
 
 namespace {
 
 constexpr size_t kCopyBufferSize = 1024;
 
-// The index at which a stream keeps the reason of its first failed write.
-const int kReason = std::ios_base::xalloc();
+// The index at which a stream stores the errno of its first failed write (iword).
+const int kWriteErrno = std::ios_base::xalloc();
 
-// For a file that is not whole: it must not be used.
+// For a file that was not written whole, and so must not be used.
 int LogAndRemove(const char* path) {
   LogWriteError(path);
   (void)unlink(path);
@@ -31,6 +31,7 @@ int LogCopyError(int line) {
   return -1;
 }
 
+// A read error makes the copy fail, or counts as the end of the source.
 enum class ReadError { kFails, kEndsSource };
 
 int Copy(const char* source, const char* destination, int flags, ReadError readError, int line) {
@@ -46,17 +47,17 @@ int Copy(const char* source, const char* destination, int flags, ReadError readE
     errno = ENOSPC;  // a short write sets no reason; a full disk is the usual one
     if (write(to.number, buffer, static_cast<size_t>(count)) != count) {
       LogWriteError(destination);
-      return kNotWhole;
+      return kPartialCopy;
     }
     begun = true;
   }
   if (count < 0 && readError == ReadError::kFails) {
     (void)LogCopyError(line);
-    return begun ? kNotWhole : -1;
+    return begun ? kPartialCopy : -1;
   }
   if (to.Close() == 0) return 0;
   LogWriteError(destination);
-  return kNotWhole;
+  return kPartialCopy;
 }
 
 }  // namespace
@@ -82,7 +83,7 @@ int MakeTempFileOrLog(char* path) {
 
 void OpenFromTemplate(std::ofstream& stream, char* temp, const char* templatePath) {
   (void)MakeTempFile(temp);
-  if (CopyFile(templatePath, temp) == kNotWhole) {
+  if (CopyFile(templatePath, temp) == kPartialCopy) {
     (void)unlink(temp);
     stream.setstate(std::ios::badbit);
   } else {
@@ -104,7 +105,7 @@ int OpenOrLog(std::ofstream& stream, const char* path) {
 
 std::ostream& EndLine(std::ostream& stream) {
   stream << std::endl;
-  if (stream.bad() && stream.iword(kReason) == 0) stream.iword(kReason) = errno;
+  if (stream.bad() && stream.iword(kWriteErrno) == 0) stream.iword(kWriteErrno) = errno;
   return stream;
 }
 
@@ -116,7 +117,8 @@ int CloseOrRemove(std::ofstream& stream, const char* path) {
   if (!stream.is_open()) return stream.bad() ? -1 : 0;
   CloseStream(stream);
   if (stream.good()) return 0;
-  if (stream.iword(kReason) != 0) errno = static_cast<int>(stream.iword(kReason));  // else that of close()
+  if (stream.iword(kWriteErrno) != 0)
+    errno = static_cast<int>(stream.iword(kWriteErrno));  // else that of close()
   return LogAndRemove(path);
 }
 
@@ -141,7 +143,7 @@ int ConfigGenerator::ApplyCustomization(const char* generated, const char* custo
 
 int SyncOrRemove(const char* temp) {
   const OwnedDescriptor file(open(temp, O_RDONLY | O_CLOEXEC));
-  if (file.number < 0 && access(temp, F_OK) != 0) return 0;  // it was never made; the rename will log why
+  if (file.number < 0 && access(temp, F_OK) != 0) return 0;  // never created; the rename logs why
   if (file.number >= 0 && fsync(file.number) == 0) return 0;
   return LogAndRemove(temp);
 }

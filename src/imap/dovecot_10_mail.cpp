@@ -5,7 +5,7 @@
 int ConfigGenerator::GenerateDovecotMailConfig() {
   char temp[] = "/var/packages/Brindlecot/target/etc/dovecot/conf.d/10-mail.confXXXXXX";
   (void)MakeTempFile(temp);
-  if (CopyFile("/var/packages/Brindlecot/target/etc/template/10-mail.template", temp) == kNotWhole) {
+  if (CopyFile("/var/packages/Brindlecot/target/etc/template/10-mail.template", temp) == kPartialCopy) {
     (void)unlink(temp);
     return -1;
   }

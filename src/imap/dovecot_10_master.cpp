@@ -14,7 +14,7 @@ int ConfigGenerator::GenerateDovecotConfig() {
   dovecotMasterConf << "    process_limit = 256" << EndLine;
   dovecotMasterConf << "    inet_listener imap {" << EndLine;
   if (!GetBool(imapPop3, "imap_enabled")) {
-    // On the appliance itself IMAP always works. Port 0 switches the other listeners off.
+    // Programs on the appliance itself always have IMAP. The other listeners are switched off by port 0.
     dovecotMasterConf << "        address = localhost" << EndLine;
   }
   dovecotMasterConf << "        port = 143" << EndLine;

@@ -7,9 +7,9 @@
 
 namespace {
 
-// A caller may have closed a standard descriptor. The next file that is opened would get its number, and
-// messages would be printed into that file.
-void KeepStandardDescriptors() {
+// Opens the standard descriptors that the caller has closed. Otherwise a file that is opened later gets the
+// number, and messages are printed into that file.
+void OpenStandardDescriptors() {
   int file = open("/dev/null", O_RDWR);
   while (file >= 0 && file < STDERR_FILENO) file = dup(file);
   if (file > STDERR_FILENO) close(file);
@@ -18,6 +18,6 @@ void KeepStandardDescriptors() {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  KeepStandardDescriptors();
+  OpenStandardDescriptors();
   return RunCommand(argc, argv);
 }

@@ -5,7 +5,7 @@ int ConfigGenerator::WriteContentRules() {
                   << YesNo(GetBool(scanner, "enable_dangerous_content_scan")) << EndLine;
   if (!GetBool(scanner, "enable_dangerous_content_scan")) return 0;
 
-  // Two of the settings say what is rejected; MailScanner asks what is allowed.
+  // These two settings reject; MailScanner's parameters allow.
   mailScannerConf << "Allow Partial Messages = " << YesNo(!GetBool(scanner, "reject_partial_message"))
                   << EndLine;
   mailScannerConf << "Allow External Message Bodies = "

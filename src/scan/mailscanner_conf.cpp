@@ -2,7 +2,7 @@
 
 namespace {
 
-// MailScanner's word for how spam is delivered: as an attachment, without its HTML, or (empty) as it came.
+// MailScanner's action for spam: deliver it as an attachment, without its HTML, or (empty) unchanged.
 const char* ReportAction(int mechanism) {
   switch (mechanism) {
     case 1:
@@ -41,7 +41,7 @@ int ConfigGenerator::GenerateMailScannerConfig() {
                   << EndLine;
   mailScannerConf << "SpamAssassin Auto Whitelist = " << YesNo(GetBool(scanner, "spam_auto_whitelist"))
                   << EndLine;
-  WriteContentRules();
+  (void)WriteContentRules();
 
   (void)GenerateSpamAssassinConfig();
 

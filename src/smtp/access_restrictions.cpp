@@ -3,7 +3,7 @@
 
 namespace {
 
-// The beginning of the recipient and of the HELO list: the administrator's tables, then who may always send.
+// The recipient list and the HELO list begin with the administrator's tables and the trusted clients.
 std::list<std::string> CommonRestrictions() {
   return {"check_client_access hash:/var/packages/Brindlecot/target/etc/access/client_access",
           "check_sender_access hash:/var/packages/Brindlecot/target/etc/access/sender_access",
@@ -23,7 +23,7 @@ int ConfigGenerator::WriteSenderRestrictions() {
     mainCf << "smtpd_sasl_sender_quota_maps = hash:/var/packages/Brindlecot/target/etc/sender_quota_map"
            << EndLine;
     mainCf << "smtpd_sasl_sender_rate_limit = " << GetInt(smtp, "smtpd_sasl_sender_rate_limit") << EndLine;
-    // With the path's own slash there are two.
+    // The value has two slashes: the path adds its own.
     mainCf << "smtpd_sasl_sender_quota_cache = memcache:/" << kQuotaMemcacheCf << EndLine;
     restrictions.emplace_back("reject_sasl_sender_rate_exceed");
     (void)GenerateQuotaMemcacheMap();

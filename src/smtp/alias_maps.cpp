@@ -4,8 +4,9 @@
 
 namespace {
 
-// In a joined domain the administrator can choose a table of its users in place of lookups in its directory.
-bool DomainUsesTable() {
+// True when Postfix gets a table of the domain's users instead of lookups in the domain's directory: when the
+// administrator chooses so, and when the machine is not joined to the domain.
+bool UsesDomainTable() {
   char choice[128] = {};
   (void)ZELBCFileGetKeyValue("/var/packages/Brindlecot/etc/brindlecot.conf", "domain_alias_map", choice,
                              sizeof choice, 0);
@@ -20,7 +21,7 @@ int ConfigGenerator::WriteAliasMaps() {
   if (accountType == "ldap") {
     (void)GenerateLdapAliasMap();
     maps += ", ldap:/var/packages/Brindlecot/target/etc/ldap-aliases.cf";
-  } else if (accountType == "win" && DomainUsesTable()) {
+  } else if (accountType == "win" && UsesDomainTable()) {
     (void)GenerateDomainAliases();
     maps += ", hash:/var/packages/Brindlecot/target/etc/domain-aliases";
   } else if (accountType == "win") {

@@ -17,7 +17,7 @@ int ConfigGenerator::GenerateHeaderChecks() {
   // The template comes last, because the first rule that matches wins.
   constexpr const char* kTemplate = "/var/packages/Brindlecot/target/etc/template/header_checks.template";
   if (CloseOrRemove(headerChecks, temp) == 0) {
-    if (AppendFile(kTemplate, temp) == kNotWhole) {
+    if (AppendFile(kTemplate, temp) == kPartialCopy) {
       (void)unlink(temp);
     } else {
       (void)InstallFile(temp, "/var/packages/Brindlecot/target/etc/header_checks");

@@ -30,11 +30,11 @@ int ConfigGenerator::GenerateMainCf() {
   if (GetBool(smtp, "smtp_relay_enabled")) {
     (void)WriteRelayHost();
   }
-  WriteMilters();
-  WriteAliasMaps();
-  WriteSenderRestrictions();
-  WriteRecipientRestrictions();
-  WriteHeloRestrictions();
+  (void)WriteMilters();
+  (void)WriteAliasMaps();
+  (void)WriteSenderRestrictions();
+  (void)WriteRecipientRestrictions();
+  (void)WriteHeloRestrictions();
 
   (void)GenerateHeaderChecks();
   (void)AttachmentFilter::GenerateConfig();

@@ -8,7 +8,7 @@ int ConfigGenerator::GenerateDmarcConfig() {
   OpenFromTemplate(opendmarcConf, temp, "/var/packages/Brindlecot/target/etc/template/opendmarc.template");
   opendmarcConf << "AuthservID " << GetString(smtp, "smtp_hostname") << EndLine;
   if (CloseOrRemove(opendmarcConf, temp) < 0) return -1;
-  // Not InstallFile: the file stays owner-only.
+  // Not InstallFile: the file stays owner-only. A failed rename is not logged, as nubo_set_config(8) says.
   if (SyncOrRemove(temp) < 0) return -1;
   return std::rename(temp, "/var/packages/Brindlecot/target/etc/opendmarc.conf");
 }

@@ -1,13 +1,13 @@
 #include <unistd.h>
 
 #include "core/config_generator.h"
-#include "core/owned.h"
+#include "core/guards.h"
 #include "core/paths.h"
 
 int ConfigGenerator::WriteRelayHost() {
   constexpr const char* kSaslPasswd = "/var/packages/Brindlecot/target/etc/sasl_passwd";
 
-  const SignalsWait signalsWait;
+  const DelayedSignals delayedSignals;
   std::ofstream saslPasswd(kSaslPasswd);
   mainCf << "relayhost = " << GetString(smtp, "smtp_relay_server") << ":"
          << GetInt(smtp, "smtp_relay_server_port") << EndLine;

@@ -8,8 +8,8 @@
 
 #include "platform/nubocore.h"
 
-/// A handle of the core library, released with `Free`; null when there is none. The handle is public because
-/// the library may replace it through its address.
+/// A handle of the core library, or null. `Free` releases it. The handle is public because the library may
+/// replace it through its address.
 template <typename T, auto Free>
 struct Owned {
   T* handle = nullptr;
@@ -24,7 +24,7 @@ struct Owned {
 
 using OwnedHash = Owned<ZELBCSzHash, ZELBCSzHashFree>;
 using OwnedList = Owned<ZELBCSzList, ZELBCSzListFree>;
-using OwnedOutput = Owned<FILE, ZELBCPclose>;  ///< of a program
+using OwnedOutput = Owned<FILE, ZELBCPclose>;  ///< a program's output
 
 /// An open file; negative when it could not be opened.
 struct OwnedDescriptor {
@@ -39,24 +39,24 @@ struct OwnedDescriptor {
   int Close() { return number < 0 ? 0 : close(std::exchange(number, -1)); }
 };
 
-/// Removes the file at `path` when this object ends: a scratch file, or a temporary file that was not
-/// installed and must not stay. (After its rename there is none to remove.) Declare it before the file is
-/// made: then the file is also removed when making it fails half-way.
-struct RemovedAtEnd {
+/// Removes the file at `path` when this object is destroyed: a scratch file, or a temporary file that must
+/// not stay when it is not installed. (Once it is installed, nothing stands at `path`.) Declare the object
+/// before the file is created, so that a file that was created half-way is removed too.
+struct FileRemover {
   const char* path;
 
-  explicit RemovedAtEnd(const char* name) : path(name) {}
-  RemovedAtEnd(const RemovedAtEnd&) = delete;
-  RemovedAtEnd& operator=(const RemovedAtEnd&) = delete;
-  ~RemovedAtEnd() { unlink(path); }
+  explicit FileRemover(const char* name) : path(name) {}
+  FileRemover(const FileRemover&) = delete;
+  FileRemover& operator=(const FileRemover&) = delete;
+  ~FileRemover() { unlink(path); }
 };
 
-/// Holds back the signals that end a run while this object lives: for the time in which a file with a secret
-/// exists that must not stay. A handler stores the signal, and the destructor raises it. Not a signal mask: a
-/// program that is started meanwhile would inherit that, and could never be ended.
-class SignalsWait {
+/// Delays the signals that end a run while this object lives, because a file with a secret exists that must
+/// not stay. A handler stores the signal, and the destructor raises it. A signal mask would not do: a program
+/// that is started meanwhile would inherit it and could never be ended.
+class DelayedSignals {
  public:
-  SignalsWait() {
+  DelayedSignals() {
     struct sigaction store = {};
     store.sa_handler = [](int signal) { received_ = signal; };
     store.sa_flags = SA_RESTART;
@@ -65,9 +65,9 @@ class SignalsWait {
       if (ending.before.sa_handler == SIG_IGN) sigaction(ending.signal, &ending.before, nullptr);
     }
   }
-  SignalsWait(const SignalsWait&) = delete;
-  SignalsWait& operator=(const SignalsWait&) = delete;
-  ~SignalsWait() {
+  DelayedSignals(const DelayedSignals&) = delete;
+  DelayedSignals& operator=(const DelayedSignals&) = delete;
+  ~DelayedSignals() {
     for (const Ending& ending : endings_) sigaction(ending.signal, &ending.before, nullptr);
     const int signal = received_;
     received_ = 0;
