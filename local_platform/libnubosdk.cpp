@@ -26,7 +26,7 @@ std::string_view TakeWord(std::string_view& text) {
   return word;
 }
 
-// True when `word` is one of the maps of nslcd.conf(5). A line `base MAP DN` is for that map only.
+// True when `word` is the name of a map, nslcd.conf(5). A line `base MAP DN` is for that map only.
 bool IsMapName(std::string_view word) {
   constexpr std::string_view kMaps[] = {"aliases", "ethers",    "group", "hosts",    "netgroup", "networks",
                                         "passwd",  "protocols", "rpc",   "services", "shadow"};
@@ -34,7 +34,7 @@ bool IsMapName(std::string_view word) {
                      [=](std::string_view map) { return EqualsIgnoringCase(word, map); });
 }
 
-// The value of `key`: of its first line, and for `uri` only the first one there. Empty when it is missing.
+// The value of `key` on its first line; of `uri`, the first word of the value. Empty when the key is missing.
 std::string_view FindValue(std::string_view content, std::string_view key) {
   while (!content.empty()) {
     std::string_view value = Trim(TakeLine(content));

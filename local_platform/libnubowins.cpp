@@ -31,7 +31,7 @@ int NUBOWinsADSJoined() {
   constexpr const char* kNet = "/usr/bin/net";
   const std::string failure = RunProgram({kNet, "ads", "testjoin"});
   if (failure.rfind("killed after ", 0) == 0) {
-    syslog(LOG_ERR, "%s: %s", kNet, failure.c_str());  // any other failure means: not joined
+    syslog(LOG_ERR, "%s: %s", kNet, failure.c_str());  // after any other failure: not joined
   }
   return failure.empty() ? 1 : 0;
 }

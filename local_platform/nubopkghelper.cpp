@@ -1,6 +1,6 @@
-// Stands in for the appliance's package helper. `nubopkghelper update Brindlecot pam-config JSON` stores the
-// PAM configuration that the package asks for. The JSON (RFC 8259) is an object with one member, "id-list":
-// the PAM ids of the IMAP/POP3 server and of the SMTP server.
+// Takes the place of the appliance's package helper. `nubopkghelper update Brindlecot pam-config JSON` stores
+// the PAM configuration of the package. The JSON (RFC 8259) is an object with one member, "id-list": the PAM
+// ids of the IMAP/POP3 server and of the SMTP server.
 #include <json/json.h>
 #include <sys/stat.h>
 
@@ -29,7 +29,7 @@ bool IsPamConfig(std::string_view text) try {
 }
 
 // 0, or -1 with a message.
-int Keep(std::string_view config) {
+int Store(std::string_view config) {
   for (const char* directory : {"/usr/nubo", "/usr/nubo/etc", "/usr/nubo/etc/pam-config"}) {
     if (mkdir(directory, 0755) != 0 && errno != EEXIST) {
       std::fprintf(stderr, "nubopkghelper: cannot make %s: %s\n", directory, std::strerror(errno));
@@ -37,7 +37,7 @@ int Keep(std::string_view config) {
     }
   }
   if (ReplaceFile("/usr/nubo/etc/pam-config/Brindlecot.json", config, 0644) != 0) {
-    std::fprintf(stderr, "nubopkghelper: cannot keep the configuration, see the system log\n");
+    std::fprintf(stderr, "nubopkghelper: cannot store the configuration, see the system log\n");
     return -1;
   }
   return 0;
@@ -55,5 +55,5 @@ int main(int argc, char* argv[]) {
     std::fprintf(stderr, "nubopkghelper: expected a JSON object whose one member id-list has two strings\n");
     return 1;
   }
-  return Keep(argv[4]) == 0 ? 0 : 1;
+  return Store(argv[4]) == 0 ? 0 : 1;
 }

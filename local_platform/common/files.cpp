@@ -12,11 +12,11 @@
 
 namespace {
 
-void LogFailure(const char* path, const char* what) {
-  syslog(LOG_ERR, "%s: %s: %s", Printable(path).c_str(), what, std::strerror(errno));
+void LogFailure(const char* path, const char* failure) {
+  syslog(LOG_ERR, "%s: %s: %s", Printable(path).c_str(), failure, std::strerror(errno));
 }
 
-bool IsPrivate(int file, const char* path) {
+bool CheckIsPrivate(int file, const char* path) {
   struct stat status = {};
   if (fstat(file, &status) != 0) {
     LogFailure(path, "expected a readable mode");
@@ -31,14 +31,14 @@ bool IsPrivate(int file, const char* path) {
 
 ReadResult Read(const char* path, std::string& content, bool secret) {
   content.clear();
-  // O_NONBLOCK: if a pipe stands in the file's place, the run must not wait for it.
+  // O_NONBLOCK: the run must not wait for a pipe in the file's place.
   const int file = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (file < 0) {
     if (errno == ENOENT) return ReadResult::kMissing;
     LogFailure(path, "expected a readable file");
     return ReadResult::kFailed;
   }
-  if (secret && !IsPrivate(file, path)) {
+  if (secret && !CheckIsPrivate(file, path)) {
     close(file);
     return ReadResult::kFailed;
   }
@@ -46,7 +46,7 @@ ReadResult Read(const char* path, std::string& content, bool secret) {
   ssize_t got = 0;
   while ((got = read(file, block, sizeof block)) > 0 || (got < 0 && errno == EINTR)) {
     content.append(block, got > 0 ? static_cast<size_t>(got) : 0);
-    if (content.size() > kMostBytes) {
+    if (content.size() > kMaxBytes) {
       errno = EFBIG;
       got = -1;
       break;
@@ -96,14 +96,14 @@ int ReplaceFile(const char* path, std::string_view content, mode_t mode) {
     LogFailure(path, "cannot create a file beside it");
     return -1;
   }
-  // Written to the disk before the rename. Otherwise a power cut could leave an empty file.
+  // Synced before the rename. Otherwise a power cut could leave an empty file.
   const bool written = WriteAll(file, content) && fchmod(file, mode) == 0 && fsync(file) == 0;
   const int reason = errno;
   const bool closed = close(file) == 0;
   if (written && closed && rename(temp.c_str(), path) == 0) return 0;
   errno = written ? errno : reason;
   LogFailure(path, "cannot be replaced");
-  (void)unlink(temp.c_str());  // the first failure is logged, this one is not
+  (void)unlink(temp.c_str());  // only the first failure is logged
   return -1;
 }
 

@@ -1,4 +1,4 @@
-/// Text, for the libraries of the local platform: taking files apart and filling callers' buffers.
+/// Text, for the libraries of the local platform: lines of files, and callers' buffers.
 #pragma once
 
 #include <string_view>

@@ -1,8 +1,6 @@
-// The alias table: an object of alias names, each with its recipients:
+// The alias table: an object of alias names, each with its recipients, exported in the format of aliases(5).
 //
 //     {"postmaster": ["root"], "sales": ["alice", "bob@example.com"]}
-//
-// It is exported in the format of aliases(5).
 #include <map>
 #include <vector>
 
@@ -12,8 +10,8 @@
 
 namespace {
 
-// `text`, in double quotes when it has one of the characters `specials`.
-std::string Quoted(const std::string& text, const char* specials) {
+// Puts `text` in double quotes when it has one of the characters `specials`.
+std::string Quote(const std::string& text, const char* specials) {
   if (text.find_first_of(specials) == std::string::npos) return text;
   std::string quoted = "\"";
   for (const char c : text) {
@@ -40,11 +38,11 @@ int Alias::load() {
   if (file.Missing()) {
     aliases["postmaster"] = {"root"};
   }
-  for (const std::string& name : file.Names()) {
+  for (const std::string& name : file.ReadNames()) {
     const Json::Value& recipients = file.Object()[name];
-    aliases[name] = file.Texts(name, recipients, 1);
+    aliases[name] = file.ReadStrings(name, recipients, 1);
     if (recipients.isArray() && recipients.empty()) {
-      file.Expected(name, "at least one recipient");
+      file.ReportFault(name, "at least one recipient");
     }
   }
   if (file.Result() == 0) {
@@ -57,9 +55,9 @@ int Alias::ExportAlias(const std::string& path) {
   std::string lines;
   for (const auto& [name, recipients] : data_->recipients) {
     const char* separator = ": ";
-    lines += Quoted(name, " \"#%(),:;<>@[\\]");
+    lines += Quote(name, " \"#%(),:;<>@[\\]");
     for (const std::string& recipient : recipients) {
-      lines += separator + Quoted(recipient, " \"#%(),:;<>[\\]");  // `@` is part of an address
+      lines += separator + Quote(recipient, " \"#%(),:;<>[\\]");  // `@` is part of an address
       separator = ", ";
     }
     lines += '\n';

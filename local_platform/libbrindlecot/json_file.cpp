@@ -13,7 +13,7 @@
 
 namespace {
 
-// The reader of all files, since making one takes long.
+// The reader of all files. To make one for each file would take long.
 Json::CharReader& Reader() {
   static const std::unique_ptr<Json::CharReader> reader([] {
     Json::CharReaderBuilder builder;
@@ -37,7 +37,7 @@ JsonFile::JsonFile(const char* path) : path_(path) {
     faulty_ = true;
   }
   if (result == ReadResult::kOk) {
-    // JsonCpp takes a NUL byte for the end of the text. Another control character is a fault, so use that.
+    // JsonCpp takes a NUL byte for the end of the text, and every other control character for a fault.
     std::replace(content_.begin(), content_.end(), '\0', '\1');
     if (content_.rfind("\xef\xbb\xbf", 0) == 0) {
       content_.erase(0, 3);  // a byte order mark; JsonCpp's offsets do not count it
@@ -51,64 +51,64 @@ void JsonFile::Parse() {
   std::string errors;
   try {
     if (!Reader().parse(content_.data(), content_.data() + content_.size(), &root, &errors)) {
-      // The other errors follow from the first. Its text may quote a secret, so only its place is logged.
+      // Later errors follow from the first one. Its text may quote a secret, so only its place is logged.
       int line = 1;
       int column = 1;
       std::sscanf(errors.c_str(), "* Line %d, Column %d", &line, &column);
       const bool duplicate = errors.find("\n  Duplicate key: ") == errors.find('\n');
-      SyntaxError(line, column, duplicate ? "duplicate key" : "syntax error");
+      ReportSyntaxError(line, column, duplicate ? "duplicate key" : "syntax error");
     } else if (!root.isObject()) {
-      SyntaxError(1, 1, "not an object");
+      ReportSyntaxError(1, 1, "not an object");
     } else {
       object_.swap(root);
     }
   } catch (const Json::Exception&) {
-    SyntaxError(1, 1, "nested too deeply");
+    ReportSyntaxError(1, 1, "nested too deeply");
   }
 }
 
-void JsonFile::SyntaxError(int line, int column, const char* what) {
-  syslog(LOG_ERR, "%s:%d:%d: %s", path_, line, column, what);
+void JsonFile::ReportSyntaxError(int line, int column, const char* fault) {
+  syslog(LOG_ERR, "%s:%d:%d: %s", path_, line, column, fault);
   faulty_ = true;
 }
 
-void JsonFile::Expected(std::string_view key, std::string_view what) {
-  constexpr int kMostFaults = 100;  // that are logged for one file
+void JsonFile::ReportFault(std::string_view key, std::string_view expected) {
+  constexpr int kMaxFaults = 100;  // log lines for one file
   faulty_ = true;
-  if (++faults_ <= kMostFaults) {
-    syslog(LOG_ERR, "%s: %s: expected %s", path_, Printable(key).c_str(), Printable(what).c_str());
-  } else if (faults_ == kMostFaults + 1) {
-    syslog(LOG_ERR, "%s: more faults than these %d", path_, kMostFaults);
+  if (++faults_ <= kMaxFaults) {
+    syslog(LOG_ERR, "%s: %s: expected %s", path_, Printable(key).c_str(), Printable(expected).c_str());
+  } else if (faults_ == kMaxFaults + 1) {
+    syslog(LOG_ERR, "%s: more faults than these %d", path_, kMaxFaults);
   }
 }
 
 bool JsonFile::Take(const char* key, Json::Value& value) { return object_.removeMember(key, &value); }
 
-void JsonFile::RejectRest() {
+void JsonFile::ReportUnknownKeys() {
   for (const std::string& key : object_.getMemberNames()) {
-    Expected(key, "a known key");
+    ReportFault(key, "a known key");
   }
 }
 
-std::vector<std::string> JsonFile::Names() {
+std::vector<std::string> JsonFile::ReadNames() {
   std::vector<std::string> names = object_.getMemberNames();
   std::map<std::u32string, std::string> seen;
   for (const std::string& name : names) {
     if (name.empty() || !IsText(name)) {
-      Expected(name, "a non-empty name of UTF-8 without control characters");
+      ReportFault(name, "a non-empty name of UTF-8 without control characters");
       continue;
     }
     const auto [first, added] = seen.emplace(FoldCase(name), name);
     if (!added) {
-      Expected(name, "a name that differs from " + first->second + " in more than case");
+      ReportFault(name, "a name that differs from " + first->second + " in more than case");
     }
   }
   return names;
 }
 
-bool JsonFile::Bool(std::string_view key, const Json::Value& value) {
+bool JsonFile::ReadBool(std::string_view key, const Json::Value& value) {
   if (!value.isBool()) {
-    Expected(key, "true or false");
+    ReportFault(key, "true or false");
     return false;
   }
   return value.asBool();
@@ -121,34 +121,35 @@ bool JsonFile::IsPlain(const Json::Value& integer) const {
   return text == "-0" || text == std::to_string(integer.asInt());
 }
 
-int JsonFile::Integer(std::string_view key, const Json::Value& value, int lowest, int highest) {
+int JsonFile::ReadInteger(std::string_view key, const Json::Value& value, int lowest, int highest) {
   // isInt() alone also takes 25.0 and 1e3.
   if (value.type() == Json::realValue || !value.isInt() || value.asInt() < lowest ||
       value.asInt() > highest || !IsPlain(value)) {
-    Expected(key, "an integer from " + std::to_string(lowest) + " to " + std::to_string(highest));
+    ReportFault(key, "an integer from " + std::to_string(lowest) + " to " + std::to_string(highest));
     return lowest;
   }
   return value.asInt();
 }
 
-std::string JsonFile::Text(std::string_view key, const Json::Value& value, size_t shortest,
-                           const std::string& item) {
+std::string JsonFile::ReadString(std::string_view key, const Json::Value& value, size_t shortest,
+                                 const std::string& item) {
   std::string text = value.isString() ? value.asString() : "";
   if (!value.isString() || text.size() < shortest || !IsText(text)) {
-    const std::string what = shortest > 0 ? "a non-empty string" : "a string";
-    Expected(key, item + what + " of UTF-8 without control characters");
+    const std::string type = shortest > 0 ? "a non-empty string" : "a string";
+    ReportFault(key, item + type + " of UTF-8 without control characters");
   }
   return text;
 }
 
-std::vector<std::string> JsonFile::Texts(std::string_view key, const Json::Value& value, size_t shortest) {
+std::vector<std::string> JsonFile::ReadStrings(std::string_view key, const Json::Value& value,
+                                               size_t shortest) {
   std::vector<std::string> texts;
   if (!value.isArray()) {
-    Expected(key, "an array of strings");
+    ReportFault(key, "an array of strings");
     return texts;
   }
   for (const Json::Value& item : value) {
-    texts.push_back(Text(key, item, shortest, "item " + std::to_string(texts.size() + 1) + " to be "));
+    texts.push_back(ReadString(key, item, shortest, "item " + std::to_string(texts.size() + 1) + " to be "));
   }
   return texts;
 }

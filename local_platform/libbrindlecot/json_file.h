@@ -1,5 +1,5 @@
-/// One settings file: a JSON object (RFC 8259, and comments as JsonCpp reads them), read whole and
-/// checked. Each fault is logged in one line. A value is never logged: it may be a secret.
+/// A settings file: one JSON object (RFC 8259, and comments as JsonCpp reads them), read whole and checked.
+/// Each fault is logged in one line. No value is logged: it may be a secret.
 ///
 ///     PATH:LINE:COLUMN: syntax error
 ///     PATH: KEY: expected ...
@@ -14,11 +14,11 @@
 
 class JsonFile {
  public:
-  /// Reads the file at `path`; the string has to live as long as this object. A file that is missing or is
-  /// not one JSON object gives an empty object.
+  /// Reads the file at `path`, a string that lives as long as this object. A file that is missing or is not
+  /// one JSON object gives an empty object.
   explicit JsonFile(const char* path);
 
-  /// True when the file does not exist. That is not a fault.
+  /// True when the file does not exist, which is no fault.
   bool Missing() const { return missing_; }
 
   /// 0, or -1 when a fault was found.
@@ -26,38 +26,38 @@ class JsonFile {
 
   const Json::Value& Object() const { return object_; }
 
-  /// Removes `key` from the object and puts its value into `value`. False when there is no such key; `value`
+  /// Removes `key` from the object and moves its value to `value`. False when there is no such key; `value`
   /// is then unchanged.
   bool Take(const char* key, Json::Value& value);
 
   /// Reports each key that was not taken as a fault.
-  void RejectRest();
+  void ReportUnknownKeys();
 
   /// The object's keys in byte order, for files whose keys are names. A name that is empty, is not text, or
   /// equals another one without regard to case is a fault.
-  std::vector<std::string> Names();
+  std::vector<std::string> ReadNames();
 
-  /// Reports a fault: `KEY: expected WHAT`.
-  void Expected(std::string_view key, std::string_view what);
+  /// Logs the fault `KEY: expected EXPECTED`, and makes Result() -1.
+  void ReportFault(std::string_view key, std::string_view expected);
 
-  // Each checks `value`, found at `key`, and returns it. A value of another type is a fault; the result is
+  // These check `value`, found at `key`, and return it. A value of another type is a fault; the result is
   // then of no use.
 
-  bool Bool(std::string_view key, const Json::Value& value);
+  bool ReadBool(std::string_view key, const Json::Value& value);
 
-  int Integer(std::string_view key, const Json::Value& value, int lowest, int highest);
+  int ReadInteger(std::string_view key, const Json::Value& value, int lowest, int highest);
 
-  /// A string of at least `shortest` bytes, 0 or 1. `item` (such as "item 2 to be ") stands in the fault of a
-  /// list's item.
-  std::string Text(std::string_view key, const Json::Value& value, size_t shortest = 0,
-                   const std::string& item = "");
+  /// A string of at least `shortest` bytes, 0 or 1. For an item of a list, `item` (such as "item 2 to be ")
+  /// names it in the fault.
+  std::string ReadString(std::string_view key, const Json::Value& value, size_t shortest = 0,
+                         const std::string& item = "");
 
   /// An array of such strings.
-  std::vector<std::string> Texts(std::string_view key, const Json::Value& value, size_t shortest = 0);
+  std::vector<std::string> ReadStrings(std::string_view key, const Json::Value& value, size_t shortest = 0);
 
  private:
   void Parse();
-  void SyntaxError(int line, int column, const char* what);
+  void ReportSyntaxError(int line, int column, const char* fault);
 
   bool IsPlain(const Json::Value& integer) const;
 
@@ -66,5 +66,5 @@ class JsonFile {
   Json::Value object_{Json::objectValue};
   bool missing_ = false;
   bool faulty_ = false;
-  int faults_ = 0;  ///< reported by Expected
+  int faults_ = 0;  ///< reported by ReportFault
 };

@@ -11,7 +11,7 @@
 namespace {
 
 // The `name=value` line of a `Name: value` line; empty when it has no name or no value.
-std::string Pair(std::string_view line) {
+std::string FormatPair(std::string_view line) {
   const size_t colon = line.find(':');
   if (colon == std::string_view::npos) return "";
   std::string name(Trim(line.substr(0, colon)));
@@ -47,7 +47,7 @@ int PopenToFile(FILE* stream, const char* path, const char* mode) {
   const bool read = ReadStream(stream, output);
   std::string pairs;
   for (std::string_view rest = output; read && !rest.empty();) {
-    pairs += Pair(TakeLine(rest));
+    pairs += FormatPair(TakeLine(rest));
   }
   if (read && Write(path, mode, pairs)) return 0;
   syslog(LOG_ERR, "%s: %s: %s", Printable(path).c_str(),

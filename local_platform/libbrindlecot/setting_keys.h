@@ -1,5 +1,5 @@
-/// The table of settings: type, default and range of every key in the three groups that are read by key. All
-/// of it is constant, so that a run does not spend time on making it.
+/// The table of settings: type, default and range of every key in the three groups that are read by key. It
+/// is constant, so that a run spends no time on making it.
 #pragma once
 
 #include <boost/any.hpp>
@@ -12,13 +12,13 @@
 
 struct SettingKey {
   const char* key;
-  std::variant<bool, int, const char*> defaultValue;  ///< its type is the setting's
-  int lowest = INT_MIN;                               ///< of an int
+  std::variant<bool, int, const char*> defaultValue;  ///< has the setting's type
+  int lowest = INT_MIN;                               ///< lowest and highest: the range of an int
   int highest = INT_MAX;
 };
 
 /// The default of `setting`, as a settings object holds it.
-inline boost::any Default(const SettingKey& setting) {
+inline boost::any DefaultValue(const SettingKey& setting) {
   if (const bool* flag = std::get_if<bool>(&setting.defaultValue)) {
     return Value<bool>{*flag};
   }

@@ -13,24 +13,26 @@ namespace {
 using Values = std::map<std::string, boost::any>;
 using PairList = std::list<std::pair<std::string, std::string>>;
 
-// The value that the file has for `setting`, checked.
-boost::any Given(JsonFile& file, const SettingKey& setting, const Json::Value& value) {
-  if (std::holds_alternative<bool>(setting.defaultValue)) return Value<bool>{file.Bool(setting.key, value)};
+// The file's `value` of `setting`, checked.
+boost::any ReadValue(JsonFile& file, const SettingKey& setting, const Json::Value& value) {
+  if (std::holds_alternative<bool>(setting.defaultValue))
+    return Value<bool>{file.ReadBool(setting.key, value)};
   if (std::holds_alternative<int>(setting.defaultValue)) {
-    return Value<int>{file.Integer(setting.key, value, setting.lowest, setting.highest)};
+    return Value<int>{file.ReadInteger(setting.key, value, setting.lowest, setting.highest)};
   }
-  return Value<std::string>{file.Text(setting.key, value)};
+  return Value<std::string>{file.ReadString(setting.key, value)};
 }
 
-// Replaces `values` by those of the file, and by defaults for missing keys. -1 when the file has a fault;
-// `values` are then unchanged.
+// Replaces `values` by the file's values, and by defaults for missing keys. -1 when the file has a fault;
+// `values` is then unchanged.
 int LoadValues(JsonFile& file, std::initializer_list<SettingKey> keys, Values& values) {
   Values loaded;
   for (const SettingKey& setting : keys) {
     Json::Value value;
-    loaded[setting.key] = file.Take(setting.key, value) ? Given(file, setting, value) : Default(setting);
+    loaded[setting.key] =
+        file.Take(setting.key, value) ? ReadValue(file, setting, value) : DefaultValue(setting);
   }
-  file.RejectRest();
+  file.ReportUnknownKeys();
   if (file.Result() == 0) {
     values.swap(loaded);
   }
@@ -43,23 +45,23 @@ PairList TakeBlocklists(JsonFile& file) {
   file.Take(key, lists);
   PairList blocklists;
   if (!lists.isArray()) {
-    file.Expected(key, "an array of objects");
+    file.ReportFault(key, "an array of objects");
     return blocklists;
   }
   for (const Json::Value& list : lists) {
     const std::string item = "item " + std::to_string(blocklists.size() + 1) + " to ";
     blocklists.emplace_back();
     if (!list.isObject()) {
-      file.Expected(key, item + "be an object");
+      file.ReportFault(key, item + "be an object");
       continue;
     }
     for (const std::string& member : list.getMemberNames()) {
       if (member != "zone" && member != "kind") {
-        file.Expected(key, (item + "have no member ").append(member));
+        file.ReportFault(key, (item + "have no member ").append(member));
       }
     }
-    blocklists.back().first = file.Text(key, list["zone"], 0, item + "have as zone ");
-    blocklists.back().second = file.Text(key, list["kind"], 0, item + "have as kind ");
+    blocklists.back().first = file.ReadString(key, list["zone"], 0, item + "have as zone ");
+    blocklists.back().second = file.ReadString(key, list["kind"], 0, item + "have as kind ");
   }
   return blocklists;
 }
@@ -68,7 +70,7 @@ PairList TakeBlocklists(JsonFile& file) {
 
 struct Config::Data {
   Values values;
-  std::list<std::string> domains;  // of Postfix alone, like the blocklists
+  std::list<std::string> domains;  // of Postfix only, as the blocklists are
   PairList blocklists;
 };
 
@@ -84,7 +86,7 @@ int Postfix::LoadSettings() {
   JsonFile file("/var/packages/Brindlecot/etc/settings/smtp.json");
   Json::Value list(Json::arrayValue);
   file.Take("additional_domains", list);
-  const auto domains = file.Texts("additional_domains", list);
+  const auto domains = file.ReadStrings("additional_domains", list);
   PairList blocklists = TakeBlocklists(file);
   const int result = LoadValues(file, kSmtpKeys, data_->values);
   if (result == 0) {

@@ -9,11 +9,11 @@ namespace {
 
 using Utf8 = boost::locale::utf::utf_traits<char>;
 
-// `character` in the one case that it is compared in.
-char32_t Folded(char32_t character) {
+// Both cases of a letter give the same result.
+char32_t FoldCharacter(char32_t character) {
   if (character < 0x80) return character >= U'A' && character <= U'Z' ? character - U'A' + U'a' : character;
   static const locale_t unicode = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-  // The dotted and the dotless i have counterparts in Turkish alone: to Postfix each is its own letter.
+  // The dotted and the dotless i are the same letter in Turkish only; Postfix keeps them apart.
   if (unicode == nullptr || character == U'\u0130' || character == U'\u0131') return character;
   const wint_t upper = towupper_l(static_cast<wint_t>(character), unicode);
   return static_cast<char32_t>(towlower_l(upper, unicode));
@@ -38,7 +38,7 @@ std::u32string FoldCase(std::string_view text) {
     if (character == U'\u00df' || character == U'\u1e9e') {  // sharp s
       folded += U"ss";
     } else {
-      folded += Folded(character);
+      folded += FoldCharacter(character);
     }
   }
   return folded;

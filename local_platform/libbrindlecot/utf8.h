@@ -1,4 +1,4 @@
-/// Text in settings files: what is allowed, and which names are equal to Postfix.
+/// Text in settings files: which text is allowed, and which names are the same to Postfix.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 /// control characters (below 0x20, or 0x7f).
 bool IsText(std::string_view text);
 
-/// `text`, which is valid UTF-8, without the difference of upper and lower case. Two names with the same
-/// result are one lookup key to postalias(1) and postmap(1). These also turn about a hundred characters into
-/// several letters each, as Unicode says; of those only the sharp s is treated so here.
+/// Folds the case of `text`, which is valid UTF-8. Two names with the same result are one lookup key to
+/// postalias(1) and postmap(1). These programs fold about a hundred characters to several letters each, as
+/// Unicode says; this function does so for the sharp s only.
 std::u32string FoldCase(std::string_view text);

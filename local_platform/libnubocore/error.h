@@ -1,4 +1,4 @@
-/// The code of the library's last error, which a caller may log after a call that failed.
+/// The code of the library's last error, which a caller may log after a failed call.
 #pragma once
 
 /// Codes of ZELBCErrGet. Other failures do not change the last error.

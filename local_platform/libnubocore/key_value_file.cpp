@@ -19,12 +19,12 @@ namespace {
 
 enum class LineKind {
   kSkipped,       // empty, or a comment
-  kContinuation,  // of the value above it
+  kContinuation,  // indented: continues the value above it
   kPair,
   kOther  // starts in the first column and is no pair
 };
 
-// One line of a key/value file; `key` is set for a pair, `value` for a pair and a continuation.
+// A line of a key/value file. A pair has `key` and `value`, a continuation has `value`.
 struct Line {
   LineKind kind;
   std::string_view key;
@@ -41,8 +41,8 @@ Line ReadLine(std::string_view line) {
   return {LineKind::kPair, key, Trim(text.substr(equals + 1))};
 }
 
-// What was expected in the place of `line`; null when the line is right.
-const char* Expected(const Line& line, bool first) {
+// The text that is expected in the place of a faulty `line`; null when the line is right.
+const char* FindFault(const Line& line, bool first) {
   if (line.kind == LineKind::kOther) return "a pair, key = value";
   if (line.kind == LineKind::kContinuation && first) return "a pair before its continuation";
   const bool binary =
@@ -59,17 +59,17 @@ bool ReadExisting(const char* path, std::string& content) {
   return result == ReadResult::kOk;
 }
 
-std::string Formatted(const char* format, const ZELBCSzHash::Entry& entry) {
+std::string FormatPair(const char* format, const ZELBCSzHash::Entry& entry) {
   const int length = std::snprintf(nullptr, 0, format, entry.key.c_str(), entry.value.c_str());
   std::string line(static_cast<size_t>(length), '\0');
   std::snprintf(line.data(), line.size() + 1, format, entry.key.c_str(), entry.value.c_str());
   return line;
 }
 
-// The number of the last line in `content` that sets an entry, by entry.
+// For each entry, the number of the last line that sets it.
 using LineNumbers = std::unordered_map<const ZELBCSzHash::Entry*, size_t>;
 
-LineNumbers LastLines(std::string_view content, const ZELBCSzHash& hash) {
+LineNumbers FindLastLines(std::string_view content, const ZELBCSzHash& hash) {
   LineNumbers last;
   for (size_t number = 0; !content.empty(); ++number) {
     const Line line = ReadLine(TakeLine(content));
@@ -82,13 +82,13 @@ LineNumbers LastLines(std::string_view content, const ZELBCSzHash& hash) {
   return last;
 }
 
-// `content` with every key of `hash` set to its value.
-std::string WithKeys(std::string_view content, const ZELBCSzHash& hash, const char* format) {
-  const LineNumbers last = LastLines(content, hash);
+// Returns `content` with every key of `hash` set to its value.
+std::string SetKeys(std::string_view content, const ZELBCSzHash& hash, const char* format) {
+  const LineNumbers last = FindLastLines(content, hash);
   std::string changed;
-  // The entry of the pair being read, if any. Every line in the first column ends the pair before it, also
-  // one that is no pair: indented lines in a block (`namespace inbox {`) do not continue a pair above the
-  // block.
+  // The entry of the pair that is being read, or null. Every line that starts in the first column ends the
+  // pair before it, even when it is no pair: indented lines in a block (`namespace inbox {`) do not continue
+  // a pair above the block.
   const ZELBCSzHash::Entry* entry = nullptr;
   for (size_t number = 0; !content.empty(); ++number) {
     const std::string_view text = TakeLine(content);
@@ -99,7 +99,7 @@ std::string WithKeys(std::string_view content, const ZELBCSzHash& hash, const ch
     if (entry == nullptr || line.kind == LineKind::kSkipped) {
       changed += text;
     } else if (last.at(entry) == number) {
-      changed += Formatted(format, *entry);
+      changed += FormatPair(format, *entry);
     }
   }
   for (const ZELBCSzHash::Entry& missing : hash.entries) {
@@ -107,7 +107,7 @@ std::string WithKeys(std::string_view content, const ZELBCSzHash& hash, const ch
       if (!changed.empty() && changed.back() != '\n') {
         changed += '\n';
       }
-      changed += Formatted(format, missing);
+      changed += FormatPair(format, missing);
     }
   }
   return changed;
@@ -120,7 +120,7 @@ bool ParsePairs(const char* path, std::string_view content, ZELBCSzHash& hash) {
   std::string value;
   for (size_t number = 1; !content.empty(); ++number) {
     const Line line = ReadLine(TakeLine(content));
-    if (const char* expected = Expected(line, key.empty())) {
+    if (const char* expected = FindFault(line, key.empty())) {
       syslog(LOG_ERR, "%s:%zu: expected %s", path, number, expected);
       return false;
     }
@@ -159,7 +159,7 @@ int ZELBCFileSetKeys(const char* path, ZELBCSzHash* hash, int /*flags*/, const c
     syslog(LOG_ERR, "%s: expected a readable mode: %s", path, std::strerror(errno));
     return -1;
   }
-  return ReplaceFile(path, WithKeys(content, *hash, format), status.st_mode & 07777);
+  return ReplaceFile(path, SetKeys(content, *hash, format), status.st_mode & 07777);
 }
 
 int ZELBCFileGetKeyValue(const char* path, const char* key, char* value, int size, int /*flags*/) {

@@ -12,8 +12,8 @@
 
 namespace {
 
-// The list as the library makes it. A domain may have a million users: their names are stored one after the
-// other, and freed together.
+// The list that ZELBCSzListAlloc returns. A domain may have a million users, so their names are stored one
+// after the other and freed together.
 struct List : ZELBCSzList {
   std::pmr::monotonic_buffer_resource texts;
 };

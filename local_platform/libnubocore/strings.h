@@ -1,4 +1,4 @@
-/// What stands behind the library's string hashes and lists.
+/// The library's string hashes and lists, for its own sources.
 #pragma once
 
 #include <list>
@@ -19,7 +19,7 @@ struct ZELBCSzHash {
   /// The entry of `key`; null when there is none.
   Entry* Find(std::string_view key) const;
 
-  /// Gives `key` its value, in the place that it has or at the end.
+  /// Sets `key` to `value`, in its present place or, when it is new, at the end.
   void Set(std::string_view key, std::string_view value);
 };
 

@@ -16,8 +16,8 @@ namespace {
 
 constexpr int kWindowsDomain = 2;
 
-// True when `error`, the error number after the last user, means that users are missing. Some of the
-// database's sources set one at a normal end too (ENOENT, ECONNREFUSED, ...). So a number that getpwent(3)
+// True when `error`, the error number after the last user, means that users are missing. Some sources of the
+// database set an error number at a normal end too (ENOENT, ECONNREFUSED, ...). So a number that getpwent(3)
 // does not document counts only when there was no user at all.
 bool IsReadError(int error, bool anyUser) {
   constexpr int kErrors[] = {EAGAIN, EINTR, EIO, EMFILE, ENFILE, ENOMEM, ERANGE};
@@ -44,7 +44,7 @@ int AppendUsers(ZELBCSzList& list, const std::string& prefix) {
   const int readError = errno;
   if (IsReadError(openError, anyUser)) return openError;
   if (IsReadError(readError, anyUser)) return readError;
-  // When one source of the database stops answering half-way, getpwent(3) goes on with the next one and may
+  // When a source of the database stops answering half-way, getpwent(3) goes on with the next source and may
   // end without an error. But then the users of that source can no longer be looked up.
   return list.count > first && getpwnam(list.items[first]) == nullptr ? EIO : 0;
 }
