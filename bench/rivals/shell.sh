@@ -1,8 +1,10 @@
+#!/bin/sh
 # ENGINE TEMPLATES TARGETS NAME...: renders each template into its target, by way of the directories TARGETS/new/.../files.
 set -e
 engine=$1 templates=$2 targets=$3
 shift 3
 values=$templates/values
+# shellcheck source=/dev/null # it sets "names" and what these name
 [ "$engine" != envsubst ] || . "$values"
 parts=
 for name; do
@@ -17,7 +19,7 @@ for name; do
   case $engine in
     sed) sed -f "$values" "$templates/$name" ;;
     m4) m4 -P "$values" "$templates/$name" ;;
-    envsubst) envsubst "$names" <"$templates/$name" ;;
+    envsubst) envsubst "${names:?}" <"$templates/$name" ;;
   esac >"$targets/new/$part/files/${name##*/}"
 done
 for part in $parts; do
