@@ -3,21 +3,26 @@
 set -uo pipefail
 [ "$(id -u)" = 0 ] || { echo "Needs root: packages are installed, and daemons run." >&2; exit 1; }
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+"$top/lab/private_root" "$top" || exit 1
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 export PYTHONDONTWRITEBYTECODE=1
 export PRIVATE_ROOT=${PRIVATE_ROOT:-$$}
 passed=0 failed=0 skipped=0
 
-build_packages=(g++ cmake make libboost-dev libjsoncpp-dev libidn2-dev libcurl4-openssl-dev libgtest-dev
-  python3 python3-jsonschema util-linux iproute2)
-check_packages=(clang-format clang-tidy strace mandoc xfsprogs)
-# SpamAssassin's installation needs gpg's agent when gpg is there.
-mail_packages=(postfix postfix-ldap postfix-policyd-spf-perl libsasl2-modules dovecot-core dovecot-imapd
-  dovecot-pop3d opendkim opendmarc publicsuffix gpg-agent spamassassin memcached openssl)
-network_packages=(slapd ldap-utils dnsmasq-base samba samba-ad-provision samba-dsdb-modules samba-vfs-modules
-  samba-common-bin python3-samba winbind libnss-winbind libpam-winbind krb5-user python3-aiosmtpd)
-cross_packages=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user-static mmdebstrap dpkg-dev fakeroot lintian)
+# Debian packages, for 12 and 13.
+# shellcheck disable=SC2034 # each script takes the lists that it needs
+{
+  build_packages=(g++ cmake make libboost-dev libjsoncpp-dev libidn2-dev libcurl4-openssl-dev libgtest-dev
+    python3 python3-jsonschema util-linux iproute2)
+  check_packages=(clang-format clang-tidy shellcheck pyflakes3 strace mandoc xfsprogs)
+  # SpamAssassin's installation needs gpg's agent when gpg is there.
+  mail_packages=(postfix postfix-ldap postfix-policyd-spf-perl libsasl2-modules dovecot-core dovecot-imapd
+    dovecot-pop3d opendkim opendmarc publicsuffix gpg-agent spamassassin memcached openssl)
+  network_packages=(slapd ldap-utils dnsmasq-base samba samba-ad-provision samba-dsdb-modules samba-vfs-modules
+    samba-common-bin python3-samba winbind libnss-winbind libpam-winbind krb5-user python3-aiosmtpd)
+  cross_packages=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user mmdebstrap dpkg-dev fakeroot lintian)
+}
 
 heading() { printf '\n== %s\n' "$*"; }
 
@@ -25,12 +30,13 @@ heading() { printf '\n== %s\n' "$*"; }
 quietly() {
   local what=$1 log="$scratch/log" began=$SECONDS
   shift
+  echo "$what ..."
   if "$@" </dev/null >"$log" 2>&1; then
-    printf '%s (%d s)\n' "$what" $((SECONDS - began))
+    printf '%s: good, %d s\n' "$what" $((SECONDS - began))
     return 0
   fi
   tail -n 200 "$log"
-  printf '%s: FAILED\n' "$what"
+  printf '%s: FAILED, %d s\n' "$what" $((SECONDS - began))
   return 1
 }
 
@@ -42,17 +48,16 @@ install_packages() {
       sed -n 's/^installed //p' | sort -u))
   [ -n "$missing" ] || return 0
   # shellcheck disable=SC2086
-  quietly "Installed $(wc -w <<<"$missing") packages" apt_install $missing
+  quietly "Installation of $(wc -w <<<"$missing") packages" apt_install $missing
 }
 
 apt_install() (
   policy=/usr/sbin/policy-rc.d
-  [ ! -e $policy ] || cp -p $policy "$scratch/policy-rc.d"
-  restore() { rm -f $policy; [ ! -e "$scratch/policy-rc.d" ] || mv "$scratch/policy-rc.d" $policy; }
-  trap restore EXIT
-  rm -f $policy
-  printf '#!/bin/sh\nexit 101\n' >$policy
-  chmod 755 $policy
+  [ ! -e "$policy" ] || cp -p "$policy" "$scratch/policy-rc.d"
+  trap 'rm -f "$policy"; [ ! -e "$scratch/policy-rc.d" ] || mv "$scratch/policy-rc.d" "$policy"' EXIT
+  rm -f "$policy"
+  printf '#!/bin/sh\nexit 101\n' >"$policy"
+  chmod 755 "$policy"
   export DEBIAN_FRONTEND=noninteractive
   apt-get -o DPkg::Lock::Timeout=300 update || true  # an old index may be good enough
   apt-get -o DPkg::Lock::Timeout=300 install -y --no-install-recommends "$@"
@@ -60,13 +65,14 @@ apt_install() (
 
 # build PRESET [TARGET...]: two scripts may do so at once.
 build() {
-  local preset=$1
+  local preset=$1 directory=$top/build/$1
   shift
-  mkdir -p "$top/build/$preset"
+  mkdir -p "$directory"
   (
+    exec 9<"$directory"
     flock 9
-    cmake -S "$top" --preset "$preset" && cmake --build "$top/build/$preset" -j "$(nproc)" ${1:+--target "$@"}
-  ) 9<"$top/build/$preset"
+    cmake -S "$top" --preset "$preset" && cmake --build "$directory" -j "$(nproc)" ${1:+--target "$@"}
+  )
 }
 
 # stage: installs the build of the preset "release" below $scratch/stage.
@@ -80,20 +86,48 @@ private_root() {
   "$top/lab/private_root" "$top" "$@"
 }
 
-# suite NAME COMMAND...: runs a test suite. When its last line is 'N passed, N failed[, N skipped]', these figures are
-# added up; otherwise it counts as one check.
+# suite NAME COMMAND...: runs a test suite, and adds up what it counts.
 suite() {
-  local name=$1 began=$SECONDS status sums
+  local name=$1 began=$SECONDS status counts
   shift
   heading "$name"
   "$@" 2>&1 | tee "$scratch/suite"
   status=${PIPESTATUS[0]}
-  sums=$(grep -E '^[0-9]+ passed, [0-9]+ failed(, [0-9]+ skipped)?$' "$scratch/suite" | tail -n 1)
-  # shellcheck disable=SC2086
-  set -- ${sums:-$((status == 0)) passed, $((status != 0)) failed}
-  passed=$((passed + $1)) failed=$((failed + $3)) skipped=$((skipped + ${5:-0}))
-  [ "$status" = 0 ] || [ "$3" != 0 ] || failed=$((failed + 1))
+  read -ra counts < <(tally "$status" <"$scratch/suite")
+  passed=$((passed + counts[0])) failed=$((failed + counts[1])) skipped=$((skipped + counts[2]))
   printf '%s: %s, %d s\n' "$name" "$([ "$status" = 0 ] && echo good || echo FAILED)" $((SECONDS - began))
+}
+
+# tally STATUS: reads what a suite has printed, and prints how many checks passed, failed and were skipped. They stand in
+# its last line, 'N passed, N failed[, N skipped]', or else in the lines of ctest, or else in those of each run of
+# unittest. A suite without any of these is one check.
+tally() {
+  awk -v status="$1" '
+    function number(name) { return match($0, name "[0-9]+") ? substr($0, RSTART + length(name)) + 0 : 0 }
+    { last = $0 }
+    /^[0-9]+% tests passed, [0-9]+ tests failed out of [0-9]+$/ { all = $NF; bad = $4 }
+    /^\t *[0-9]+ - .* \(Skipped\)$/ { out++ }
+    /^Ran [0-9]+ tests? in / { ran += $2 }
+    /^(OK|FAILED)( \(.*\))?$/ {
+      sub(/expected failures/, "expected")
+      wrong += number("failures=") + number("errors=")
+      left += number("skipped=")
+    }
+    END {
+      if (last ~ /^[0-9]+ passed, [0-9]+ failed(, [0-9]+ skipped)?$/) {
+        split(last, word, " ")
+        good = word[1]; failed = word[3]; skipped = word[5]
+      } else if (all != "") {
+        good = all - bad - out; failed = bad; skipped = out
+      } else if (ran != "") {
+        good = ran - wrong - left; failed = wrong; skipped = left
+      } else {
+        good = status == 0
+      }
+      if (good < 0) good = 0
+      if (failed == 0 && (status != 0 || good + skipped == 0)) failed = 1
+      print good + 0, failed + 0, skipped + 0
+    }'
 }
 
 summary() {
