@@ -2,6 +2,10 @@
 # and links in /usr/sbin to the programs, so that they are in the PATH.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME nubo-set-config)
+# A package is for one Debian release, whose libraries it needs. Its version tells which, so that an upgrade of Debian
+# upgrades it: 1.1.0~deb12 < 1.1.0~deb13 < 1.1.0.
+cmake_host_system_information(RESULT release QUERY DISTRIB_VERSION_ID)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION}~deb${release})
 set(CPACK_PACKAGE_CONTACT "nubo_set_config authors <maintainers@nubo-set-config.invalid>")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION mail)
@@ -43,12 +47,16 @@ include(CPack)
 
 set(DOC /usr/share/doc/${CPACK_PACKAGE_NAME})
 install(FILES LICENSE DESTINATION ${DOC} RENAME copyright)
-install(FILES packaging/changelog DESTINATION ${DOC})
+foreach(file changelog NEWS)
+  configure_file(packaging/${file} ${PROJECT_BINARY_DIR}/packaging/${file} @ONLY)
+endforeach()
+install(FILES ${PROJECT_BINARY_DIR}/packaging/changelog DESTINATION ${DOC})
+install(FILES ${PROJECT_BINARY_DIR}/packaging/NEWS DESTINATION ${DOC} RENAME NEWS.Debian)
 install(FILES packaging/lintian-overrides DESTINATION /usr/share/lintian/overrides RENAME ${CPACK_PACKAGE_NAME})
 install(CODE "
   set(root \"\$ENV{DESTDIR}\")
   set(man \${root}/usr/share/man)
-  execute_process(COMMAND gzip -9nf \${root}${DOC}/changelog \${man}/man5/brindlecot-settings.5
+  execute_process(COMMAND gzip -9nf \${root}${DOC}/changelog \${root}${DOC}/NEWS.Debian \${man}/man5/brindlecot-settings.5
     \${man}/man8/nubo_config_apply.8
     \${man}/man8/nubo_config_preview.8 \${man}/man8/nubo_set_config.8 COMMAND_ERROR_IS_FATAL ANY)
   file(MAKE_DIRECTORY \${root}/usr/sbin)
