@@ -2,38 +2,49 @@
 ///
 /// Each returns the exit status of the program: 0 the change is in force, 1 nothing was touched, 3 it was
 /// tried and taken back, 4 not everything could be put back. They throw only before anything was touched.
-/// Those that change something need the lock of the states (state.h).
 #pragma once
 
 #include <string>
 #include <vector>
 
-/// Runs nubo_set_config with the words and has the daemons follow. With `minutes` greater than 0 the change
-/// waits that long to be confirmed.
-int Apply(const std::vector<std::string>& words, double minutes);
+/// A command line, without the word of the command.
+struct Request {
+  std::vector<std::string> arguments;
+  double minutes = 0;  ///< within which the change has to be confirmed; 0: it need not be
+};
 
-/// The same with the settings of an earlier state; 0 is the one before the last. A state as found has no
-/// settings: its files are put back as they were.
-int Undo(int state, double minutes);
+/// Runs the command that the words of a command line begin with. Takes the lock of the states (state.h) for
+/// those that change something. Prints the usage and returns 2 when the command line is wrong.
+int RunCommandLine(const std::vector<std::string>& words, double minutes);
+
+/// Prints the usage to standard error and returns 2.
+int Usage();
+
+/// Runs nubo_set_config with the word of the arguments, or with all, and has the daemons follow.
+int Apply(const Request& request);
+
+/// The same with the settings of an earlier state; without a number, of the one before the last. A state as
+/// found has no settings: its files are put back as they were.
+int Undo(const Request& request);
 
 /// Puts a certificate and its private key (PEM files) in place, both at once, and has the daemons follow.
-int Renew(const std::string& certificate, const std::string& key);
+int Renew(const Request& request);
 
 /// Makes the pending change a state.
-int Confirm();
+int Confirm(const Request& request);
 
 /// Takes back a pending change that was not confirmed, after a power cut or a kill.
-int Recover();
+int Recover(const Request& request);
 
 /// Waits until the pending change is confirmed or gone; when its time is over, takes it back. Takes the lock
 /// itself.
-int Wait();
+int Wait(const Request& request);
 
 /// Shows how mail is, and which files differ from the last confirmed state. 0 when mail is well, else 1.
-int Check();
+int Check(const Request& request);
 
-/// Lists the states; with a number greater than 0, shows what made that state.
-int History(int state);
+/// Lists the states; with a number, shows what made that state.
+int History(const Request& request);
 
 /// Prints the DNS records of the mail domains, for a zone file.
-int Dns();
+int Dns(const Request& request);

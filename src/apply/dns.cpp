@@ -30,7 +30,7 @@ std::string Txt(const std::string& name, const std::string& text) {
 
 }  // namespace
 
-int Dns() {
+int Dns(const Request&) {
   Postfix smtp;
   if (smtp.LoadSettings() < 0) throw Fault("the SMTP settings cannot be read, see the system log");
   const std::string host = GetString(smtp, "smtp_hostname");

@@ -5,7 +5,9 @@
 #include "apply/commands.h"
 #include "apply/state.h"
 
-int Renew(const std::string& certificate, const std::string& key) {
+int Renew(const Request& request) {
+  const std::string& certificate = request.arguments[0];
+  const std::string& key = request.arguments[1];
   RunOrThrow({"openssl", "x509", "-in", certificate, "-noout", "-checkend", "0"},
              certificate + " is no valid certificate, or has expired");
   // An empty password: one that is asked for could not be given by the daemons either.

@@ -6,7 +6,7 @@
 #include "apply/commands.h"
 #include "apply/state.h"
 
-int Check() {
+int Check(const Request&) {
   bool well = true;
   // Whether they run or not: a daemon that is down is not well.
   std::set<std::string> daemons = {"Postfix"};
@@ -26,19 +26,4 @@ int Check() {
     }
   }
   return well ? 0 : 1;
-}
-
-int History(int state) {
-  if (state > 0) {
-    const std::string shown = ReadFile(StateDirectory(state) + "/preview");
-    if (shown.empty()) throw Fault("there is no such state");
-    std::cout << shown;
-    return 0;
-  }
-  for (const int number : States()) {
-    const std::string shown = ReadFile(StateDirectory(number) + "/preview");
-    std::cout << number << "  " << shown.substr(0, shown.find('\n')) << std::endl;
-  }
-  if (IsPending()) std::cout << "pending: " << ReadPending().what << std::endl;
-  return 0;
 }

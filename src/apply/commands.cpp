@@ -1,0 +1,97 @@
+#include "apply/commands.h"
+
+#include <algorithm>
+#include <chrono>
+#include <iostream>
+#include <string_view>
+
+#include "apply/change.h"
+#include "apply/state.h"
+#include "core/commands.h"
+#include "system/text.h"
+
+namespace {
+
+using std::chrono::seconds;
+using Arguments = std::vector<std::string>;
+
+bool None(const Arguments& arguments) { return arguments.empty(); }
+bool Two(const Arguments& arguments) { return arguments.size() == 2; }
+bool AnyNumber(const Arguments& arguments) {
+  const std::string number = arguments.empty() ? "1" : arguments[0];
+  return arguments.size() < 2 && !number.empty() && number.size() < 5 && number[0] != '0' &&
+         number.find_first_not_of("0123456789") == std::string::npos;
+}
+bool AnyWord(const Arguments& arguments) {
+  return arguments.empty() || (arguments.size() == 1 && Contains(CommandWords(), arguments[0]));
+}
+
+// How a command takes the lock of the states: not at all, or how long it waits while another one has it;
+// kSettled waits for the end of a pending change, too.
+enum class Lock { kNone, kAtOnce, kMinute, kSettled };
+
+struct Command {
+  std::string_view word;
+  std::string_view shown;  // its arguments, in the usage
+  bool (*valid)(const Arguments& arguments);
+  bool timed;  // takes -t
+  Lock lock;
+  int (*run)(const Request& request);
+};
+
+// The first one needs no word of its own.
+constexpr Command kCommands[] = {
+    {"", "[smtp|dovecot|mailscanner|alias|domain_alias|sender_quota_map]", AnyWord, true, Lock::kAtOnce,
+     Apply},
+    {"check", "", None, false, Lock::kNone, Check},
+    {"confirm", "", None, false, Lock::kAtOnce, Confirm},
+    {"undo", " [STATE]", AnyNumber, true, Lock::kAtOnce, Undo},
+    {"history", " [STATE]", AnyNumber, false, Lock::kNone, History},
+    {"recover", "", None, false, Lock::kMinute, Recover},
+    // A certificate comes by a timer, which will not try again soon.
+    {"renew", " CERTIFICATE KEY", Two, false, Lock::kSettled, Renew},
+    {"dns", "", None, false, Lock::kNone, Dns},
+    {"wait", "", None, false, Lock::kNone, Wait},  // run by -t, so not in the usage
+};
+
+void Take(Lock lock) {
+  switch (lock) {
+    case Lock::kNone:
+      return;
+    case Lock::kAtOnce:
+      LockStates(seconds(0), false);
+      break;
+    case Lock::kMinute:
+      LockStates(seconds(60), false);
+      break;
+    case Lock::kSettled:
+      LockStates(seconds(3600), true);
+      break;
+  }
+  OutliveSession();
+}
+
+}  // namespace
+
+int Usage() {
+  const char* begin = "Usage: ";
+  for (const Command& command : kCommands) {
+    if (command.run == Wait) continue;
+    std::cerr << begin << "nubo_config_apply " << (command.timed ? "[-t MINUTES] " : "") << command.word
+              << command.shown << '\n';
+    begin = "       ";
+  }
+  return 2;
+}
+
+int RunCommandLine(const std::vector<std::string>& words, double minutes) {
+  const auto named = std::find_if(kCommands + 1, std::end(kCommands), [&](const Command& command) {
+    return !words.empty() && words[0] == command.word;
+  });
+  const bool other = named == std::end(kCommands);
+  const Command& command = other ? kCommands[0] : *named;
+  const Request request = {{words.begin() + (other ? 0 : 1), words.end()}, minutes};
+  if (!command.valid(request.arguments) || (minutes > 0 && !command.timed)) return Usage();
+  Take(command.lock);
+  return command.run(request);
+}

@@ -1,0 +1,22 @@
+#include <filesystem>
+#include <iostream>
+
+#include "apply/basics.h"
+#include "apply/change.h"
+#include "apply/commands.h"
+#include "apply/state.h"
+
+int Recover(const Request&) {
+  if (!IsPending()) {
+    std::cout << "No change is pending." << std::endl;
+    return 0;
+  }
+  const Change pending = ReadPending();
+  if (States().count(pending.base + 1) == 0) {
+    const bool finished = std::filesystem::exists(kPending + "/next");
+    return GoBack(pending, finished ? "it was not confirmed" : "it was not finished");
+  }
+  EndPending();  // it was killed before it could say so
+  std::cout << "The change was confirmed." << std::endl;
+  return 0;
+}
