@@ -49,7 +49,7 @@ void CheckAgain(const Change& change, const std::string& subject, const std::str
   const Step step("Mail is checked");
   std::list<std::string> worse;
   for (const MailObservation& one : AskMail(change.running, subject, change.what + text)) {
-    if (!one.good && change.unwell.count(one.what) == 0) worse.push_back(one.what + ": " + one.detail);
+    if (one.Bad() && change.unwell.count(one.what) == 0) worse.push_back(one.what + ": " + one.detail);
   }
   if (!worse.empty()) throw Fault(JoinList(worse, "; "));
 }
@@ -168,7 +168,7 @@ Change Begin(const std::string& what) {
        AskMail(change.running, "Mail before a change of its configuration",
                "The configuration is about to change. This message shows that mail is "
                "delivered.\n")) {
-    if (!one.good) change.unwell.insert(one.what);
+    if (one.Bad()) change.unwell.insert(one.what);
   }
   step.Say(change.running.empty() ? "no daemon runs"
            : change.unwell.empty()

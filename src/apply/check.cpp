@@ -13,8 +13,8 @@ int Check(const Request&) {
   if (std::filesystem::exists("/usr/sbin/dovecot")) daemons.insert("Dovecot");
   for (const MailObservation& one :
        AskMail(daemons, "Mail is checked", "nubo_config_apply check asked for this.\n")) {
-    std::cout << (one.good ? "good  " : "BAD   ") << one.what << ": " << one.detail << std::endl;
-    well = well && one.good;
+    std::cout << (!one.Bad() ? "good  " : "BAD   ") << one.what << ": " << one.detail << std::endl;
+    well = well && !one.Bad();
   }
   if (IsPending()) std::cout << "A change is pending: " << ReadPending().what << std::endl;
   if (States().empty()) return well ? 0 : 1;

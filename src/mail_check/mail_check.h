@@ -3,14 +3,31 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
-/// One thing that was tried. `what` is its name, the same in every check, so that two checks can be compared.
-/// `detail` is what was seen: the server's answer, or why there was none.
+/// One question, and what was seen.
 struct MailObservation {
-  std::string what;
-  bool good;
-  std::string detail;
+  enum State {
+    kGood,
+    kBad,      ///< mail is broken, or the machine is open
+    kWarning,  ///< allowed, but the administrator should know
+    kNotAsked  ///< could not be asked, or there was no answer that decides
+  };
+
+  /// With the state kGood or kBad.
+  MailObservation(std::string name, bool good, std::string answer, std::string who = "")
+      : MailObservation(std::move(name), good ? kGood : kBad, std::move(answer), std::move(who)) {}
+  MailObservation(std::string name, State seen, std::string answer, std::string who = "")
+      : what(std::move(name)), state(seen), detail(std::move(answer)), consequence(std::move(who)) {}
+
+  bool Bad() const { return state == kBad; }
+
+  std::string what;  ///< its name, the same in every check, so that two checks can be compared
+  State state;
+  std::string detail;  ///< the server's answer, or why there was none
+  std::string
+      consequence;  ///< one sentence when it is not good: who cannot do what, or who can; may be empty
 };
 
 /// What to check.

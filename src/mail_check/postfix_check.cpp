@@ -138,7 +138,7 @@ bool HasEnded(MailObservation& seen, const std::string& log, std::streamoff begi
     } else if (queueId.empty() || !Contains(line, ' ' + queueId + ": ")) {
       continue;
     } else if (Contains(line, ": hold: ") || Contains(line, ": removed")) {
-      seen.good = true;
+      seen.state = MailObservation::kGood;
       if (Contains(line, ": hold: ")) seen.detail = "held, for scanning";
       return true;
     } else if (std::regex_search(line, match, std::regex("status=(sent|deferred|bounced|expired) .*"))) {
@@ -149,12 +149,12 @@ bool HasEnded(MailObservation& seen, const std::string& log, std::streamoff begi
       } else if (match[1] == "sent") {
         stays = true;
       } else {
-        seen.good = match[1] == "deferred" && waitingIsGood;
+        if (match[1] == "deferred" && waitingIsGood) seen.state = MailObservation::kGood;
         return true;
       }
     }
   }
-  seen.good = leaves;
+  if (leaves) seen.state = MailObservation::kGood;
   return leaves && stays;
 }
 
@@ -169,7 +169,7 @@ void SendMessage(Observations& seen, const MailCheck& check, const Parameters& m
                      "\nAuto-Submitted: auto-generated\n\n" + check.text);
   MailObservation message = {"a message from this machine", false, handedIn.errors};
   if (handedIn.status == 0 && log.empty()) {
-    message.good = true;
+    message.state = MailObservation::kGood;
     message.detail = "handed in, and not followed, since maillog_file is empty";
   } else if (handedIn.status == 0) {
     const bool waitingIsGood = check.isolated && Contains(main.at("alias_maps"), "ldap:");

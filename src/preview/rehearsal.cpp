@@ -153,7 +153,11 @@ std::vector<Verdict> Rehearse(const std::vector<std::string>& taken) {
   if (check.postfix)
     RunProgram({"sendmail", "-C", kEtc, "-i", "-f", "postmaster", kElsewhere}, "Subject: rehearsal\n\n");
   for (const MailObservation& seen : CheckMail(check)) {
-    verdicts.push_back(Judge("rehearsal: " + seen.what, seen.good, Lines(seen.good ? "" : seen.detail)));
+    constexpr Verdict::Word kWords[] = {Verdict::kGood, Verdict::kRefused, Verdict::kWarning,
+                                        Verdict::kNotAsked};
+    const bool good = seen.state == MailObservation::kGood;
+    verdicts.push_back({"rehearsal: " + seen.what, kWords[seen.state], Lines(good ? "" : seen.detail),
+                        good ? "" : seen.consequence});
   }
   if (check.postfix) {
     FollowOut(log);

@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr const char* kWords[] = {"good", "refused", "not installed"};
+constexpr const char* kWords[] = {"good", "refused", "not installed", "warning", "not asked"};
 
 bool Refused(const Preview& preview) {
   return std::any_of(preview.verdicts.begin(), preview.verdicts.end(),

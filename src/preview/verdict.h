@@ -10,10 +10,11 @@
 
 /// One check, and how it went.
 struct Verdict {
-  enum Word { kGood, kRefused, kNotInstalled };
+  enum Word { kGood, kRefused, kNotInstalled, kWarning, kNotAsked };
   std::string by;  ///< a command line, or what was tried
   Word word;
   std::vector<std::string> said;  ///< may hold warnings even when the word is good
+  std::string consequence{};      ///< one sentence: who cannot do what, or who can; may be empty
 };
 
 /// The verdict "good" or "refused"; a line that is said twice stands in it once.
