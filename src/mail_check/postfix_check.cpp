@@ -17,7 +17,7 @@
 namespace {
 
 constexpr std::chrono::seconds kDelivery(15);
-constexpr std::chrono::seconds kAfterFault(3);  // the fatal error may belong to another message
+constexpr std::chrono::seconds kAfterFault(3);  // the fatal error may be of another try
 
 // ---- Listeners ------------------------------------------------------------------------------
 
@@ -115,47 +115,48 @@ void AskAsStranger(Observations& seen, const Listener& listener, const Parameter
 
 // ---- A message ------------------------------------------------------------------------------
 
-// Reads in the log what became of the message. False while that is not decided; `seen` then says how far it
-// got.
+// Reads in the log what became of the message for postmaster. A copy for somebody else (always_bcc) does not
+// count. False while that is not decided; `seen` then says how far it got. Anybody may write a line with
+// "fatal: " into the log, so such a line is a reason and no verdict.
 bool HasEnded(MailObservation& seen, const std::string& log, std::streamoff begin,
               const std::string& messageId, bool isolated, bool waitingIsGood) {
   std::ifstream file(log);
   file.seekg(begin);
   std::vector<std::string> lines;
   std::string queueId;
+  std::string fatal;
+  std::smatch match;
   for (std::string line; std::getline(file, line);) {
     const size_t end = line.find(": message-id=" + messageId);
     if (end != std::string::npos) queueId = line.substr(0, end).substr(line.rfind(' ', end) + 1);
+    if (std::regex_search(line, match, std::regex("\\[[0-9]+\\]: (fatal: .*)")))
+      fatal = "; " + match[1].str();
     lines.push_back(line);
   }
-  bool leaves = false;
-  bool stays = false;
-  seen.detail = queueId.empty() ? "it is not taken into the queue" : "it waits in the queue";
+  seen.detail = (queueId.empty() ? "it is not taken into the queue" : "it waits in the queue") + fatal;
+  bool decided = false;
   for (const std::string& line : lines) {
-    std::smatch match;
-    if (std::regex_search(line, match, std::regex("(fatal|milter-reject): .*"))) {
-      seen.detail = match[0];
-    } else if (queueId.empty() || !Contains(line, ' ' + queueId + ": ")) {
-      continue;
-    } else if (Contains(line, ": hold: ") || Contains(line, ": removed")) {
+    if (queueId.empty() || !Contains(line, ' ' + queueId + ": ")) continue;
+    if (std::regex_search(line, match, std::regex(": milter-reject: .*"))) {
+      seen.detail = match.str().substr(2);
+      return true;
+    }
+    if (Contains(line, ": hold: ") || Contains(line, ": removed")) {
       seen.state = MailObservation::kGood;
       if (Contains(line, ": hold: ")) seen.detail = "held, for scanning";
       return true;
-    } else if (std::regex_search(line, match, std::regex("status=(sent|deferred|bounced|expired) .*"))) {
-      seen.detail = match[0];
-      // A copy for another host, or a filter that does not run here. The local copy is still to come.
-      if (isolated && match[1] == "deferred" && Contains(line, "/smtp[")) {
-        leaves = true;
-      } else if (match[1] == "sent") {
-        stays = true;
-      } else {
-        if (match[1] == "deferred" && waitingIsGood) seen.state = MailObservation::kGood;
-        return true;
-      }
     }
+    if (!Contains(line, " orig_to=<postmaster>,") ||
+        !std::regex_search(line, match, std::regex("status=(sent|deferred|bounced|expired) .*"))) {
+      continue;
+    }
+    decided = true;
+    seen.detail = match[0];
+    const bool mayWait = isolated && (waitingIsGood || Contains(line, "/smtp["));
+    if (match[1] != "sent" && !(match[1] == "deferred" && mayWait)) return true;
   }
-  if (leaves) seen.state = MailObservation::kGood;
-  return leaves && stays;
+  if (decided) seen.state = MailObservation::kGood;
+  return decided;
 }
 
 void SendMessage(Observations& seen, const MailCheck& check, const Parameters& main) {
@@ -178,7 +179,8 @@ void SendMessage(Observations& seen, const MailCheck& check, const Parameters& m
         [&] {
           return HasEnded(message, log, std::max<std::streamoff>(begin, 0), id, check.isolated,
                           waitingIsGood) ||
-                 (Contains(message.detail, ": ") && std::chrono::steady_clock::now() > start + kAfterFault);
+                 (check.isolated && Contains(message.detail, "fatal: ") &&
+                  std::chrono::steady_clock::now() > start + kAfterFault);
         },
         kDelivery);
   }
