@@ -10,6 +10,7 @@
 #include "apply/basics.h"
 #include "core/config_generator.h"
 #include "mail_check/daemons.h"
+#include "mail_check/listeners.h"
 
 namespace {
 

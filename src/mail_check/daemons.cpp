@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "system/program.h"
 #include "system/text.h"
 
 // clang-format off
@@ -12,13 +11,13 @@ const std::vector<Daemon>& Daemons() {
   static const std::string dovecot = kEtc + "/dovecot/dovecot.conf";
   static const std::vector<Daemon> daemons = {
       {"OpenDKIM", "brindlecot-opendkim", "/usr/sbin/opendkim", openDkim,
-       {"opendkim", "-x", openDkim}, {"opendkim", "-n", "-x", openDkim}, "8891", {kEtc + "/opendkim"}},
+       {"opendkim", "-x", openDkim}, {"opendkim", "-n", "-x", openDkim}, "8891", "opendkim", {kEtc + "/opendkim"}},
       {"OpenDMARC", "brindlecot-opendmarc", "/usr/sbin/opendmarc", openDmarc,
-       {"opendmarc", "-c", openDmarc}, {"opendmarc", "-n", "-c", openDmarc}, "8893", {kEtc + "/opendmarc"}},
+       {"opendmarc", "-c", openDmarc}, {"opendmarc", "-n", "-c", openDmarc}, "8893", "opendmarc", {kEtc + "/opendmarc"}},
       {"Dovecot", "brindlecot-dovecot", "/usr/sbin/dovecot", dovecot,
-       {"dovecot", "-c", dovecot}, {"doveconf", "-c", dovecot, "-n"}, "", {kEtc + "/dovecot/", kSsl}},
+       {"dovecot", "-c", dovecot}, {"doveconf", "-c", dovecot, "-n"}, "", "", {kEtc + "/dovecot/", kSsl}},
       {"Postfix", "brindlecot-postfix", "/usr/lib/postfix/", kEtc,
-       {"postfix", "-c", kEtc, "start"}, {"postfix", "-c", kEtc, "check"}, "", {kEtc + "/", kSsl}}};
+       {"postfix", "-c", kEtc, "start"}, {"postfix", "-c", kEtc, "check"}, "", "", {kEtc + "/", kSsl}}};
   return daemons;
 }
 // clang-format on
@@ -32,8 +31,4 @@ bool IsWanted(const Daemon& daemon, const Parameters& mainCf) {
   const auto milters = mainCf.find("smtpd_milters");
   return daemon.milterPort.empty() ||
          (milters != mainCf.end() && Contains(milters->second, ":" + daemon.milterPort));
-}
-
-bool IsListening(const std::string& port) {
-  return !RunProgram({"ss", "-Hltn", "sport = :" + port}).output.empty();
 }

@@ -14,6 +14,7 @@ struct Daemon {
   std::vector<std::string> start;  ///< the command that starts it in the background
   std::vector<std::string> check;  ///< the command that checks its files
   std::string milterPort;          ///< where Postfix finds it on this machine; empty unless it is a milter
+  std::string account;             ///< the account that it takes, unless it is root; for a milter
   std::vector<std::string> files;  ///< how the paths of the files begin that it reads
 };
 
@@ -25,6 +26,3 @@ const Daemon& DaemonNamed(const std::string& name);
 
 /// True unless it is a milter that this main.cf does not name.
 bool IsWanted(const Daemon& daemon, const Parameters& mainCf);
-
-/// True when somebody on this machine listens on the TCP port.
-bool IsListening(const std::string& port);

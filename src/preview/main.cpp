@@ -27,7 +27,7 @@ int Usage() {
 }
 
 /// Inside the sandbox.
-Preview Try(const std::vector<std::string>& words, bool rehearsal, const std::vector<std::string>& taken) {
+Preview Try(const std::vector<std::string>& words, bool rehearsal, const std::vector<Place>& taken) {
   Preview preview;
   std::list<Checker> lint;  // takes as long as all the rest
   std::list<Checker> checkers;
@@ -83,7 +83,7 @@ int main(int argc, char* argv[]) {
   // No daemon that is rehearsed reads what this command writes.
   if (words == std::vector<std::string>{"mailscanner"}) rehearsal = false;
   try {
-    const std::vector<std::string> taken = TakenPlaces();
+    const std::vector<Place> taken = TakenPlaces();
     const int status = InSandbox([&] {
       const Preview preview = Try(words, rehearsal, taken);
       (json ? PrintJson : PrintText)(std::cout, preview);

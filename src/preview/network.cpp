@@ -1,13 +1,15 @@
 #include "preview/network.h"
 
 #include <netdb.h>
+#include <netinet/in.h>
 #include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
-#include <regex>
 #include <stdexcept>
 
+#include "mail_check/listeners.h"
 #include "mail_check/mail_questions.h"
 #include "preview/sandbox.h"
 #include "system/program.h"
@@ -16,18 +18,20 @@
 namespace {
 
 /// A socket bound to a place; negative when that is impossible.
-int Bound(const std::string& host, const char* port, int type) {
+int Bound(const Place& place, int type) {
   addrinfo wanted = {};
-  wanted.ai_flags = AI_PASSIVE | AI_NUMERICHOST | AI_NUMERICSERV;
-  wanted.ai_family = host == "*" ? AF_INET6 : AF_UNSPEC;
+  wanted.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
   wanted.ai_socktype = type;
   addrinfo* found = nullptr;
-  if (getaddrinfo(host == "*" ? nullptr : host.c_str(), port, &wanted, &found) != 0) return -1;
+  if (getaddrinfo(place.address.c_str(), place.port.c_str(), &wanted, &found) != 0) return -1;
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
   const int file = socket(found->ai_family, type | SOCK_CLOEXEC, 0);
   const int yes = 1;
-  setsockopt(file, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  if (bind(file, found->ai_addr, found->ai_addrlen) == 0) return file;
+  // The second time for a program that listens on both 0.0.0.0 and ::.
+  if (bind(file, found->ai_addr, found->ai_addrlen) == 0 ||
+      (setsockopt(file, IPPROTO_IPV6, IPV6_V6ONLY, &yes, sizeof yes) == 0 &&
+       bind(file, found->ai_addr, found->ai_addrlen) == 0))
+    return file;
   close(file);
   return -1;
 }
@@ -50,17 +54,17 @@ int Bound(const std::string& host, const char* port, int type) {
 
 }  // namespace
 
-std::vector<std::string> TakenPlaces() {
-  const std::regex mail(R"re("(master|smtpd|dovecot|imap-login|pop3-login|opendkim|opendmarc)")re");
-  std::vector<std::string> places;
-  for (const std::string& line : Lines(RunProgram({"ss", "-Hltnp"}).output)) {
-    const std::vector<std::string> words = Words(line);  // state, two queues, the place, the other end, who
-    if (words.size() > 3 && !std::regex_search(line, mail)) places.push_back(words[3]);
+std::vector<Place> TakenPlaces() {
+  std::vector<Place> places;
+  for (const TcpListener& listener : TcpListeners()) {
+    if (std::none_of(Daemons().begin(), Daemons().end(),
+                     [&](const Daemon& daemon) { return Belongs(listener, daemon); }))
+      places.push_back({listener.address, listener.port});
   }
   return places;
 }
 
-void LeaveNetwork(const std::vector<std::string>& taken) {
+void LeaveNetwork(const std::vector<Place>& taken) {
   std::string changes = "link set lo up\n";
   for (const std::string& address : OwnAddresses()) changes += "addr add " + address + " dev lo\n";
   changes += "addr add 192.0.2.10 dev lo\n";  // for a machine that has none: an example's (RFC 5737)
@@ -68,15 +72,10 @@ void LeaveNetwork(const std::vector<std::string>& taken) {
   if (RunProgram({"ip", "-force", "-batch", "-"}, changes).status == kNotRun) {
     throw std::runtime_error("ip(8) is missing: the rehearsal takes iproute2");
   }
-  for (const std::string& place : taken) {
-    const std::regex form(
-        R"(\[?([^%\]]*)(?:%.*)?\]?:(\d+))");  // [ADDRESS%INTERFACE]:PORT, or without any of it
-    std::smatch match;
-    if (!std::regex_match(place, match, form)) continue;
-    const int listener = Bound(match[1], match[2].str().c_str(), SOCK_STREAM);
-    if (listener >= 0) listen(listener, 1);  // until the process ends
-  }
+  // A connection is refused there, and nobody else can listen. (Linux lets two sockets share a place when
+  // both were made with SO_REUSEADDR and neither listens.)
+  for (const Place& place : taken) Bound(place, SOCK_STREAM);  // until the process ends
   ReplaceByText("/etc/resolv.conf", "nameserver 127.0.0.1\noptions attempts:1\n");
-  const int names = Bound("127.0.0.1", "53", SOCK_DGRAM);
+  const int names = Bound({"127.0.0.1", "53"}, SOCK_DGRAM);
   if (names >= 0 && fork() == 0) AnswerNames(names);
 }

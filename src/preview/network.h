@@ -4,11 +4,17 @@
 #include <string>
 #include <vector>
 
-/// The places, as ADDRESS:PORT, where programs other than mail daemons listen for TCP connections. To be
-/// asked outside the sandbox, from where such programs cannot be seen.
-std::vector<std::string> TakenPlaces();
+/// Where a program listens for TCP connections; both are numeric.
+struct Place {
+  std::string address;
+  std::string port;
+};
+
+/// The places where programs other than our daemons listen. To be asked outside the sandbox, from where such
+/// programs cannot be seen.
+std::vector<Place> TakenPlaces();
 
 /// Leaves the machine's network for good. In the new one there are the loopback interface, with the machine's
-/// own addresses beside its usual ones; somebody who listens at the places that are taken; and a name server
+/// own addresses beside its usual ones; sockets that keep the taken places; and a name server
 /// that answers at once that it does not know. To be called in the sandbox.
-void LeaveNetwork(const std::vector<std::string>& taken);
+void LeaveNetwork(const std::vector<Place>& taken);

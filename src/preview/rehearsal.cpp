@@ -11,6 +11,7 @@
 
 #include "mail_check/configuration.h"
 #include "mail_check/daemons.h"
+#include "mail_check/listeners.h"
 #include "mail_check/mail_check.h"
 #include "preview/log.h"
 #include "preview/network.h"
@@ -117,7 +118,7 @@ void CoverData() {
   }
 }
 
-std::vector<Verdict> Rehearse(const std::vector<std::string>& taken) {
+std::vector<Verdict> Rehearse(const std::vector<Place>& taken) {
   std::vector<Verdict> verdicts;
   const bool postfix = fs::exists(kMain) && fs::exists(kEtc + "/master.cf");
   LeaveNetwork(taken);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "preview/network.h"
 #include "preview/verdict.h"
 
 /// Covers what daemons write to beside the generated files: the data of mail, Postfix's queue without what is
@@ -17,4 +18,4 @@ void CoverData();
 /// Starts Dovecot, the milters that are on and Postfix, as far as they are installed and have files, and asks
 /// them. `taken` are the places where others listen (TakenPlaces). To be called once, after
 /// CoverData: the network is left for good.
-std::vector<Verdict> Rehearse(const std::vector<std::string>& taken);
+std::vector<Verdict> Rehearse(const std::vector<Place>& taken);
