@@ -27,6 +27,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kTarget = "/var/packages/Brindlecot/target";
+constexpr int kDeepest = 5;  // a queue below target/var needs so many
+constexpr int kMostDirectories = 10'000;
 constexpr const char* kHelper = "/usr/nubo/sbin/nubopkghelper";
 
 /// `result`; throws when it is negative.
@@ -60,15 +62,17 @@ void Copy(const fs::path& from, const fs::path& to) {
   throw std::runtime_error(copied.errors);
 }
 
-/// Makes a directory as `from`, and in it directories as those below `from`.
-void CopyDirectories(const fs::path& from, const fs::path& to) {
+/// Makes a directory as `from`, and in it directories as those below `from`. Links are not followed, and
+/// there are limits, since users make links and directories too.
+void CopyDirectories(const fs::path& from, const fs::path& to, int depth, int& mostLeft) {
   struct stat status = {};
-  if (stat(from.c_str(), &status) != 0) return;
+  if (lstat(from.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || --mostLeft < 0) return;
   fs::create_directories(to);
   MakeLike(status, to);
   std::error_code gone;
+  if (depth == 0) return;
   for (const fs::directory_entry& entry : fs::directory_iterator(from, gone)) {
-    if (entry.is_directory(gone)) CopyDirectories(entry.path(), to / entry.path().filename());
+    CopyDirectories(entry.path(), to / entry.path().filename(), depth - 1, mostLeft);
   }
 }
 
@@ -171,7 +175,8 @@ void Cover(const std::string& directory, const std::vector<std::string>& kept) {
 
 void CoverByDirectories(const std::string& directory) {
   if (!fs::is_directory(directory)) return;
-  CopyDirectories(directory, kWork + directory);
+  int mostLeft = kMostDirectories;
+  CopyDirectories(fs::canonical(directory), kWork + directory, kDeepest, mostLeft);
   Bind(kWork + directory, directory);
 }
 
