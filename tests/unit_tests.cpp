@@ -41,7 +41,10 @@ extern "C" passwd* getpwent() {
   return &entry;
 }
 
-extern "C" passwd* getpwnam(const char*) { return database->isGone ? nullptr : &entry; }
+extern "C" passwd* getpwnam(const char* name) {
+  const bool gone = database != std::end(databases) && database->isGone;
+  return gone || name == std::string("no-such") ? nullptr : &entry;
+}
 
 namespace {
 

@@ -10,7 +10,7 @@ TEST(Warnings, EachSettingHasItsLine) {
   Json::Value aliases, attachments;
   imapPop3.Get("imap_enabled") = Value<bool>{false};
   EXPECT_EQ(SettingsWarnings(smtp, scanner, imapPop3, aliases, attachments, false).size(), 0U);
-  smtp.GetAdditionDomain() = {"ü.example", "$$.${mydomain}.$(mydomain).$mydomain", "${", "a$"};
+  smtp.GetAdditionDomain() = {"ü.example", "$$.${mydomain}.$(mydomain).$mydomain", "${", "a$", "@b.example"};
   smtp.GetDNSBLList() = {{"$", "RBL"}};
   smtp.Get("smtp_relay_enabled") = Value<bool>{true};
   smtp.Get("smtp_relay_server_port") = Value<int>{465};
@@ -18,6 +18,10 @@ TEST(Warnings, EachSettingHasItsLine) {
   scanner.Get("spam_rewrite_subject") = Value<std::string>{"#1"};
   aliases["a@b"].append(":include:/etc/shadow");
   aliases["c"].append("|rm");
+  aliases["d"] = Json::arrayValue;
+  for (const char* name : {"C", "root@localhost", "postmaster", "no-such@far.example", "no-such@LOCALHOST"}) {
+    aliases["d"].append(name);
+  }
   attachments["deny_extensions"].append("exe");
   std::string keys;
   for (const std::string& line : SettingsWarnings(smtp, scanner, imapPop3, aliases, attachments, true)) {
@@ -26,6 +30,31 @@ TEST(Warnings, EachSettingHasItsLine) {
             (line.find("xn--tda.example") != line.npos ? "! " : " ");
   }
   EXPECT_EQ(keys,
-            "additional_domains! additional_domains additional_domains dnsbl smtp_relay_server_port "
-            "spam_rewrite_subject imap_enabled a@b a@b c deny_extensions ");
+            "additional_domains! additional_domains additional_domains additional_domains dnsbl "
+            "smtp_relay_server_port spam_rewrite_subject imap_enabled deny_extensions a@b a@b c d ");
+}
+
+TEST(Warnings, EachParameterHasItsLine) {
+  const struct {
+    Parameters mainCf;
+    const char* services;
+    const char* options;
+    const char* said;
+  } kCases[] = {
+      {{{"mynetworks", "127.0.0.0/8, [::1]/128 hash:/x 0.0.0.0/0 10.1.2.3"}}, "", "", ""},
+      {{{"mynetworks", "10.1.2.3/20"}}, "", "", "write 10.1.0.0/20"},
+      {{{"mynetworks", "![2001:db8::1]/29"}}, "", "", "write [2001:db8::]/29"},
+      {{{"smtpd_tls_security_level", "encrypt"}}, "587 inet n", "", ""},
+      {{{"smtpd_tls_security_level", "encrypt"}}, "a unix n\n25   inet n", "", "port 25 demands TLS"},
+      {{{"smtpd_tls_security_level", "encrypt"}}, "25 inet n", "25/inet/smtpd_tls_security_level = may", ""},
+      {{}, "1:smtp inet n", "1:smtp/inet/smtpd_tls_security_level = encrypt", "port 25 demands TLS"},
+      {{{"inet_interfaces", "localhost, [::1]"}}, "", "", "only programs on this machine"},
+      {{{"inet_interfaces", "127.0.0.1 192.0.2.1"}}, "", "", ""},
+  };
+  for (const auto& row : kCases) {
+    const Warnings warnings = PostfixWarnings(row.mainCf, row.services, row.options);
+    ASSERT_EQ(warnings.size(), *row.said == '\0' ? 0U : 1U) << row.said << row.options;
+    for (const std::string& warning : warnings)
+      EXPECT_NE(warning.find(row.said), std::string::npos) << warning;
+  }
 }

@@ -40,18 +40,22 @@ Preview Try(const std::vector<std::string>& words, bool rehearsal, const std::ve
     if (word != "mailscanner") StartCheckers(checkers, word);
   }
   preview.files = FindDifferences(preview.masks);
+  const std::string listeners = kEtc + "/dovecot/conf.d/10-master.conf";
+  const bool listenersChange = std::any_of(preview.files.begin(), preview.files.end(),
+                                           [&](const Difference& file) { return file.path == listeners; });
+  // A process of its own stays on the machine's network, and its peers may keep it waiting.
+  Program warnings([&] {
+    if (preview.Failed()) return 0;
+    for (const std::string& line : AllWarnings(listenersChange, MainCf())) std::cout << line << '\n';
+    return 0;
+  });
   preview.verdicts = Verdicts(checkers);
   const auto add = [&](const std::vector<Verdict>& more) {
     preview.verdicts.insert(preview.verdicts.end(), more.begin(), more.end());
   };
   if (rehearsal) add(Rehearse(taken));
   add(Verdicts(lint));
-  if (!preview.Failed()) {
-    const std::string listeners = kEtc + "/dovecot/conf.d/10-master.conf";
-    preview.warnings =
-        SettingsWarnings(std::any_of(preview.files.begin(), preview.files.end(),
-                                     [&](const Difference& file) { return file.path == listeners; }));
-  }
+  for (const std::string& line : Lines(warnings.Wait().output)) preview.warnings.push_back(line);
   return preview;
 }
 

@@ -68,7 +68,7 @@ void LeaveNetwork(const std::vector<Place>& taken) {
   std::string changes = "link set lo up\n";
   for (const std::string& address : OwnAddresses()) changes += "addr add " + address + " dev lo\n";
   changes += "addr add 192.0.2.10 dev lo\n";  // for a machine that has none: an example's (RFC 5737)
-  if (unshare(CLONE_NEWNET) != 0) throw std::runtime_error("cannot make a network namespace");
+  if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) throw std::runtime_error("cannot make a network namespace");
   if (RunProgram({"ip", "-force", "-batch", "-"}, changes).status == kNotRun) {
     throw std::runtime_error("ip(8) is missing: the rehearsal takes iproute2");
   }

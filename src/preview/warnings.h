@@ -1,4 +1,4 @@
-/// Warnings about settings that are valid but will cause trouble with mail.
+/// Warnings about what is valid but will cause trouble with mail. A warning is one line, "FILE: KEY: text".
 #pragma once
 
 #include <json/json.h>
@@ -6,15 +6,25 @@
 #include <string>
 #include <vector>
 
+#include "mail_check/configuration.h"
 #include "platform/brindlecot.h"
 
-/// One line for each, "PATH: KEY: text", in the order of the files and keys. Reads the stored settings and
-/// the customisation files. `listenersChange` is true when Dovecot's 10-master.conf is about to change. No
-/// line when a file cannot be loaded: loading it logs what is wrong.
-std::vector<std::string> SettingsWarnings(bool listenersChange);
+using Warnings = std::vector<std::string>;
 
-/// The same for the given settings. `aliases` and `attachments` are the JSON objects in aliases.json and
-/// attachment_filter.json.
-std::vector<std::string> SettingsWarnings(Postfix& smtp, MailScanner& scanner, ImapPop3& imapPop3,
-                                          const Json::Value& aliases, const Json::Value& attachments,
-                                          bool listenersChange);
+/// All warnings about the stored settings, the new files and what they refer to outside this machine. To be
+/// called before the network is left: it asks DNS, and connects to directories and filters, at most three
+/// seconds each. `listenersChange` is true when Dovecot's 10-master.conf is about to change. `mainCf` is
+/// empty where there is no main.cf that Postfix can read.
+Warnings AllWarnings(bool listenersChange, const Parameters& mainCf);
+
+/// Warnings about the given settings and the customisation files, in the order of the files and keys.
+/// `aliases` and `attachments` are the JSON objects in aliases.json and attachment_filter.json.
+Warnings SettingsWarnings(Postfix& smtp, MailScanner& scanner, ImapPop3& imapPop3, const Json::Value& aliases,
+                          const Json::Value& attachments, bool listenersChange);
+
+/// Warnings about Postfix's parameters. `services` is what `postconf -M` prints of master.cf, and `options`
+/// what `postconf -P` prints.
+Warnings PostfixWarnings(Parameters mainCf, const std::string& services, const std::string& options);
+
+/// Warnings about the directories, filters and name servers that these parameters lead to.
+Warnings PeerWarnings(Parameters mainCf, const std::string& services, const std::string& options);

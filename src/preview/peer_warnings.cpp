@@ -1,0 +1,177 @@
+#include <arpa/nameser.h>
+#include <curl/curl.h>
+#include <netdb.h>
+#include <resolv.h>
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <regex>
+
+#include "preview/warnings.h"
+#include "system/files.h"
+#include "system/program.h"
+#include "system/text.h"
+
+namespace {
+
+const std::string kMain = kEtc + "/main.cf";
+const std::string kKeyTable = kEtc + "/opendkim/KeyTable";
+
+// ---- Connections -------------------------------------------------------------------------------------
+
+struct Peer {
+  std::string host;
+  std::string port;
+};
+
+bool Connects(const Peer& peer) {
+  const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
+  if (curl == nullptr) return true;
+  const bool v6 = Contains(peer.host, ":");
+  curl_easy_setopt(curl.get(), CURLOPT_URL,
+                   ("http://" + (v6 ? "[" + peer.host + "]" : peer.host) + ":" + peer.port).c_str());
+  curl_easy_setopt(curl.get(), CURLOPT_PROXY, "");
+  curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl.get(), CURLOPT_CONNECT_ONLY, 1L);
+  curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT, 3L);
+  return curl_easy_perform(curl.get()) == CURLE_OK;
+}
+
+/// The directories of alias_maps: "ldap:/path" names a file with `server_host`.
+void CheckDirectories(Warnings& warnings, Parameters& mainCf) {
+  const std::regex server(R"((?:^|\n)\s*server_host\s*=\s*(.*))");
+  const std::regex uri(R"((?:(ldaps?)://)?\[?([A-Za-z0-9._-]+|[0-9a-fA-F:]+:[0-9a-fA-F:]*)\]?(?::(\d+))?/?)");
+  for (const std::string& map : Words(mainCf["alias_maps"])) {
+    if (!StartsWith(map, "ldap:/")) continue;
+    const std::string file = map.substr(5);
+    const std::string text = ReadFile(file);
+    std::smatch hosts;
+    if (!std::regex_search(text, hosts, server) || Words(hosts[1]).empty()) {
+      warnings.push_back(kMain + ": alias_maps: " + file +
+                         " names no server, so mail for local recipients waits (451)");
+      continue;
+    }
+    const std::vector<std::string> places = Words(hosts[1]);
+    if (std::none_of(places.begin(), places.end(), [&](const std::string& place) {
+          std::smatch match;
+          if (!std::regex_match(place, match, uri)) return true;  // of a form that is not known here
+          const std::string usual = match[1] == "ldaps" ? "636" : "389";
+          return Connects({match[2], match[3].matched ? match[3].str() : usual});
+        })) {
+      warnings.push_back(file + ": server_host: no directory answers at " + hosts[1].str() +
+                         ", so mail for local recipients waits (451)");
+    }
+  }
+}
+
+/// True when somebody listens on the path: proc_pid_net(5), /proc/net/unix.
+bool IsSocket(const std::string& path) {
+  const std::string place = StartsWith(path, "/var/run/") ? path.substr(4) : path;
+  for (const std::string& line : Lines(ReadFile("/proc/thread-self/net/unix"))) {
+    const std::vector<std::string> words = Words(line);
+    if (words.size() > 7 && words[3] == "00010000" && (words[7] == path || words[7] == place)) return true;
+  }
+  return false;
+}
+
+/// Filters, policy services and milters that others run. One that Postfix runs itself has a line in
+/// `services`.
+void CheckFilters(Warnings& warnings, const Parameters& parameters, const std::string& services) {
+  const std::regex filter(
+      R"((?:^|[\s:,{])(?:unix:(/[^\s,}]+)|\[?([A-Za-z0-9_.-]+|[0-9a-fA-F:]+)\]?:(\d+))(?=[\s,}]|$))");
+  const std::regex policy(
+      R"(check_policy_service[\s,{]+(?:unix:(/[^\s,}]+)|inet:\[?([A-Za-z0-9_.-]+|[0-9a-fA-F:]+)\]?:(\d+)))");
+  const std::regex named("(content_filter|smtpd_proxy_filter|smtpd_milters)$");
+  const std::regex ours("8891|8893");  // started with Postfix
+  for (const auto& [name, value] : parameters) {
+    const bool restrictions = Contains(name, "smtpd_") && Contains(name, "_restrictions");
+    if (!restrictions && !std::regex_search(name, named)) continue;
+    const std::regex& form = restrictions ? policy : filter;
+    for (std::sregex_iterator one(value.begin(), value.end(), form), end; one != end; ++one) {
+      const std::string path = (*one)[1];
+      const Peer peer = {(*one)[2], (*one)[3]};
+      const bool own = std::regex_search(services, std::regex("(^|\n)([^ \n]*:)?" + peer.port + " +inet "));
+      const bool answers =
+          path.empty() ? own || std::regex_match(peer.port, ours) || Connects(peer) : IsSocket(path);
+      if (answers) continue;
+      warnings.push_back(kMain + ": " + name + ": nobody answers at " +
+                         (path.empty() ? peer.host + ", port " + peer.port : path) +
+                         ", so mail waits until somebody does");
+    }
+  }
+}
+
+// ---- The DKIM key in DNS -----------------------------------------------------------------------------
+
+/// The TXT records of a name. None when there is no answer.
+std::optional<std::vector<std::string>> TextRecords(const std::string& name) {
+  struct __res_state state = {};
+  if (res_ninit(&state) != 0) return std::nullopt;
+  const std::unique_ptr<struct __res_state, decltype(&res_nclose)> owner(&state, res_nclose);
+  state.retrans = 1;  // seconds
+  state.retry = 2;
+  unsigned char answer[16384];
+  const int size = res_nquery(&state, name.c_str(), ns_c_in, ns_t_txt, answer, sizeof answer);
+  std::vector<std::string> texts;
+  if (size < 0 && (state.res_h_errno == HOST_NOT_FOUND || state.res_h_errno == NO_DATA)) return texts;
+  ns_msg message;
+  if (size < 0 || ns_initparse(answer, std::min<int>(size, sizeof answer), &message) != 0)
+    return std::nullopt;
+  for (int i = 0; i < ns_msg_count(message, ns_s_an); ++i) {
+    ns_rr record;
+    if (ns_parserr(&message, ns_s_an, i, &record) != 0 || ns_rr_type(record) != ns_t_txt) continue;
+    std::string text;
+    const unsigned char* data = ns_rr_rdata(record);
+    for (size_t at = 0; at < ns_rr_rdlen(record); at += 1U + data[at]) {  // RFC 1035, section 3.3.14
+      text.append(reinterpret_cast<const char*>(data) + at + 1, data[at]);
+    }
+    texts.push_back(text);
+  }
+  return texts;
+}
+
+/// The public key as a DKIM record has it: base64 in one piece (RFC 6376, section 3.6.1).
+std::string PublicKey(const std::string& privateKey) {
+  std::string key;
+  for (const std::string& line :
+       Lines(RunProgram({"openssl", "pkey", "-in", privateKey, "-pubout"}).output)) {
+    if (line[0] != '-') key += line;
+  }
+  return key;
+}
+
+/// A receiver takes a signature for a forged one while the record is missing or has another key.
+void CheckDkimKeys(Warnings& warnings, Parameters& mainCf) {
+  if (!Contains(mainCf["smtpd_milters"], ":8891")) return;
+  for (const std::string& line : Lines(ReadFile(kKeyTable))) {
+    const std::vector<std::string> words = Words(line);  // NAME DOMAIN:SELECTOR:PATH
+    const size_t path = line.rfind(':');
+    if (words.size() < 2 || path == std::string::npos) continue;
+    const std::string key = PublicKey(line.substr(path + 1));
+    const auto records = TextRecords(words[0]);
+    if (key.empty() || !records) return;  // the rehearsal reads the key; without DNS, nothing is known
+    const bool published = std::any_of(records->begin(), records->end(), [&](std::string record) {
+      record.erase(std::remove(record.begin(), record.end(), ' '), record.end());
+      return Contains(record, "p=" + key);
+    });
+    if (published) continue;
+    warnings.push_back(
+        kKeyTable + ": " + words[0] + (records->empty() ? ": is not in DNS" : ": has another key in DNS") +
+        ", so what is signed fails at its receivers; publish this first, and apply when DNS answers "
+        "it: \"v=DKIM1; k=rsa; p=" +
+        key + "\"");
+  }
+}
+
+}  // namespace
+
+Warnings PeerWarnings(Parameters mainCf, const std::string& services, const std::string& options) {
+  Warnings warnings;
+  Parameters parameters = ParseParameters(options);
+  parameters.insert(mainCf.begin(), mainCf.end());
+  CheckDirectories(warnings, mainCf);
+  CheckFilters(warnings, parameters, services);
+  CheckDkimKeys(warnings, mainCf);
+  return warnings;
+}

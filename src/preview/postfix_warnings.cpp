@@ -1,0 +1,103 @@
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <regex>
+
+#include "preview/warnings.h"
+#include "system/program.h"
+#include "system/text.h"
+
+namespace {
+
+const std::string kMain = kEtc + "/main.cf";
+
+/// The network of the address, "192.0.2.0/24" for "192.0.2.7/24" and "[2001:db8::]/32" for
+/// "[2001:db8::1]/32"; empty when it is none, or already written so.
+std::string NetworkOf(const std::string& text) {
+  static const std::regex form(R"(!?(\[?)([0-9a-fA-F.:]+)\]?/(\d{1,3}))");
+  std::smatch match;
+  unsigned char bytes[sizeof(in6_addr)] = {};
+  if (!std::regex_match(text, match, form)) return "";
+  const int family = Contains(match[2], ":") ? AF_INET6 : AF_INET;
+  const unsigned long bits = std::stoul(match[3]);
+  if (inet_pton(family, match[2].str().c_str(), bytes) != 1) return "";
+  bool hostBits = false;
+  for (unsigned long bit = bits; bit < (family == AF_INET ? 32UL : 128UL); ++bit) {
+    const auto mask = static_cast<unsigned char>(0x80U >> bit % 8);
+    hostBits = hostBits || (bytes[bit / 8] & mask) != 0;
+    bytes[bit / 8] = static_cast<unsigned char>(bytes[bit / 8] & ~mask);
+  }
+  char network[INET6_ADDRSTRLEN] = "";
+  inet_ntop(family, bytes, network, sizeof network);
+  if (!hostBits) return "";
+  return family == AF_INET ? network + ("/" + match[3].str()) : "[" + (network + ("]/" + match[3].str()));
+}
+
+/// True when the port that other servers send to takes no mail without TLS.
+bool DemandsTls(Parameters& mainCf, const std::string& services, const std::string& options) {
+  const std::string port25 = "(^|\n)([^ \n]*:)?(25|smtp)";
+  if (!std::regex_search(services, std::regex(port25 + " +inet "))) return false;
+  std::smatch own;
+  const bool set =
+      std::regex_search(options, own, std::regex(port25 + "/inet/smtpd_tls_security_level = ([a-z]*)"));
+  const std::string level = set ? own[4].str() : mainCf["smtpd_tls_security_level"];
+  return level.empty() ? mainCf["smtpd_enforce_tls"] == "yes" : level == "encrypt";
+}
+
+bool IsLoopback(const std::string& interface) {
+  return interface == "loopback-only" || interface == "localhost" || StartsWith(interface, "127.") ||
+         interface == "::1" || interface == "[::1]";
+}
+
+/// The recipient access tables that discard mail for postmaster, which every mail system has to take (RFC
+/// 5321, section 4.5.1).
+void CheckPostmaster(Warnings& warnings, Parameters& mainCf) {
+  const std::string host = mainCf["myhostname"];
+  const std::regex named(
+      R"(check_recipient_access[ \t,{]+((hash|btree|lmdb|cdb|texthash|regexp|pcre|static|inline):[^ \t,}]+))");
+  std::vector<std::string> asked;
+  for (const auto& [name, value] : mainCf) {
+    if (!StartsWith(name, "smtpd_") || !Contains(name, "_restrictions")) continue;
+    for (std::sregex_iterator one(value.begin(), value.end(), named), end; one != end; ++one) {
+      const std::string table = (*one)[1];
+      if (Contains(asked, table)) continue;
+      asked.push_back(table);
+      const ProgramResult found =
+          RunProgram({"postmap", "-c", kEtc, "-q", "-", table},
+                     "postmaster@" + host + "\n" + host + "\npostmaster@\npostmaster\n");
+      for (const std::string& line : Lines(found.output)) {
+        if (!std::regex_search(line, std::regex("\tdiscard\\b", std::regex::icase))) continue;
+        warnings.push_back(table.substr(table.find(':') + 1) + ": " + line.substr(0, line.find('\t')) +
+                           ": mail for postmaster is discarded, so nobody can report a fault of mail");
+      }
+    }
+  }
+}
+
+}  // namespace
+
+Warnings PostfixWarnings(Parameters mainCf, const std::string& services, const std::string& options) {
+  Warnings warnings;
+  const auto warn = [&](const std::string& key, const std::string& text) {
+    warnings.push_back(kMain + ": " + key + ": " + text);
+  };
+  for (const std::string& network : Words(mainCf["mynetworks"])) {
+    const std::string right = NetworkOf(network);
+    if (!right.empty()) {
+      warn("mynetworks",
+           network + " has host bits, so Postfix answers 451 to all whose address it compares; write " +
+               right);
+    }
+  }
+  if (DemandsTls(mainCf, services, options)) {
+    warn("smtpd_tls_security_level",
+         "port 25 demands TLS, so mail from servers without TLS does not come (RFC 3207, section 4); write "
+         "may");
+  }
+  const std::vector<std::string> interfaces = Words(mainCf["inet_interfaces"]);
+  if (!interfaces.empty() && std::all_of(interfaces.begin(), interfaces.end(), IsLoopback)) {
+    warn("inet_interfaces", "only programs on this machine reach it, so no mail comes from others");
+  }
+  CheckPostmaster(warnings, mainCf);
+  return warnings;
+}
