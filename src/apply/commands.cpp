@@ -17,6 +17,7 @@ using Arguments = std::vector<std::string>;
 
 bool None(const Arguments& arguments) { return arguments.empty(); }
 bool Two(const Arguments& arguments) { return arguments.size() == 2; }
+bool MayCheck(const Arguments& arguments) { return arguments.empty() || arguments == Arguments{"check"}; }
 bool AnyNumber(const Arguments& arguments) {
   const std::string number = arguments.empty() ? "1" : arguments[0];
   return arguments.size() < 2 && !number.empty() && number.size() < 5 && number[0] != '0' &&
@@ -50,7 +51,7 @@ constexpr Command kCommands[] = {
     {"recover", "", None, false, Lock::kMinute, Recover},
     // A certificate comes by a timer, which will not try again soon.
     {"renew", " CERTIFICATE KEY", Two, false, Lock::kSettled, Renew},
-    {"dns", "", None, false, Lock::kNone, Dns},
+    {"dns", " [check]", MayCheck, false, Lock::kNone, Dns},
     {"wait", "", None, false, Lock::kNone, Wait},  // run by -t, so not in the usage
 };
 
