@@ -1,29 +1,144 @@
+#include <json/json.h>
+
+#include <algorithm>
+#include <ctime>
 #include <filesystem>
+#include <iomanip>
 #include <iostream>
+#include <sstream>
 
 #include "apply/basics.h"
 #include "apply/change.h"
 #include "apply/commands.h"
 #include "apply/state.h"
+#include "mail_check/certificate.h"
 
-int Check(const Request&) {
-  bool well = true;
+namespace {
+
+constexpr int kNotAsConfirmed = 5;
+
+constexpr const char* kWords[] = {"good", "bad", "warning", "not asked"};  // of MailObservation::State
+
+// "Postfix" of "Postfix, port 25".
+std::string DaemonOf(const MailObservation& listener) {
+  return listener.what.substr(0, listener.what.find(','));
+}
+
+// Adds each TLS listener's certificate, which may not be the one in its file any more.
+void AddCertificates(std::vector<MailObservation>& mail, Json::Value& shown) {
+  std::vector<Certificate> certificates;
+  try {
+    certificates = Certificates(PostfixParameters(kEtc));
+  } catch (const Fault&) {  // mail is not well, which is said already
+  }
+  for (const MailObservation& listener : std::vector(mail)) {
+    if (!listener.tls || listener.Bad()) continue;
+    const std::string what = listener.what + ", certificate";
+    const std::string fingerprint = ServedFingerprint(listener.place, listener.startTls);
+    const auto file = std::find_if(certificates.begin(), certificates.end(), [&](const Certificate& one) {
+      return one.fingerprint == fingerprint && Contains(one.readers, DaemonOf(listener));
+    });
+    if (file == certificates.end()) {
+      mail.emplace_back(what, false, "is not the one in its file: restart " + DaemonOf(listener));
+      continue;
+    }
+    const auto state = !file->usable         ? MailObservation::kBad
+                       : file->fault.empty() ? MailObservation::kGood
+                                             : MailObservation::kWarning;
+    mail.emplace_back(what, state,
+                      file->names + ", " +
+                          (file->fault.empty() ? std::to_string(file->days) + " days left"
+                                               : file->fault + ": " + file->file));
+    Json::Value one;
+    one["listener"] = listener.what;
+    one["names"] = file->names;
+    one["days"] = static_cast<Json::Int64>(file->days);
+    shown.append(one);
+  }
+}
+
+// How many messages wait, and since when the oldest does: postqueue(1), "JSON object format".
+Json::Value Queue() {
+  Json::Value queue;
+  queue["messages"] = 0;
+  for (const std::string& line : Lines(RunProgram({"postqueue", "-c", kEtc, "-j"}).output)) {
+    Json::Value message;
+    if (!(std::istringstream(line) >> message)) continue;
+    queue["messages"] = queue["messages"].asInt() + 1;
+    const Json::Value& arrival = message["arrival_time"];
+    if (queue["oldest"].isNull() || arrival < queue["oldest"]) queue["oldest"] = arrival;
+  }
+  return queue;
+}
+
+Json::Value ToJson(const MailObservation& one) {
+  Json::Value object;
+  object["what"] = one.what;
+  object["state"] = kWords[one.state];
+  object["detail"] = one.detail;
+  object["consequence"] = one.consequence;
+  return object;
+}
+
+void Print(const std::vector<MailObservation>& mail, const Json::Value& all) {
+  for (const MailObservation& one : mail) {
+    std::cout << std::left << std::setw(9) << (one.Bad() ? "BAD" : kWords[one.state]) << one.what << ": "
+              << one.detail << '\n';
+    if (!one.consequence.empty()) std::cout << std::setw(9) << "" << one.consequence << '\n';
+  }
+  for (const Json::Value& one : all["seen"]) {
+    const std::string status = one["status"].asString();
+    std::cout << std::left << std::setw(6)
+              << (status == "bad"       ? "BAD"
+                  : status == "warning" ? "warn"
+                                        : status)
+              << one["what"].asString() << ": " << one["detail"].asString() << '\n';
+  }
+  const int waiting = all["queue"]["messages"].asInt();
+  std::cout << "queue: " << waiting << (waiting == 1 ? " message waits" : " messages wait");
+  if (waiting > 0) {
+    const std::time_t oldest = all["queue"]["oldest"].asInt64();
+    std::cout << ", the oldest since " << std::put_time(std::localtime(&oldest), "%Y-%m-%d %H:%M:%S %z");
+  }
+  std::cout << '\n';
+  if (!all["pending"].isNull()) std::cout << "A change is pending: " << all["pending"].asString() << '\n';
+  for (const Json::Value& path : all["differing"]) {
+    std::cout << "differs from state " << all["state"] << ": " << path.asString() << '\n';
+  }
+  std::cout << std::flush;
+}
+
+}  // namespace
+
+int Check(const Request& request) {
   // Whether they run or not: a daemon that is down is not well.
   std::set<std::string> daemons = {"Postfix"};
   if (std::filesystem::exists("/usr/sbin/dovecot")) daemons.insert("Dovecot");
-  for (const MailObservation& one :
-       AskMail(daemons, "Mail is checked", "nubo_config_apply check asked for this.\n")) {
-    std::cout << (!one.Bad() ? "good  " : "BAD   ") << one.what << ": " << one.detail << std::endl;
-    well = well && !one.Bad();
-  }
-  if (IsPending()) std::cout << "A change is pending: " << ReadPending().what << std::endl;
-  if (States().empty()) return well ? 0 : 1;
-  const int last = *States().rbegin();
-  for (const Kind kind : {Kind::kInput, Kind::kOutput}) {
-    if (!Holds(StateDirectory(last), kind)) continue;
-    for (const std::string& path : Differing(kind, StateDirectory(last))) {
-      std::cout << "differs from state " << last << ": " << path << std::endl;
+  const bool message = !Contains(request.arguments, "--no-message");
+  std::vector<MailObservation> mail =
+      AskMail(daemons, message ? "Mail is checked" : "", "nubo_config_apply check asked for this.\n");
+  Json::Value all;
+  AddCertificates(mail, all["certificates"] = Json::arrayValue);
+  const bool well =
+      std::none_of(mail.begin(), mail.end(), [](const MailObservation& one) { return one.Bad(); });
+  all["queue"] = Queue();
+  if (IsPending()) all["pending"] = ReadPending().what;
+  Json::Value& differing = all["differing"] = Json::arrayValue;
+  if (!States().empty()) {
+    const int last = *States().rbegin();
+    all["state"] = last;
+    for (const Kind kind : {Kind::kInput, Kind::kOutput}) {
+      if (!Holds(StateDirectory(last), kind)) continue;
+      for (const std::string& path : Differing(kind, StateDirectory(last))) differing.append(path);
     }
   }
-  return well ? 0 : 1;
+  const int status = !well ? 1 : differing.empty() && all["pending"].isNull() ? 0 : kNotAsConfirmed;
+  all["exit_status"] = status;
+  if (Contains(request.arguments, "--json")) {
+    for (const MailObservation& one : mail) all["mail"].append(ToJson(one));
+    std::cout << all.toStyledString() << std::flush;
+  } else {
+    Print(mail, all);
+  }
+  return status;
 }

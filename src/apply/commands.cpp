@@ -17,6 +17,11 @@ using Arguments = std::vector<std::string>;
 
 bool None(const Arguments& arguments) { return arguments.empty(); }
 bool Two(const Arguments& arguments) { return arguments.size() == 2; }
+bool CheckOptions(const Arguments& arguments) {
+  return std::all_of(arguments.begin(), arguments.end(), [](const std::string& argument) {
+    return argument == "--json" || argument == "--no-message";
+  });
+}
 bool MayCheck(const Arguments& arguments) { return arguments.empty() || arguments == Arguments{"check"}; }
 bool AnyNumber(const Arguments& arguments) {
   const std::string number = arguments.empty() ? "1" : arguments[0];
@@ -44,7 +49,7 @@ struct Command {
 constexpr Command kCommands[] = {
     {"", "[smtp|dovecot|mailscanner|alias|domain_alias|sender_quota_map]", AnyWord, true, Lock::kAtOnce,
      Apply},
-    {"check", "", None, false, Lock::kNone, Check},
+    {"check", " [--json] [--no-message]", CheckOptions, false, Lock::kNone, Check},
     {"confirm", "", None, false, Lock::kAtOnce, Confirm},
     {"undo", " [STATE]", AnyNumber, true, Lock::kAtOnce, Undo},
     {"history", " [STATE]", AnyNumber, false, Lock::kNone, History},

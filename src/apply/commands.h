@@ -40,7 +40,9 @@ int Recover(const Request& request);
 /// itself.
 int Wait(const Request& request);
 
-/// Shows how mail is, and which files differ from the last confirmed state. 0 when mail is well, else 1.
+/// Shows how mail is, and which files differ from the last confirmed state; for programs with "--json", and
+/// without a message to postmaster with "--no-message". 0 when all is well, 1 when mail is not, 5 when files
+/// differ or a change is pending.
 int Check(const Request& request);
 
 /// Lists the states; with a number, shows what made that state.

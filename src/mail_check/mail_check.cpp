@@ -14,6 +14,12 @@ bool Ask(Observations& seen, const MailCheck& check, const std::string& what, co
   Answer answer = Converse(dialogue);
   for (int count = 1; count < kTries && answer.good && !check.isolated; ++count) answer = Converse(dialogue);
   seen.push_back({what, answer.good, answer.said});
+  const size_t begin = dialogue.url.find("://");
+  const std::string protocol = dialogue.url.substr(0, begin);
+  MailObservation& last = seen.back();
+  last.place = dialogue.url.substr(begin + 3, dialogue.url.find('/', begin + 3) - begin - 3);
+  last.tls = dialogue.startTls || protocol.back() == 's';
+  if (dialogue.startTls) last.startTls = protocol;
   return answer.good;
 }
 

@@ -27,7 +27,10 @@ struct MailObservation {
   State state;
   std::string detail;  ///< the server's answer, or why there was none
   std::string
-      consequence;  ///< one sentence when it is not good: who cannot do what, or who can; may be empty
+      consequence;         ///< one sentence when it is not good: who cannot do what, or who can; may be empty
+  std::string place{};     ///< HOST:PORT of the listener that was asked, if one was
+  std::string startTls{};  ///< the protocol in which TLS was begun by STARTTLS
+  bool tls = false;        ///< it was asked under TLS
 };
 
 /// What to check.
@@ -35,7 +38,7 @@ struct MailCheck {
   bool postfix = true;    ///< check Postfix
   bool dovecot = true;    ///< check Dovecot
   bool isolated = false;  ///< there is no network: what waits for DNS, a directory or another host is good
-  std::string subject;    ///< subject of the message to postmaster
+  std::string subject;    ///< subject of the message to postmaster; empty: none is sent
   std::string text;       ///< its body: lines that end in newlines
 };
 

@@ -210,9 +210,9 @@ void CheckPostfix(Observations& seen, const MailCheck& check) {
     if (listener.open && !asked) AskAsStranger(seen, listener, main, check.isolated);
     asked = asked || listener.open;
   }
-  if (answers) {
+  if (answers && !check.subject.empty()) {
     SendMessage(seen, check, main);
-  } else {
+  } else if (!answers) {
     seen.push_back({"a message from this machine", false, "no listener answers"});
   }
 }
