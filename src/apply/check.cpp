@@ -12,6 +12,8 @@
 #include "apply/commands.h"
 #include "apply/state.h"
 #include "mail_check/certificate.h"
+#include "mail_check/daemons.h"
+#include "mail_check/listeners.h"
 
 namespace {
 
@@ -22,6 +24,28 @@ constexpr const char* kWords[] = {"good", "bad", "warning", "not asked"};  // of
 // "Postfix" of "Postfix, port 25".
 std::string DaemonOf(const MailObservation& listener) {
   return listener.what.substr(0, listener.what.find(','));
+}
+
+// Adds each listener whose place is another program's or another user's.
+void AddStrangers(std::vector<MailObservation>& mail) {
+  std::set<std::string> seen;
+  for (const MailObservation& asked : std::vector(mail)) {
+    if (!seen.insert(asked.place).second || asked.place.empty()) continue;
+    const size_t colon = asked.place.rfind(':');
+    for (const TcpListener& listener : TcpListeners()) {
+      const bool there = listener.port == asked.place.substr(colon + 1) &&
+                         (listener.address == "0.0.0.0" || listener.address == "::" ||
+                          Contains(asked.place.substr(0, colon), listener.address));
+      if (!there || Belongs(listener, DaemonNamed(DaemonOf(asked)))) continue;
+      std::string detail = "is of user " + std::to_string(listener.uid);
+      for (const Owner& owner : OwnersOf(listener)) {
+        detail += ", process " + std::to_string(owner.pid) + " (" + owner.program + ") of user " +
+                  std::to_string(owner.uid);
+      }
+      mail.emplace_back(asked.what + ", program", false, detail,
+                        "Mail and passwords go to another program than " + DaemonOf(asked) + ".");
+    }
+  }
 }
 
 // Adds each TLS listener's certificate, which may not be the one in its file any more.
@@ -118,6 +142,7 @@ int Check(const Request& request) {
   std::vector<MailObservation> mail =
       AskMail(daemons, message ? "Mail is checked" : "", "nubo_config_apply check asked for this.\n");
   Json::Value all;
+  AddStrangers(mail);
   AddCertificates(mail, all["certificates"] = Json::arrayValue);
   const bool well =
       std::none_of(mail.begin(), mail.end(), [](const MailObservation& one) { return one.Bad(); });
