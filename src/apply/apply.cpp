@@ -9,7 +9,8 @@
 
 int Apply(const Request& request) {
   const std::vector<std::string> words = request.arguments.empty() ? CommandWords() : request.arguments;
-  const Change change = Begin(words.size() == 1 ? "nubo_config_apply " + words[0] : "nubo_config_apply");
+  const Change change =
+      Begin(words.size() == 1 ? "nubo_config_apply " + words[0] : "nubo_config_apply", request);
   const std::string base = StateDirectory(change.base);
   const ProgramResult preview = Preview(words);
   if (preview.status == 0 && Holds(base, Kind::kInput) && Differing(Kind::kOutput, base).empty() &&

@@ -3,6 +3,8 @@
 #include <json/json.h>
 #include <syslog.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <csignal>
 #include <ctime>
@@ -71,6 +73,7 @@ void Arm(const Change& change, Sort sort) {
   Json::Value about;
   about["base"] = change.base;
   about["what"] = change.what;
+  about["user"] = change.user;
   about["boot"] = change.boot;
   about["deadline"] = static_cast<Json::Int64>(change.deadline);
   for (const std::string& name : change.running) about["running"].append(name);
@@ -96,7 +99,8 @@ void KeepNext(const Change& change, Sort sort, const std::string& shown) {
   const std::string base = StateDirectory(change.base);
   Keep(Kind::kOutput, tree, base);
   if (sort != Sort::kAsFound) Keep(Kind::kInput, tree, base);
-  WriteFile(tree + "/preview", TimeOfDay("%Y-%m-%d %H:%M:%S", 0) + "  " + change.what + "\n\n" + shown);
+  WriteFile(tree + "/preview",
+            TimeOfDay("%Y-%m-%d %H:%M:%S %z", 0) + "  " + change.user + "  " + change.what + "\n\n" + shown);
   Install(tree, kNext);
 }
 
@@ -128,6 +132,7 @@ Change ReadPending() {
   std::ifstream(kPending + "/about") >> about;
   Change change = {about["base"].asInt(),
                    about["what"].asString(),
+                   about["user"].asString(),
                    about["boot"].asString(),
                    static_cast<long>(about["deadline"].asInt64()),
                    {},
@@ -154,7 +159,7 @@ std::vector<MailObservation> AskMail(const std::set<std::string>& daemons, const
   return CheckMail({daemons.count("Postfix") != 0, daemons.count("Dovecot") != 0, false, subject, text});
 }
 
-Change Begin(const std::string& what) {
+Change Begin(const std::string& command, const Request& request) {
   if (IsPending()) throw Fault("a change is pending: confirm it, or take it back by recover");
   if (States().empty()) {
     const std::string tree = StateDirectory(1) + ".new";
@@ -162,7 +167,10 @@ Change Begin(const std::string& what) {
     WriteFile(tree + "/preview", "As found\n");
     Install(tree, StateDirectory(1));
   }
-  Change change = {*States().rbegin(), what, ThisBoot(), 0, RunningDaemons(), {}};
+  std::string what = command + (request.message.empty() ? "" : ": " + request.message);
+  std::replace_if(
+      what.begin(), what.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, ' ');
+  Change change = {*States().rbegin(), what, request.user, ThisBoot(), 0, RunningDaemons(), {}};
   Step step("Mail as it is");
   for (const MailObservation& one :
        AskMail(change.running, "Mail before a change of its configuration",

@@ -14,12 +14,14 @@
 #include <vector>
 
 #include "apply/basics.h"
+#include "apply/commands.h"
 #include "apply/daemons.h"
 #include "mail_check/mail_check.h"
 
 struct Change {
   int base = 0;                   ///< the state that it starts from
-  std::string what;               ///< one line for the administrator
+  std::string what;               ///< one line for the administrator: the command, and why it was given
+  std::string user;               ///< who gave it
   std::string boot;               ///< the boot of the machine that it belongs to
   long deadline = 0;              ///< to be confirmed until then, in CLOCK_BOOTTIME seconds; 0: at once
   std::set<std::string> running;  ///< before it
@@ -48,7 +50,7 @@ std::vector<MailObservation> AskMail(const std::set<std::string>& daemons, const
 
 /// A change from the last confirmed state, which is made from the files as they are found where there is
 /// none, and from mail as it is now. Throws Fault when another one is pending.
-Change Begin(const std::string& what);
+Change Begin(const std::string& command, const Request& request);
 
 /// Thrown by `write` below when the settings are refused and nothing has been written yet.
 struct Refused : Fault {

@@ -28,6 +28,11 @@ bool AnyNumber(const Arguments& arguments) {
   return arguments.size() < 2 && !number.empty() && number.size() < 5 && number[0] != '0' &&
          number.find_first_not_of("0123456789") == std::string::npos;
 }
+bool HistoryArguments(const Arguments& arguments) {
+  return arguments == Arguments{"--json"} ||
+         (arguments.size() < 3 && std::all_of(arguments.begin(), arguments.end(),
+                                              [](const std::string& one) { return AnyNumber({one}); }));
+}
 bool AnyWord(const Arguments& arguments) {
   return arguments.empty() || (arguments.size() == 1 && Contains(CommandWords(), arguments[0]));
 }
@@ -40,7 +45,7 @@ struct Command {
   std::string_view word;
   std::string_view shown;  // its arguments, in the usage
   bool (*valid)(const Arguments& arguments);
-  bool timed;  // takes -t
+  bool timed;  // takes -t and -m
   Lock lock;
   int (*run)(const Request& request);
 };
@@ -52,7 +57,7 @@ constexpr Command kCommands[] = {
     {"check", " [--json] [--no-message]", CheckOptions, false, Lock::kNone, Check},
     {"confirm", "", None, false, Lock::kAtOnce, Confirm},
     {"undo", " [STATE]", AnyNumber, true, Lock::kAtOnce, Undo},
-    {"history", " [STATE]", AnyNumber, false, Lock::kNone, History},
+    {"history", " [--json | STATE [STATE]]", HistoryArguments, false, Lock::kNone, History},
     {"recover", "", None, false, Lock::kMinute, Recover},
     // A certificate comes by a timer, which will not try again soon.
     {"renew", " CERTIFICATE KEY", Two, false, Lock::kSettled, Renew},
@@ -83,21 +88,22 @@ int Usage() {
   const char* begin = "Usage: ";
   for (const Command& command : kCommands) {
     if (command.run == Wait) continue;
-    std::cerr << begin << "nubo_config_apply " << (command.timed ? "[-t MINUTES] " : "") << command.word
-              << command.shown << '\n';
+    std::cerr << begin << "nubo_config_apply " << (command.timed ? "[-t MINUTES] [-m TEXT] " : "")
+              << command.word << command.shown << '\n';
     begin = "       ";
   }
   return 2;
 }
 
-int RunCommandLine(const std::vector<std::string>& words, double minutes) {
+int RunCommandLine(const std::vector<std::string>& words, Request request) {
   const auto named = std::find_if(kCommands + 1, std::end(kCommands), [&](const Command& command) {
     return !words.empty() && words[0] == command.word;
   });
   const bool other = named == std::end(kCommands);
   const Command& command = other ? kCommands[0] : *named;
-  const Request request = {{words.begin() + (other ? 0 : 1), words.end()}, minutes};
-  if (!command.valid(request.arguments) || (minutes > 0 && !command.timed)) return Usage();
+  request.arguments = {words.begin() + (other ? 0 : 1), words.end()};
+  const bool options = request.minutes > 0 || !request.message.empty();
+  if (!command.valid(request.arguments) || (options && !command.timed)) return Usage();
   Take(command.lock);
   return command.run(request);
 }

@@ -10,12 +10,15 @@
 /// A command line, without the word of the command.
 struct Request {
   std::vector<std::string> arguments;
-  double minutes = 0;  ///< within which the change has to be confirmed; 0: it need not be
+  double minutes = 0;   ///< within which the change has to be confirmed; 0: it need not be
+  std::string message;  ///< why it is made; may be empty
+  std::string user;     ///< who makes it
 };
 
-/// Runs the command that the words of a command line begin with. Takes the lock of the states (state.h) for
-/// those that change something. Prints the usage and returns 2 when the command line is wrong.
-int RunCommandLine(const std::vector<std::string>& words, double minutes);
+/// Runs the command that the words of a command line begin with, with the options of the request. Takes the
+/// lock of the states (state.h) for those that change something. Prints the usage and returns 2 when the
+/// command line is wrong.
+int RunCommandLine(const std::vector<std::string>& words, Request request);
 
 /// Prints the usage to standard error and returns 2.
 int Usage();
@@ -45,7 +48,8 @@ int Wait(const Request& request);
 /// differ or a change is pending.
 int Check(const Request& request);
 
-/// Lists the states; with a number, shows what made that state.
+/// Lists the states, for programs with "--json"; with a number, shows what made that state; with two, each
+/// change that lies between them.
 int History(const Request& request);
 
 /// Prints the DNS records of the mail domains, for a zone file. With "check", asks DNS for each: 0 when all

@@ -1,21 +1,68 @@
+#include <json/json.h>
+
 #include <iostream>
+#include <regex>
+#include <utility>
 
 #include "apply/basics.h"
 #include "apply/change.h"
 #include "apply/commands.h"
 #include "apply/state.h"
 
+namespace {
+
+// The first line of a state's preview; "As found" alone, or as an earlier version has written it, without
+// zone and user.
+const std::regex kHeading("([-0-9]{10}) ([:0-9]{8})(?: ([-+][0-9]{4}))?  (?:(\\S+)  )?(.*)");
+
+void PrintJson() {
+  Json::Value all;
+  all["states"] = Json::arrayValue;
+  for (const int number : States()) {
+    const std::string shown = ReadFile(StateDirectory(number) + "/preview");
+    const std::string heading = shown.substr(0, shown.find('\n'));
+    Json::Value state;
+    state["state"] = number;
+    std::smatch match;
+    if (std::regex_match(heading, match, kHeading)) {
+      state["time"] = match[1].str() + "T" + match[2].str() + match[3].str();
+      state["user"] = match[4].str();
+      state["change"] = match[5].str();
+    } else {
+      state["change"] = heading;
+    }
+    all["states"].append(state);
+  }
+  if (IsPending()) {
+    all["pending"]["change"] = ReadPending().what;
+    all["pending"]["user"] = ReadPending().user;
+  }
+  std::cout << all.toStyledString() << std::flush;
+}
+
+}  // namespace
+
 int History(const Request& request) {
+  if (request.arguments == std::vector<std::string>{"--json"}) {
+    PrintJson();
+    return 0;
+  }
   if (!request.arguments.empty()) {
-    const std::string shown = ReadFile(StateDirectory(std::stoi(request.arguments[0])) + "/preview");
-    if (shown.empty()) throw Fault("there is no such state");
-    std::cout << shown;
+    int first = std::stoi(request.arguments.front());
+    int last = std::stoi(request.arguments.back());
+    if (first > last) std::swap(first, last);
+    // The change that made the first of two is not between them.
+    for (int number = first == last ? first : first + 1; number <= last; ++number) {
+      const std::string shown = ReadFile(StateDirectory(number) + "/preview");
+      if (shown.empty()) throw Fault("there is no state " + std::to_string(number));
+      std::cout << (first == last ? "" : "== " + std::to_string(number) + "  ") << shown;
+    }
     return 0;
   }
   for (const int number : States()) {
     const std::string shown = ReadFile(StateDirectory(number) + "/preview");
     std::cout << number << "  " << shown.substr(0, shown.find('\n')) << std::endl;
   }
-  if (IsPending()) std::cout << "pending: " << ReadPending().what << std::endl;
+  if (IsPending()) std::cout << "pending: " << ReadPending().user << "  " << ReadPending().what << std::endl;
   return 0;
 }

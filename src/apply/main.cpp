@@ -1,5 +1,6 @@
 /// nubo_config_apply: brings the settings into force in the mail system, or puts everything back.
 
+#include <pwd.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -8,14 +9,37 @@
 #include <iostream>
 
 #include "apply/commands.h"
+#include "system/files.h"
+
+namespace {
+
+constexpr uid_t kNobody = static_cast<uid_t>(-1);
+
+// Who has logged in, also behind su and sudo: proc_pid_loginuid(5). Where nobody is recorded there, the name
+// that sudo gives; else root.
+std::string LoginUser() {
+  const std::string recorded = ReadFile("/proc/self/loginuid");
+  const uid_t id =
+      recorded.empty() ? kNobody : static_cast<uid_t>(std::strtoul(recorded.c_str(), nullptr, 10));
+  const char* sudo = std::getenv("SUDO_USER");
+  const passwd* user = id != kNobody ? getpwuid(id) : sudo != nullptr ? getpwnam(sudo) : nullptr;
+  return user == nullptr ? "root" : user->pw_name;
+}
+
+}  // namespace
 
 int main(int argc, char* argv[]) {
-  double minutes = 0;
-  for (int option; (option = getopt(argc, argv, "+t:")) != -1;) {
+  Request request;
+  for (int option; (option = getopt(argc, argv, "+t:m:")) != -1;) {
+    if (option == 'm') {
+      request.message = optarg;
+      continue;
+    }
     char* end = nullptr;
-    minutes = option == 't' ? std::strtod(optarg, &end) : 0;
-    if (end == nullptr || *end != '\0' || !(minutes > 0 && minutes < 10000)) return Usage();
+    request.minutes = option == 't' ? std::strtod(optarg, &end) : 0;
+    if (end == nullptr || *end != '\0' || !(request.minutes > 0 && request.minutes < 10000)) return Usage();
   }
+  request.user = LoginUser();
   if (geteuid() != 0) {
     std::cerr << "nubo_config_apply: only root may do this\n";
     return 1;
@@ -27,7 +51,7 @@ int main(int argc, char* argv[]) {
   umask(022);
   openlog("nubo_config_apply", 0, LOG_MAIL);
   try {
-    return RunCommandLine({argv + optind, argv + argc}, minutes);
+    return RunCommandLine({argv + optind, argv + argc}, request);
   } catch (const std::exception& error) {
     std::cerr << "nubo_config_apply: " << error.what() << std::endl;
     return 1;

@@ -16,7 +16,7 @@ int Renew(const Request& request) {
                  key + " is no private key without a password")) {
     throw Fault(key + " is not the key of " + certificate);
   }
-  return BringAbout(Begin("nubo_config_apply renew"), Sort::kRenew, 0, [&] {
+  return BringAbout(Begin("nubo_config_apply renew", request), Sort::kRenew, 0, [&] {
     const Step step("The certificate is put in place");
     const std::string fresh = kPending + "/ssl.new";
     RunOrThrow({"cp", "-aT", kSsl, fresh}, "cannot copy " + kSsl);

@@ -11,7 +11,7 @@ int Undo(const Request& request) {
   if (state == 0 && states.size() > 1) state = *std::next(states.rbegin());
   if (states.count(state) == 0) throw Fault("there is no such state, see: nubo_config_apply history");
   const std::string tree = StateDirectory(state);
-  const Change change = Begin("nubo_config_apply undo " + std::to_string(state));
+  const Change change = Begin("nubo_config_apply undo " + std::to_string(state), request);
   if (!Holds(tree, Kind::kInput)) {
     return BringAbout(change, Sort::kAsFound, request.minutes, [&] {
       const Step step("The files are put back");
