@@ -84,15 +84,17 @@ void Take(Lock lock) {
 
 }  // namespace
 
-int Usage() {
+int Usage(bool asked) {
+  std::ostream& out = asked ? std::cout : std::cerr;
   const char* begin = "Usage: ";
   for (const Command& command : kCommands) {
     if (command.run == Wait) continue;
-    std::cerr << begin << "nubo_config_apply " << (command.timed ? "[-t MINUTES] [-m TEXT] " : "")
-              << command.word << command.shown << '\n';
+    out << begin << "nubo_config_apply " << (command.timed ? "[-t MINUTES] [-m TEXT] " : "") << command.word
+        << command.shown << '\n';
     begin = "       ";
   }
-  return 2;
+  out << std::flush;
+  return asked ? 0 : 2;
 }
 
 int RunCommandLine(const std::vector<std::string>& words, Request request) {

@@ -20,8 +20,9 @@ struct Request {
 /// command line is wrong.
 int RunCommandLine(const std::vector<std::string>& words, Request request);
 
-/// Prints the usage to standard error and returns 2.
-int Usage();
+/// Prints the usage: to standard output, where it was asked for, and returns 0; else to standard error,
+/// and 2.
+int Usage(bool asked = false);
 
 /// Runs nubo_set_config with the word of the arguments, or with all, and has the daemons follow.
 int Apply(const Request& request);

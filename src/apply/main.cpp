@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "apply/commands.h"
+#include "mail_check/versions.h"
 #include "system/files.h"
 
 namespace {
@@ -29,6 +30,12 @@ std::string LoginUser() {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+  const std::string first = argc == 2 ? argv[1] : "";
+  if (first == "--help") return Usage(true);
+  if (first == "--version") {
+    std::cout << Versions("nubo_config_apply") << std::endl;
+    return 0;
+  }
   Request request;
   for (int option; (option = getopt(argc, argv, "+t:m:")) != -1;) {
     if (option == 'm') {

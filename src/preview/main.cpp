@@ -10,6 +10,7 @@
 #include "core/commands.h"
 #include "mail_check/configuration.h"
 #include "mail_check/mail_questions.h"
+#include "mail_check/versions.h"
 #include "preview/network.h"
 #include "preview/rehearsal.h"
 #include "preview/report.h"
@@ -19,11 +20,11 @@
 
 namespace {
 
-int Usage() {
+int Usage(std::ostream& out, int status) {
   std::string words;
   for (const std::string& word : CommandWords()) words += (words.empty() ? "" : "|") + word;
-  std::cerr << "Usage: nubo_config_preview [--json] [--no-rehearsal] [" << words << "]" << std::endl;
-  return 2;
+  out << "Usage: nubo_config_preview [--json] [--no-rehearsal] [" << words << "]" << std::endl;
+  return status;
 }
 
 /// Inside the sandbox.
@@ -68,16 +69,21 @@ int main(int argc, char* argv[]) {
   int next = 1;
   for (; next < argc && argv[next][0] == '-'; ++next) {
     const std::string option = argv[next];
+    if (option == "--help") return Usage(std::cout, 0);
+    if (option == "--version") {
+      std::cout << Versions("nubo_config_preview") << std::endl;
+      return 0;
+    }
     if (option == "--json") {
       json = true;
     } else if (option == "--no-rehearsal") {
       rehearsal = false;
     } else {
-      return Usage();
+      return Usage(std::cerr, 2);
     }
   }
   if (next < argc) {
-    if (next + 1 < argc || !Contains(words, argv[next])) return Usage();
+    if (next + 1 < argc || !Contains(words, argv[next])) return Usage(std::cerr, 2);
     words = {argv[next]};
   }
   if (geteuid() != 0) {
