@@ -11,8 +11,8 @@ import socket
 import subprocess
 
 import peers
-from appliance import (DOVECOT, ETC, HERE, PACKAGE, PROGRAM, command, complaints, contents, generate, mailbox, message,
-                       read, run, send, settings, start, trusting, wait_for, write)
+from appliance import (DOVECOT, ETC, HERE, PACKAGE, PROGRAM, SBIN, command, complaints, contents, generate, mailbox,
+                       message, read, run, send, settings, start, trusting, wait_for, write)
 
 OURS, FAR = "alice@mail.example.com", "dave@far.example"
 OWN_VALUES = """message_size_limit = 5000
@@ -28,8 +28,9 @@ TEST_SPAM = "XJS*C4JDBQADN1.NSBN3*2IDNEN*GTUBE-STANDARD-ANTI-UBE-TEST-EMAIL*C.34
 def accepted(**files):
     """What the daemons' checkers, and one here for MailScanner, complain about, except for what they cannot know."""
     generate(**files)
-    # Only the appliance's own Postfix knows these parameters, and OpenDMARC needs a host name.
-    known = "unused parameter: smtpd_sasl_sender_(quota|rate)_"
+    # Only the appliance's own Postfix knows these parameters, Postfix 3.10 warns of what will be removed, and OpenDMARC
+    # needs a host name.
+    known = 'unused parameter: smtpd_sasl_sender_(quota|rate)_|parameter "smtpd?_use_tls" will be removed'
     if not files.get("smtp", {}).get("smtp_hostname"):
         known += "|^opendmarc: .*(required value missing|exit 78)"
     found = [line for line in complaints() if not re.search(known, line)]
@@ -150,7 +151,7 @@ SERVICES = {"imap": lambda: imaplib.IMAP4(HERE), "pop3": lambda: poplib.POP3(HER
 
 def logins(encrypted=True):
     """The services at which alice can log in from another machine, and IMAP on this one."""
-    found = run("doveconf", "-c", DOVECOT, "-n").stderr.split()
+    found = run(SBIN + "/doveconf", "-n").stderr.split()
     for name, connect in SERVICES.items():
         with contextlib.suppress(ConnectionRefusedError):
             server = connect()

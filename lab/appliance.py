@@ -19,6 +19,7 @@ ETC = PACKAGE + "/target/etc"
 PROGRAM = PACKAGE + "/target/bin/nubo_set_config"
 POSTMAP = PACKAGE + "/target/sbin/postmap"
 COMMANDS = ("smtp", "dovecot", "mailscanner", "alias", "domain_alias", "sender_quota_map")
+SBIN = PACKAGE + "/target/sbin"
 DOVECOT = ETC + "/dovecot/dovecot.conf"
 HERE = "192.0.2.1"  # the appliance's address for other machines
 CLIENT = "192.0.2.10"  # another machine
@@ -27,7 +28,7 @@ DAEMONS = {
     # "postfix start" would check everything each time, and take longer than most rows of scenarios.py.
     "postfix": (("sh", "-c", f"[ -d {PACKAGE}/target/var/spool/postfix/active ] || postfix -c {ETC} check; "
                  f"exec /usr/lib/postfix/sbin/master -d -c {ETC}"), 25),
-    "dovecot": (("dovecot", "-F", "-c", DOVECOT), 143),
+    "dovecot": ((SBIN + "/dovecot", "-F"), 143),
     "opendkim": (("opendkim", "-f", "-x", ETC + "/opendkim.conf"), 8891),
     "opendmarc": (("opendmarc", "-f", "-c", ETC + "/opendmarc.conf"), 8893),
     "memcached": (("memcached", "-u", "memcache", "-l", "127.0.0.1"), 11211),
@@ -140,7 +141,7 @@ def lint(check, _local_cf):
 def complaints():
     """What the daemons' own checkers complain about, one line each."""
     found = []
-    for check in (("postconf", "-n", "-c", ETC), ("postfix", "-c", ETC, "check"), ("doveconf", "-n", "-c", DOVECOT),
+    for check in (("postconf", "-n", "-c", ETC), ("postfix", "-c", ETC, "check"), (SBIN + "/doveconf", "-n"),
                   ("spamassassin", "--lint", "--siteconfigpath", ETC + "/spamassassin"),
                   ("opendkim", "-n", "-x", ETC + "/opendkim.conf"), ("opendmarc", "-n", "-c", ETC + "/opendmarc.conf")):
         if check[0].startswith("opend") and not os.path.exists(check[-1]):

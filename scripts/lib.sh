@@ -19,8 +19,8 @@ passed=0 failed=0 skipped=0
   # SpamAssassin's installation needs gpg's agent when gpg is there.
   mail_packages=(postfix postfix-ldap postfix-policyd-spf-perl libsasl2-modules dovecot-core dovecot-imapd
     dovecot-pop3d opendkim opendmarc publicsuffix gpg-agent spamassassin memcached openssl bind9-dnsutils)
-  network_packages=(slapd ldap-utils dnsmasq-base samba samba-ad-provision samba-dsdb-modules samba-vfs-modules
-    samba-common-bin python3-samba winbind libnss-winbind libpam-winbind krb5-user python3-aiosmtpd)
+  network_packages=(slapd ldap-utils dnsmasq-base samba samba-ad-dc samba-ad-provision samba-dsdb-modules
+    samba-vfs-modules samba-common-bin python3-samba winbind libnss-winbind libpam-winbind krb5-user python3-aiosmtpd)
   cross_packages=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user mmdebstrap dpkg-dev fakeroot lintian)
 }
 

@@ -11,7 +11,7 @@ import subprocess
 import sys
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../lab")
-from appliance import DOVECOT, ETC, HERE, PACKAGE, command, generate, lay_out, read, run, settings, wait_for, write
+from appliance import ETC, HERE, PACKAGE, SBIN, command, generate, lay_out, read, run, settings, wait_for, write
 
 APPLY, STATES = PACKAGE + "/target/bin/nubo_config_apply", PACKAGE + "/target/var/lib/apply/"
 CUSTOM = PACKAGE + "/etc/customize/postfix/main.cf"
@@ -110,7 +110,7 @@ def main(stage, moments="4"):
     lay_out(stage)
     run("ip", "addr", "add", HERE + "/32", "dev", "lo", check=True)
     generate(**GOOD)
-    run("sh", "-c", f"{{ dovecot -c {DOVECOT}; postfix -c {ETC} start; }} >/run/daemons.log 2>&1", check=True)
+    run("sh", "-c", f"{{ {SBIN}/dovecot; postfix -c {ETC} start; }} >/run/daemons.log 2>&1", check=True)
     changed(message_limit=20)
     status, said = apply()
     check("first use on a machine set up by hand", (status, limit()) == (0, 20) and

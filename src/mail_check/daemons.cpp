@@ -15,7 +15,7 @@ const std::vector<Daemon>& Daemons() {
       {"OpenDMARC", "brindlecot-opendmarc", "/usr/sbin/opendmarc", openDmarc,
        {"opendmarc", "-c", openDmarc}, {"opendmarc", "-n", "-c", openDmarc}, "8893", "opendmarc", {kEtc + "/opendmarc"}},
       {"Dovecot", "brindlecot-dovecot", "/usr/sbin/dovecot", dovecot,
-       {"dovecot", "-c", dovecot}, {"doveconf", "-c", dovecot, "-n"}, "", "", {kEtc + "/dovecot/", kSsl}},
+       {kSbin + "/dovecot"}, {kSbin + "/doveconf", "-n"}, "", "", {kEtc + "/dovecot/", kSsl}},
       {"Postfix", "brindlecot-postfix", "/usr/lib/postfix/", kEtc,
        {"postfix", "-c", kEtc, "start"}, {"postfix", "-c", kEtc, "check"}, "", "", {kEtc + "/", kSsl}}};
   return daemons;
