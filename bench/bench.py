@@ -9,12 +9,10 @@ import re
 import statistics
 import sys
 
-BENCH = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, BENCH + "/../lab")
-# pylint: disable=wrong-import-position
-from appliance import COMMANDS, ETC, PACKAGE, PROGRAM, lay_out, read, run, settings, write  # noqa: E402
-from scenarios import COMPANY  # noqa: E402
+from appliance import COMMANDS, ETC, PACKAGE, PROGRAM, lay_out, read, run, settings, write
+from scenarios import COMPANY
 
+BENCH = os.path.dirname(os.path.abspath(__file__))
 WORK = "/run/bench"
 POSTALIAS = PACKAGE + "/target/sbin/postalias"
 POSTCONF = "postconf -e"
@@ -123,23 +121,15 @@ def shared(program):
     return set(re.findall(r"^\s*(\S+)", run("ldd", program, check=True).stdout, re.M))
 
 
-def instructions(command, *options):
-    """Thousands of instructions in user space."""
-    out = WORK + "/callgrind"
-    run("valgrind", "--tool=callgrind", "--callgrind-out-file=" + out, *options, *command, check=True)
-    return int(re.search(r"^totals: (\d+)", read(out), re.M)[1]) / 1000
-
-
 def commands():
     rows = []
     for name, values in SETTINGS.items():
         settings(**values)
         for word in COMMANDS:
             own, (c, cxx) = [PROGRAM, word], floors(word)
-            times = [time for time, _ in timed(300, [own, c, cxx])]
+            times = [time for time, _ in timed(200, [own, c, cxx])]
             median = [statistics.median(time) for time in times]
-            rows.append([f"{word}, {name}", times[0], median[0] / median[1], median[0] / median[2],
-                         instructions(own), instructions(own, "--toggle-collect=main"), instructions(cxx)])
+            rows.append([f"{word}, {name}", times[0], median[0] / median[1], median[0] / median[2]])
     return rows
 
 
@@ -150,16 +140,17 @@ def each(pattern):
     return lambda values: "".join(pattern % pair for pair in values.items())
 
 
-# Each rival: its command, the mark for a value in its templates, and its file of values.
+SHELL = ("/bin/sh", BENCH + "/rivals/shell.sh")
+# Each rival: its program, the mark for a value in its templates, and its file of values.
 ENGINES = {
-    "sed": ("/bin/sh", "shell.sh sed", "@{}@", each("s|@%s@|%s|\n")),
-    "envsubst": ("/bin/sh", "shell.sh envsubst", "${{{}}}",
+    "sed": ((*SHELL, "sed"), "@{}@", each("s|@%s@|%s|\n")),
+    "envsubst": ((*SHELL, "envsubst"), "${{{}}}",
                  lambda values: each("export %s='%s'\n")(values) + f"names='{'$' + ' $'.join(values)}'\n"),
-    "m4": ("/bin/sh", "shell.sh m4", "{}_",
+    "m4": ((*SHELL, "m4"), "{}_",
            lambda values: "m4_changequote(<<,>>)m4_dnl\n" + each("m4_define(<<%s_>>, <<%s>>)m4_dnl\n")(values)),
-    "Perl, Text::Template": ("/usr/bin/perl", "template.pl", "[@ ${} @]",
+    "Perl, Text::Template": (("/usr/bin/perl", BENCH + "/rivals/template.pl"), "[@ ${} @]",
                              lambda values: "{" + each("%s => '%s',\n")(values) + "}\n"),
-    "Python, Jinja2": ("/usr/bin/python3", "jinja.py", "{{{{ {} }}}}", json.dumps),
+    "Python, Jinja2": (("/usr/bin/python3", BENCH + "/rivals/jinja.py"), "{{{{ {} }}}}", json.dumps),
 }
 VALUE = re.compile(r"^([^#\n]* = )(.+)$|^(\d+)( inet .*)$", re.M)  # a line of a setting, or a port of master.cf
 
@@ -178,13 +169,13 @@ def with_marks(path, template, mark, values):
 def rivals(word, files):
     """Each peer's command for the files of the program's command, which are there."""
     found = {}
-    for engine, (interpreter, script, mark, values_file) in ENGINES.items():
+    for engine, (program, mark, values_file) in ENGINES.items():
         templates, values = f"{WORK}/{word}/{engine}", {}
         for name, template in files.items():
             write(f"{templates}/{name}", with_marks(f"{ETC}/{name}", template, mark, values))
             os.makedirs(f"{ETC}/new/{os.path.dirname(name) or '.'}/files", exist_ok=True)
         write(templates + "/values", values_file(values))
-        found[engine] = [interpreter, *f"{BENCH}/rivals/{script}".split(), templates, ETC, *files]
+        found[engine] = [*program, templates, ETC, *files]
     if word == "smtp":
         pairs = re.findall(r"^(\w+) = (.*)$", generated(ETC + "/main.cf", "main"), re.M)
         found[POSTCONF] = ["/usr/sbin/postconf", "-c", ETC, "-e", *("=".join(pair) for pair in pairs)]
@@ -217,7 +208,7 @@ def compare_rivals():
             found = rivals(word, files)
             check_rivals(found, files)
             # Postfix's programs wait after a change of main.cf.
-            measured = timed(100, [[PROGRAM, word], *found.values()], ETC + "/main.cf")
+            measured = timed(50, [[PROGRAM, word], *found.values()], ETC + "/main.cf")
             times = dict(zip(("nubo_set_config", *found), (statistics.median(times) for times, _ in measured)))
             for engine, row in rows.items():
                 time = times.get(engine)
@@ -280,9 +271,9 @@ def table(heads, rows, note):
 
 
 def plot(path, of_commands, of_rivals, of_users):
-    import matplotlib  # pylint: disable=import-outside-toplevel
+    import matplotlib
     matplotlib.use("Agg")
-    from matplotlib import pyplot  # pylint: disable=import-outside-toplevel
+    from matplotlib import pyplot
     figure, (left, middle, right) = pyplot.subplots(1, 3, figsize=(17, 6), layout="constrained")
 
     def bars(axes, names, series, start):
@@ -337,12 +328,11 @@ def main():
     of_commands, of_rivals, of_users = commands(), compare_rivals(), domain_users()
     heads = [head for word in GROUPS for name in SETTINGS for head in (f"{word}, {name}: ms", "ratio")]
     text = "\n".join((
-        table(["command, settings", "ms (quartiles)", "/ C", "/ C++", "k instr.", "in main", "C++: k instr."],
-              of_commands,
+        table(["command, settings", "ms (quartiles)", "/ C", "/ C++"], of_commands,
               "defaults: without settings files; company: most settings on. All files are in memory. / C, / C++: as\n"
               "a multiple of the time of a static C program, and of a C++ program linked to the same shared\n"
-              "libraries, that make the same system calls. Instructions in user space, in thousands. In place of\n"
-              "postmap, postalias and nubopkghelper runs a program that does nothing, on all sides."),
+              "libraries, that make the same system calls. In place of postmap, postalias and nubopkghelper runs a\n"
+              "program that does nothing, on all sides."),
         table(["instead", *heads], of_rivals,
               "ratio: as a multiple of the program's time. All write the same files, but for postconf -e, which\n"
               "writes main.cf alone. The program also checks the settings, and runs the programs of its command."),
