@@ -145,7 +145,7 @@ Change ReadPending() {
 long Now() {
   timespec now = {};
   clock_gettime(CLOCK_BOOTTIME, &now);
-  return now.tv_sec;
+  return static_cast<long>(now.tv_sec);  // of 64 bits on 32-bit machines from Debian 13 on
 }
 
 void OutliveSession() {
