@@ -58,7 +58,7 @@ def installed(deb, steps):
     run("umount", "--recursive", BARE)
     run("sh", "-ec", f"""rm -rf /run/over; mkdir -p {BARE} /run/over/upper /run/over/work
         mount -t overlay -o lowerdir=/run/lower,upperdir=/run/over/upper,workdir=/run/over/work overlay {BARE}
-        mount --rbind /dev {BARE}/dev; mount --rbind /proc {BARE}/proc; cp {deb} {BARE}{OURS}""", check=True)
+        mount --rbind /dev {BARE}/dev; mount --rbind /proc {BARE}/proc; cp "$0" {BARE}{OURS}""", deb, check=True)
     write(BARE + "/usr/sbin/policy-rc.d", "#!/bin/sh\nexit 101\n", 0o755)  # nothing is started
     for step in steps:
         before = tree()
@@ -101,7 +101,7 @@ def previewed_is_applied():
 
 
 def main(deb, tar):
-    run("sh", "-ec", f"mkdir /run/lower; tar xf {tar} -C /run/lower", check=True)
+    run("sh", "-ec", 'mkdir /run/lower; tar xf "$0" -C /run/lower', tar, check=True)
     trees = []
     for steps in ORDERS:
         before = installed(deb, steps)

@@ -114,7 +114,7 @@ void Examine(Certificate& certificate, Parameters& mainCf) {
   const std::time_t now = std::time(nullptr);
   constexpr std::time_t kDay = 24L * 60 * 60;
   const std::time_t left = TimeAfter(text, "notAfter") - now;
-  certificate.days = left < 0 ? left / kDay - 1 : left / kDay;
+  certificate.days = static_cast<long>(left < 0 ? left / kDay - 1 : left / kDay);
   const ProgramResult key =
       RunProgram({"openssl", "pkey", "-in", certificate.key, "-passin", "pass:", "-pubout"});
   if (key.status != 0)
