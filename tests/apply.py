@@ -1,187 +1,248 @@
 #!/usr/bin/python3
-"""apply.py STAGED-PACKAGE [MOMENTS]: nubo_config_apply with the real daemons, each of its ways back among them. It is
-killed at so many moments (4). Runs as root of a private machine only."""
+"""apply.py STAGED-PACKAGE [TEST...]: nubo_config_apply with the real daemons, each of its ways back among them.
+MOMENTS in the environment is how many moments of a change it is killed at, 4 by default."""
 
 import contextlib
 import os
 import re
+import shutil
 import signal
 import socket
 import subprocess
 import sys
+import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../lab")
 from appliance import ETC, HERE, PACKAGE, SBIN, command, generate, lay_out, read, run, settings, wait_for, write
+from appliance_test import CUSTOM, FOLDERS, ApplianceTest, files
 
-APPLY, STATES = PACKAGE + "/target/bin/nubo_config_apply", PACKAGE + "/target/var/lib/apply/"
-CUSTOM = PACKAGE + "/etc/customize/postfix/main.cf"
-GOOD = {"smtp": {"smtp_hostname": "mail.example.com", "smtp_ssl_enabled": True}, "aliases": {"postmaster": ["alice"]}}
-counts = [0, 0]
-
-
-def check(claim, good, detail=""):
-    counts[not good] += 1
-    print(f"ok   {claim}" if good else f"FAIL {claim}\n{detail}", flush=True)
-
-
-def apply(*words):
-    result = run(APPLY, *words)
-    return result.returncode, result.stdout + result.stderr
+APPLY = PACKAGE + "/target/bin/nubo_config_apply"
+STATES = PACKAGE + "/target/var/lib/apply/"
+SETTINGS = PACKAGE + "/etc/settings"
+SMTP = {"smtp_hostname": "mail.example.com", "smtp_ssl_enabled": True, "message_limit": 20}
+GOOD = {"smtp": SMTP, "aliases": {"postmaster": ["alice"]}}
+# Makes the daemons load the files.
+LOAD = f"""exec >>/run/daemons.log 2>&1
+{SBIN}/dovecot stop
+{SBIN}/dovecot
+postfix -c {ETC} reload || postfix -c {ETC} start"""
+good = {}  # the files that hold GOOD
 
 
-def changed(**smtp):
-    settings(**{**GOOD, "smtp": {**GOOD["smtp"], **smtp}})
+def setUpModule():
+    lay_out(stage)
+    run("ip", "addr", "add", HERE + "/32", "dev", "lo", check=True)
+    write("/usr/nubo/etc/nslcd.conf", "uri ldap://127.0.0.1\nbase dc=example\nbinddn cn=mail\n")
+    write("/usr/nubo/etc/ldap.secret", "secret\n", 0o600)
+    generate(**GOOD)
+    run("sh", "-c", LOAD, check=True)
+    run(APPLY, check=True)
+    os.mkdir("/run/good")
+    run("cp", "-a", "--parents", STATES, *FOLDERS, "/run/good", check=True)
+    good.update(files())
 
 
-def files(*tops):
-    """Mode, owner and bytes of all that a change may touch."""
-    found = {}
-    for top in tops or (ETC, PACKAGE + "/etc/settings", PACKAGE + "/etc/customize", "/usr/nubo/etc/pam-config"):
-        for folder, _, names in os.walk(top):
-            for path in (os.path.join(folder, name) for name in names):
-                status = os.lstat(path)
-                with open(path, "rb") as file:
-                    found[path] = status.st_mode, status.st_uid, status.st_gid, file.read()
-    return found
+def change(**smtp):
+    """Writes settings of the SMTP server that are not in force yet."""
+    settings(**{**GOOD, "smtp": {**SMTP, **smtp}})
 
 
-def answers():
-    """What a check of mail sees, without what differs each time."""
-    return re.findall("(?m)^(?:good|BAD) .*$", apply("check")[1])
-
-
-def taken_back(claim, reason, word, port=None, **new):
-    """A change that goes wrong on the live machine only, where another program may have a port: all is as before."""
-    before, mail = files(), answers()
-    settings(**{**GOOD, **new})
-    refused = files(PACKAGE + "/etc/settings")
-    with contextlib.ExitStack() as taken, subprocess.Popen(
-            (APPLY, word), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True) as process:
-        if port:  # only now, since the rehearsal would see it; bound, and refused to those who connect
-            wait_for(lambda: os.path.exists(STATES + "pending"), "the way back")
-            taken.enter_context(socket.socket()).bind(("", port))
-        said = process.communicate()[0]
-    status, after = process.returncode, files()
-    wrong = [path for path in before.keys() | after.keys() if before.get(path) != after.get(path)]
-    check(claim, (status, wrong, answers()) == (3, [], mail) and re.search(reason, said), f"{status} {wrong}\n{said}")
-    kept = files(STATES + "refused/in" + PACKAGE + "/etc/settings")
-    check("... what was refused is kept", sorted(kept.values()) == sorted(refused.values()))
+def is_pending():
+    return os.path.exists(STATES + "pending")
 
 
 def last_state():
     return max(int(name) for name in os.listdir(STATES) if name.isdigit())
 
 
-def killed(moment):
-    """SIGKILL so long after the way back is there, then recover: the old files or the new ones, and mail."""
-    old, state = files(ETC), last_state()
-    changed(message_limit=30 + state % 2)
-    process = subprocess.Popen((APPLY, "smtp"), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    wait_for(lambda: os.path.exists(STATES + "pending"), "the way back")
-    with contextlib.suppress(subprocess.TimeoutExpired):
-        process.wait(moment)
-    process.kill()
-    process.wait()
-    status, said = apply("recover")
-    now, kept = files(ETC), f"{STATES}{last_state()}/out"
-    new = {path.removeprefix(kept): what for path, what in files(kept + ETC).items()}
-    whole = now == old if last_state() == state else new.items() <= now.items()
-    check(f"killed after {moment:.1f} s: old or new as a whole, and mail is well", whole and status in (0, 3) and
-          apply("check")[0] == 0, said)
-
-
 def limit():
-    """As the SMTP server tells it."""
+    """The size limit in megabytes, as the SMTP server tells it."""
     with socket.create_connection((HERE, 25), 60) as server:
         server.sendall(b"EHLO there\r\nQUIT\r\n")
         return int(re.search(rb"SIZE (\d+)", b"".join(iter(lambda: server.recv(999), b"")))[1]) // 2**20
 
 
-def pair(name, days="9"):
-    """A new certificate and its key."""
-    certificate, key = f"/run/{name}.crt", f"/run/{name}.key"
-    run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=" + name, "-keyout", key, "-out",
-        certificate, check=True)
-    run("openssl", "x509", "-in", certificate, "-signkey", key, "-days", days, "-out", certificate, check=True)
-    return certificate, key
+def certificate(name, days="9"):
+    """Makes a certificate and its key; returns their paths."""
+    made, key = f"/run/{name}.crt", f"/run/{name}.key"
+    run("openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=" + name, "-keyout", key, "-out", made,
+        check=True)
+    run("openssl", "x509", "-in", made, "-signkey", key, "-days", days, "-out", made, check=True)
+    return made, key
 
 
-def main(stage, moments="4"):
-    lay_out(stage)
-    run("ip", "addr", "add", HERE + "/32", "dev", "lo", check=True)
-    generate(**GOOD)
-    run("sh", "-c", f"{{ {SBIN}/dovecot; postfix -c {ETC} start; }} >/run/daemons.log 2>&1", check=True)
-    changed(message_limit=20)
-    status, said = apply()
-    check("first use on a machine set up by hand", (status, limit()) == (0, 20) and
-          re.search("^1  As found\n2  .* nubo_config_apply\n$", apply("history")[1]), said)
-    check("states are for root alone", os.stat(STATES).st_mode & 0o777 == 0o700)
-    changed(message_limit=21)
-    with subprocess.Popen((APPLY, "smtp"), stdout=subprocess.DEVNULL) as first:
-        wait_for(lambda: os.path.exists(STATES + "pending"), "the way back")
-        status, said = apply("smtp")
-    check("two at once: the second touches nothing", status == 1 and "another change is under way" in said and
-          (first.returncode, limit()) == (0, 21), said)
-    smtp = GOOD["smtp"]
-    taken_back("a port is taken", "Postfix", "smtp", 587, smtp={**smtp, "smtp_tls_enabled": True})
-    taken_back("a daemon does not start", "Dovecot does not start", "dovecot", 993, imap_pop3={"imaps_enabled": True})
-    write("/home/bob/Maildir", "")
-    taken_back("local delivery is dead", "from this machine: status=bounced", "alias", aliases={"postmaster": ["bob"]})
-    write("/usr/nubo/etc/nslcd.conf", "uri ldap://127.0.0.1\nbase dc=example\nbinddn cn=mail\n")
-    write("/usr/nubo/etc/ldap.secret", "secret\n", 0o600)
-    taken_back("another account type", "from this machine", "smtp", smtp={**smtp, "account_type": "ldap"})
+class Apply(ApplianceTest):
+    def setUp(self):
+        """State 2 is in force, which was made from GOOD."""
+        changed = files() != good
+        for folder in (STATES, *FOLDERS):
+            shutil.rmtree(folder)
+        run("cp", "-a", "/run/good/.", "/", check=True)
+        if changed:
+            run("sh", "-c", LOAD, check=True)
 
-    write(CUSTOM, "smtpd_helo_restrictions = hostname\n")
-    command("smtp")
-    run("postfix", "-c", ETC, "reload")
-    status, said = apply("smtp")
-    check("the preview refuses, and nothing is touched", status == 1 and not os.path.exists(STATES + "pending"), said)
-    os.unlink(CUSTOM)
-    status, said = apply("smtp")
-    check("broken before, and mended by a change", status == 0 and "not well" in said and apply("check")[0] == 0, said)
+    def apply(self, *words, status=0):
+        return self.run_program(APPLY, *words, status=status)
 
-    before = files()
-    changed(message_limit=22)
-    with subprocess.Popen((APPLY, "-t", "0.3", "smtp"), stdout=subprocess.DEVNULL, start_new_session=True) as session:
-        wait_for(lambda: os.path.exists(STATES + "pending"), "the way back")
-        os.killpg(session.pid, signal.SIGHUP)
-    check("it outlives its session, and nobody else changes anything",
-          (session.returncode, limit(), apply("smtp")[0]) == (0, 22, 1))
-    wait_for(lambda: not os.path.exists(STATES + "pending"), "the old state")
-    check("not confirmed, it is taken back", files() == before and limit() == 21 and apply("check")[0] == 0)
+    @contextlib.contextmanager
+    def running(self, *words):
+        """A change that goes on while the body runs, once it can be taken back."""
+        with subprocess.Popen((APPLY, *words), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                              start_new_session=True) as process:
+            wait_for(lambda: is_pending() or process.poll() is not None, "the way back")
+            yield process
+            process.printed = process.communicate()[0]
 
-    changed(message_limit=23)
-    check("confirmed, it stays", (apply("-t", "5", "smtp")[0], apply("confirm")[0], limit()) == (0, 0, 23))
-    status, said = apply("undo")
-    check("undone, the settings are those of before", (status, files(PACKAGE + "/etc/settings"), limit()) ==
-          (0, {path: what for path, what in before.items() if "/settings/" in path}, 21), said)
-    shown = apply("history", str(last_state()))[1]
-    check("history shows what that changed", "-message_size_limit = 24117248\n+message_size_limit = 22020096" in shown)
+    def test_first_use(self):
+        """On a machine that was set up by hand, the files as found become state 1, which root alone can read."""
+        shutil.rmtree(STATES)
+        change(message_limit=21)
+        self.apply()
+        self.assertEqual(limit(), 21)
+        self.assertRegex(self.apply("history"), "^1  As found\n2  .* nubo_config_apply\n$")
+        self.assertEqual(os.stat(STATES).st_mode & 0o777, 0o700)
 
-    for part in range(int(moments)):
-        killed(4 * part / int(moments))
+    def test_two_at_once(self):
+        """The second touches nothing."""
+        change(message_limit=21)
+        with self.running("smtp") as first:
+            self.assertIn("another change is under way", self.apply("smtp", status=1))
+        self.assertEqual((first.returncode, limit()), (0, 21), first.printed)
 
-    changed(message_limit=24)
-    run("strace", "-f", "-qq", "-y", "-s", "300", "-o", "/run/trace", "-e", "trace=fsync,rename,renameat,renameat2",
-        "-e", "signal=none", APPLY, "smtp")
-    order = (f'renameat2\\(.*"{STATES}pending.new", ', f"fsync\\(\\d+<{STATES[:-1]}>", f'rename\\(".*", "{ETC}/main.cf"\\)',
-             f"fsync\\(\\d+<{ETC}/main.cf>", f'rename\\("{STATES}pending/next", "{STATES}{last_state()}"')
-    check("a power cut meets old or new: written, synced and renamed in this order",
-          re.search("(?s)" + ".*?".join(order), read("/run/trace")))
+    # Changes that go wrong on the live machine only.
 
-    certificate, key = pair("new")
-    check("a pair that does not match, or has expired, is refused",
-          (apply("renew", certificate, pair("other")[1])[0], apply("renew", *pair("old", "-1"))[0]) == (1, 1))
-    status, said = apply("renew", certificate, key)
-    served = run("openssl", "s_client", "-connect", "localhost:465").stdout
-    check("a new certificate is served", status == 0 and "CN = new" in served, said + served)
-    records = apply("dns")[1]
-    key = "".join(re.findall('"([^"]*)"', re.search(".*_domainkey.*", records)[0]))
-    check("the records hold the key, in pieces", key + "\n" == read(PACKAGE + "/etc/dkim.key/dkim.txt") and
-          max(map(len, re.findall('"([^"]*)"', records))) == 255, records)
-    print(f"{counts[0]} passed, {counts[1]} failed")
-    return counts[1] != 0
+    def assert_taken_back(self, reason, word, port=None, **new):
+        """The change says the reason, all is as before, and the settings are kept. `port` is taken by another program
+        from when the preview is over; it is bound, and refused to those who connect."""
+        before = files()
+        settings(**{**GOOD, **new})
+        refused = files(SETTINGS)
+        with self.running(word) as process, socket.socket() as other:
+            if port:
+                other.bind(("", port))
+            process.wait()
+        self.assertEqual(process.returncode, 3, process.printed)
+        self.assertRegex(process.printed, reason)
+        self.assert_same(before, files())
+        self.apply("check")
+        self.assertCountEqual(files(STATES + "refused/in" + SETTINGS).values(), refused.values())
+
+    def test_port_is_taken(self):
+        self.assert_taken_back("Postfix", "smtp", port=587, smtp={**SMTP, "smtp_tls_enabled": True})
+
+    def test_daemon_does_not_start(self):
+        self.assert_taken_back("Dovecot does not start", "dovecot", port=993, imap_pop3={"imaps_enabled": True})
+
+    def test_local_delivery_is_dead(self):
+        write("/home/bob/Maildir", "")
+        self.assert_taken_back("from this machine: status=bounced", "alias", aliases={"postmaster": ["bob"]})
+
+    def test_account_type_without_its_directory(self):
+        self.assert_taken_back("from this machine", "smtp", smtp={**SMTP, "account_type": "ldap"})
+
+    # Mail that is not well before.
+
+    def test_preview_refuses(self):
+        """Nothing is touched."""
+        write(CUSTOM, "smtpd_helo_restrictions = hostname\n")
+        before = files()
+        self.apply("smtp", status=1)
+        self.assert_same(before, files())
+        self.assertFalse(is_pending())
+
+    def test_mended_by_a_change(self):
+        write(CUSTOM, "smtpd_helo_restrictions = hostname\n")
+        command("smtp")
+        run("postfix", "-c", ETC, "reload")
+        os.unlink(CUSTOM)
+        self.assertIn("not well", self.apply("smtp"))
+        self.apply("check")
+
+    # Confirming, and going back on purpose.
+
+    def test_not_confirmed(self):
+        """It outlives its session, nobody else changes anything, and it is taken back."""
+        before = files()
+        change(message_limit=22)
+        asked = files(SETTINGS)
+        with self.running("-t", "0.3", "smtp") as session:
+            os.killpg(session.pid, signal.SIGHUP)
+        self.assertEqual((session.returncode, limit()), (0, 22), session.printed)
+        self.apply("smtp", status=1)
+        wait_for(lambda: not is_pending(), "the old state")
+        self.assert_same(before, files())
+        self.assertEqual(limit(), 20)
+        self.apply("check")
+        self.assertCountEqual(files(STATES + "refused/in" + SETTINGS).values(), asked.values())
+
+    def test_confirmed(self):
+        change(message_limit=23)
+        self.apply("-t", "5", "smtp")
+        self.apply("confirm")
+        self.assertEqual(limit(), 23)
+        self.assertFalse(is_pending())
+
+    def test_undo(self):
+        """The settings are those of before, and the history shows what has changed."""
+        before = files(SETTINGS)
+        change(message_limit=23)
+        self.apply("smtp")
+        self.apply("undo")
+        self.assert_same(before, files(SETTINGS))
+        self.assertEqual(limit(), 20)
+        self.assertIn("-message_size_limit = 24117248\n+message_size_limit = 20971520",
+                      self.apply("history", str(last_state())))
+
+    # A process or a machine that ends in the midst of a change.
+
+    def test_killed(self):
+        """After `recover` the files are the old or the new ones, as a whole, and mail is well."""
+        moments = int(os.environ.get("MOMENTS", 4))
+        for moment in range(moments):
+            with self.subTest(seconds=4 * moment / moments):
+                self.setUp()
+                old = files(ETC)
+                change(message_limit=21)
+                with self.running("smtp") as process:
+                    with contextlib.suppress(subprocess.TimeoutExpired):
+                        process.wait(4 * moment / moments)
+                    process.kill()
+                result = run(APPLY, "recover")
+                self.assertIn(result.returncode, (0, 3), result.stdout + result.stderr)
+                kept = f"{STATES}{last_state()}/out"
+                new = {path.removeprefix(kept): what for path, what in files(kept + ETC).items()}
+                now = files(ETC)
+                self.assert_same(old if last_state() == 2 else now | new, now)
+                self.apply("check")
+
+    def test_power_cut(self):
+        """What must be on the disk is synced before it is renamed, in this order."""
+        change(message_limit=21)
+        self.run_program("timeout", "60", "strace", "-fqqy", "-s", "300", "-e", "trace=fsync,rename,renameat,renameat2",
+                         "-e", "signal=none", "-o", "/run/trace", APPLY, "smtp")
+        order = (f'renameat2\\(.*"{STATES}pending.new", ',
+                 f"fsync\\(\\d+<{STATES[:-1]}>",
+                 f'rename\\(".*", "{ETC}/main.cf"\\)',
+                 f"fsync\\(\\d+<{ETC}/main.cf>",
+                 f'rename\\("{STATES}pending/next", "{STATES}{last_state()}"')
+        self.assertRegex(read("/run/trace"), "(?s)" + ".*?".join(order))
+
+    # The other commands.
+
+    def test_renew(self):
+        made, key = certificate("new")
+        self.apply("renew", made, certificate("other")[1], status=1)
+        self.apply("renew", *certificate("old", "-1"), status=1)
+        self.apply("renew", made, key)
+        self.assertIn("CN = new", run("openssl", "s_client", "-connect", "localhost:465").stdout)
+
+    def test_dns(self):
+        """The records hold the key, in pieces."""
+        records = self.apply("dns")
+        pieces = re.findall('"([^"]*)"', re.search(".*_domainkey.*", records)[0])
+        self.assertEqual("".join(pieces) + "\n", read(PACKAGE + "/etc/dkim.key/dkim.txt"))
+        self.assertEqual(max(map(len, pieces)), 255)
 
 
 if __name__ == "__main__":
-    sys.exit(main(*sys.argv[1:]))
+    stage = sys.argv.pop(1)
+    unittest.main(verbosity=2)

@@ -1,7 +1,6 @@
 #!/usr/bin/python3
-"""preview.py STAGED-PACKAGE: nubo_config_preview beside the running daemons of a machine, as its administrator would
-use it: faults that only a rehearsal finds, settings that are good, and what it leaves behind. Runs on a private
-machine, from scripts/test."""
+"""preview.py STAGED-PACKAGE [TEST...]: nubo_config_preview beside the running daemons of a machine, as its
+administrator would use it: faults that only a rehearsal finds, settings that are good, and what it leaves behind."""
 
 import concurrent.futures
 import json
@@ -12,10 +11,12 @@ import subprocess
 import sys
 import tempfile
 import time
+import typing
+import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../lab")
-from appliance import COMMANDS, ETC, PACKAGE, command, contents, generate, lay_out, read, run, send, settings, start, \
-    wait_for, write
+from appliance import (COMMANDS, ETC, PACKAGE, command, contents, generate, lay_out, read, run, send, settings, start,
+                       wait_for, write)
+from appliance_test import CUSTOM, ApplianceTest
 
 PREVIEW = PACKAGE + "/target/bin/nubo_config_preview"
 HOST = {"smtp_hostname": "mail.example.com"}
@@ -27,110 +28,77 @@ FILTERS = {**TLS, **RELAY, "enable_dkim": True, "enable_dmarc": True, "enable_sp
            "restrict_sender": True, "spam_dnsbl_enable": True, "dnsbl": [{"zone": "bl.example", "kind": "RBL"}],
            "reject_unknown_sender_domain": True, "always_bcc": "archive@elsewhere.example"}
 SCAN = {"spam_enable": True, "anti_virus_enable": True, "enable_dangerous_content_scan": True}
-CUSTOM, MAIL = PACKAGE + "/etc/customize/postfix/main.cf", PACKAGE + "/etc/customize/dovecot/10-mail.conf"
-# What is wrong: settings; a file and its text (None: it is gone; a function: of its text); what is said.
-FAULTS = (
-    ({**HOST, "smtp_tls_enabled": True, "smtp_tls_port": 143}, None, None, "fatal: bind .* port 143"),
-    (HOST, CUSTOM, "smtpd_helo_restrictions = hostname\n", "451 4.3.5 Server configuration error"),
-    (HOST, CUSTOM, "service_throttle_time = abc\n", "fatal: .*service_throttle_time"),
-    (HOST, ETC + "/access/client_access.db", None, "error: open database .*client_access.db"),
-    (HOST, CUSTOM, "transport_maps = hash:/etc/none\n", "error: open database /etc/none.db"),
-    (HOST, CUSTOM, "canonical_maps = nosuch:/etc/none\n", "unsupported dictionary type: nosuch"),
-    ({"reject_sasl_sender_rate_exceed": True}, None, None, "451 4.3.5 Server configuration error"),
-    (TLS, PACKAGE + "/etc/ssl/server.crt", "no certificate\n", "port 587, STARTTLS: refused"),
-    ({**TLS, "smtps_port": 25}, None, None, "port 25: refused"),
-    ({"enable_dmarc": True}, None, None, "opendmarc starts: refused"),
-    ({**HOST, "smtp_relay_enabled": True}, None, None, "missing host information"),
-    (HOST, MAIL, "mail_locatoin = maildir:~/M\n", "Unknown setting: mail_locatoin"),
-    ({**HOST, "enable_dkim": True}, ETC + "/template/opendkim.template", lambda text: text.replace("8891", "8899"),
-     "opendkim starts: refused"),
-    ({**HOST, "enable_dkim": True}, PACKAGE + "/etc/dkim.key/dkim.private", None, "a message from this machine: ref"),
-    (HOST, CUSTOM, "mailbox_size_limit = 1000\n", "mailbox_size_limit is smaller"),
-    (HOST, CUSTOM, "mailbox_transport = lmtp:unix:private/none\n", "status=deferred .*private/none"),
-    (HOST, CUSTOM, "smtpd_relay_restrictions = check_client_access static:OK, reject\n"
-     "smtpd_recipient_restrictions = permit\n", "no mail of a stranger to other domains: refused"),
-    (HOST, CUSTOM, "inet_interfaces = 203.0.113.5\n", "no local interface found for 203.0.113.5"),
-    (HOST, CUSTOM, "mail_owner = nobody_here\n", "unknown user name value: nobody_here"),
-    (HOST, ETC + "/template/master.template", lambda text: text[:text.index("local ")], "postlog|local"),
-    ({"smtp_port": 0}, None, None, "log: .*smtp_port: expected an integer"))
-GOOD = (({}, {}), ({"smtp_auth_enabled": False}, {}), (TLS, {}), (FILTERS, {}), ({**FILTERS, **HOST}, SCAN),
-        ({**HOST, "account_type": "ldap"}, {}), ({**HOST, "account_type": "win", "win_domain_short_name": "CORP"}, {}),
-        ({"message_limit": 0}, {}), ({**HOST, "smtp_ignore_lan_auth": True}, {}),
-        ({"smtp_port": 2525, "always_bcc": "a@elsewhere.example"}, {}))
-counts = [0, 0]
-printed = []
+DOVECOT_CUSTOM = PACKAGE + "/etc/customize/dovecot/10-mail.conf"
 
 
-def check(claim, good, detail=""):
-    counts[not good] += 1
-    print(f"{'ok' if good else 'WRONG'}: {claim}" + ("" if good else f"\n{detail}"), flush=True)
+class Case(typing.NamedTuple):
+    """What a preview is made of, and what it says. A file is given by its text, by a function of its text, or None
+    when it is missing."""
+    smtp: dict = {}
+    scanner: dict = {}
+    files: dict = {}
+    word: tuple = ("smtp",)
+    says: str = ""
 
 
-def preview(*arguments, place=()):
-    result = run(*place, "env", "-i", PREVIEW, *arguments)
-    printed.append(result.stdout + result.stderr)
-    return result.returncode, printed[-1]
+def main_cf(says, text):
+    """A customisation of Postfix that is at fault."""
+    return Case(HOST, files={CUSTOM: text}, says=says)
 
 
-def apart(smtp, scanner, path, text, *words):
-    """The preview on a copy of the package that nobody else sees, so that several can run at a time. Its status, what
-    it printed, and whether the generated files stayed as they were."""
-    copy = tempfile.mkdtemp(dir="/run")
-    run("cp", "-aT", PACKAGE, copy, check=True)
-    write(copy + "/etc/settings/smtp.json", json.dumps(smtp))
-    write(copy + "/etc/settings/scanner.json", json.dumps(scanner))
-    place = path.replace(PACKAGE, copy)
-    if path and text is None:
-        os.unlink(place)
-    elif path:
-        write(place, text(read(place)) if callable(text) else text)
-    before = contents(copy + "/target/etc")
-    seen = preview(*words, place=("unshare", "--mount", "sh", "-c", f'mount --bind {copy} {PACKAGE}; exec "$@"', "sh"))
-    return *seen, before == contents(copy + "/target/etc")
+FAULTS = {
+    "Dovecot's port": Case({**HOST, "smtp_tls_enabled": True, "smtp_tls_port": 143}, says="fatal: bind .* port 143"),
+    "one port twice": Case({**TLS, "smtps_port": 25}, says="port 25: refused"),
+    "a setting out of its range": Case({"smtp_port": 0}, says="log: .*smtp_port: expected an integer"),
+    "a feature of the appliance's Postfix": Case(
+        {"reject_sasl_sender_rate_exceed": True}, says="451 4.3.5 Server configuration error"),
+    "a relay without a name": Case({**HOST, "smtp_relay_enabled": True}, says="missing host information"),
+    "DMARC without a host name": Case({"enable_dmarc": True}, says="opendmarc starts: refused"),
+    "a restriction that is unknown": main_cf("451 4.3.5 Server config", "smtpd_helo_restrictions = hostname\n"),
+    "a time that is none": main_cf("fatal: .*service_throttle_time", "service_throttle_time = abc\n"),
+    "a table that is missing": main_cf("error: open database /etc/none.db", "transport_maps = hash:/etc/none\n"),
+    "a type of table": main_cf("unsupported dictionary type: nosuch", "canonical_maps = nosuch:/etc/none\n"),
+    "a small mailbox": main_cf("mailbox_size_limit is smaller", "mailbox_size_limit = 1000\n"),
+    "a transport that is dead": main_cf(
+        "status=deferred .*private/none", "mailbox_transport = lmtp:unix:private/none\n"),
+    "an open relay": main_cf(
+        "no mail of a stranger to other domains: refused",
+        "smtpd_relay_restrictions = check_client_access static:OK, reject\nsmtpd_recipient_restrictions = permit\n"),
+    "another machine's address": main_cf("no local interface found for 203.0.113.5", "inet_interfaces = 203.0.113.5\n"),
+    "an unknown owner": main_cf("unknown user name value: nobody_here", "mail_owner = nobody_here\n"),
+    "a misspelt setting of Dovecot": Case(
+        HOST, files={DOVECOT_CUSTOM: "mail_locatoin = maildir:~/M\n"}, word=("dovecot",),
+        says="Unknown setting: mail_locatoin"),
+    "an access table that is missing": Case(
+        HOST, files={ETC + "/access/client_access.db": None}, says="error: open database .*client_access.db"),
+    "a certificate that is none": Case(
+        TLS, files={PACKAGE + "/etc/ssl/server.crt": "no certificate\n"}, says="port 587, STARTTLS: refused"),
+    "OpenDKIM's other port": Case(
+        {**HOST, "enable_dkim": True}, says="opendkim starts: refused",
+        files={ETC + "/template/opendkim.template": lambda text: text.replace("8891", "8899")}),
+    "OpenDKIM's key is missing": Case(
+        {**HOST, "enable_dkim": True}, says="a message from this machine: ref",
+        files={PACKAGE + "/etc/dkim.key/dkim.private": None}),
+    "half of master.cf": Case(
+        HOST, says="postlog|local",
+        files={ETC + "/template/master.template": lambda text: text[:text.index("local ")]}),
+}
+GOOD = {
+    "the defaults": Case(),
+    "no logins": Case({"smtp_auth_enabled": False}),
+    "TLS": Case(TLS),
+    "all filters": Case(FILTERS),
+    "all filters and scanning, all commands": Case({**FILTERS, **HOST}, SCAN, word=()),
+    "accounts of a directory": Case({**HOST, "account_type": "ldap"}),
+    "accounts of a Windows domain": Case({**HOST, "account_type": "win", "win_domain_short_name": "CORP"}),
+    "messages of any size": Case({"message_limit": 0}),
+    "no relaying for the network": Case({**HOST, "smtp_ignore_lan_auth": True}),
+    "another port, an archive elsewhere": Case({"smtp_port": 2525, "always_bcc": "a@elsewhere.example"}),
+}
+printed = []  # all that previews have said
 
 
-def applied():
-    """What is printed is, as a patch, what the commands then do."""
-    settings(smtp={**TLS, **RELAY}, aliases={"sales": ["alice"]}, imap_pop3={"imaps_enabled": True})
-    os.chmod(ETC + "/dovecot/conf.d/10-master.conf", 0o600)
-    status, shown = preview("--no-rehearsal")
-    check("a change", status == 1 and "master.conf: 600 root:root becomes 644 root:root\n" in shown and
-          "+relay.example:25 ********\n" in shown, shown)
-    shutil.copytree(ETC, "/run/patched" + ETC)
-    text = re.sub(r"(?ms)^--- \S+(\.db|\.json)\t.*?(?=^\n|\Z)", "", shown)
-    check("... is a patch", run("patch", "--directory=/run/patched", "-p1", text=text).returncode == 0, shown)
-    check("... that is applied", all(command(word) == (0, []) for word in COMMANDS))
-    differing = run("diff", "-rq", "/run/patched" + ETC, ETC).stdout.splitlines()
-    check("... byte by byte", all(re.search(r"\.db\b", line) for line in differing), differing)
-    status, shown = preview("--json", "--no-rehearsal")
-    check("... and leaves none", (status, json.loads(shown)["files"]) == (0, []), shown)
-
-
-def killed():
-    """Killed at twenty moments, it leaves nothing, and the daemons go on."""
-    begin = time.time()
-    preview("smtp")
-    length = time.time() - begin
-    before = contents(PACKAGE)
-    around = read("/proc/mounts"), os.listdir("/run/private_root/tmp/upper"), run("lsns", "-no", "NS").stdout
-    refused = []
-    for moment in range(20):
-        process = subprocess.Popen([PREVIEW, "smtp"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        time.sleep(length * moment / 20)
-        reply = send("nobody@elsewhere.example")
-        refused += [reply] if not reply.startswith("554 5.7.1") else []
-        process.kill()
-        process.wait()
-    wait_for(lambda: run("lsns", "-no", "NS").stdout == around[2], "the end of all processes")
-    after = contents(PACKAGE)
-    changed = [path for path in before.keys() | after.keys() if before.get(path) != after.get(path) and
-               "/var/log/" not in path and "/var/lib/postfix/" not in path]
-    left = read("/proc/mounts"), os.listdir("/run/private_root/tmp/upper"), changed
-    check("killed, it leaves nothing", left == (*around[:2], []), left)
-    check("... and the daemons go on", not refused, refused)
-
-
-def main(stage):
+def setUpModule():
     lay_out(stage)
     write("/usr/nubo/etc/nslcd.conf", "uri ldap://ldap.example\nbase dc=example\nbinddn cn=mail\n")
     write("/usr/nubo/etc/ldap.secret", SECRETS[2] + "\n", 0o600)
@@ -138,25 +106,112 @@ def main(stage):
     write("/usr/bin/net", "#!/bin/sh\nprintf 'LDAP server: h\\nLDAP port: 1\\nBind Path: b\\n"
           "distinguishedName: CN=a\\n'\n", 0o755)
     generate(smtp=HOST)
-    for name in ("dovecot", "postfix"):
-        start(name)
+    start("dovecot")
+    start("postfix")
+
+
+def tearDownModule():
+    if any(secret in text for text in printed for secret in SECRETS):
+        raise AssertionError("a secret was printed")
+
+
+def preview(*arguments, place=()):
+    """Its exit status, and all that it printed."""
+    result = run(*place, "env", "-i", PREVIEW, *arguments)
+    printed.append(result.stdout + result.stderr)
+    return result.returncode, printed[-1]
+
+
+def preview_apart(case):
+    """A preview on a copy of the package that nobody else sees, so that several can run at a time. Also returns whether
+    the generated files stayed as they were."""
+    copy = tempfile.mkdtemp(dir="/run")
+    run("cp", "-aT", PACKAGE, copy, check=True)
+    write(copy + "/etc/settings/smtp.json", json.dumps(case.smtp))
+    write(copy + "/etc/settings/scanner.json", json.dumps(case.scanner))
+    for path, text in case.files.items():
+        path = path.replace(PACKAGE, copy)
+        if text is None:
+            os.unlink(path)
+        else:
+            write(path, text(read(path)) if callable(text) else text)
+    before = contents(copy + "/target/etc")
+    place = ("unshare", "--mount", "sh", "-c", f'mount --bind {copy} {PACKAGE}; exec "$@"', "sh")
+    status, said = preview(*case.word, place=place)
+    return status, said, before == contents(copy + "/target/etc")
+
+
+def preview_all(cases):
+    """Title, case and what preview_apart() returns, for each case of a table; three run at a time."""
     with concurrent.futures.ThreadPoolExecutor(3) as several:
-        seen = several.map(lambda fault: apart(fault[0], {}, fault[1] or "", fault[2],
-                                               "dovecot" if fault[1] == MAIL else "smtp"), FAULTS)
-        for said, (status, shown, kept) in zip((fault[3] for fault in FAULTS), seen):
-            check(said, status == 2 and re.search(said, shown) and kept, shown)
-        seen = several.map(lambda good: apart(*good, "", None, *(() if good[1] else ("smtp",))), GOOD)
-        for (smtp, _), (status, shown, _) in zip(GOOD, seen):
-            check(f"good: {', '.join(smtp)}", status < 2, shown)
-    settings(smtp={**RELAY, "smtp_relay_server": " relay.example"})
-    check("postmap quotes", "sasl_passwd" in preview("smtp")[1])
-    check("a word too many", preview("smtp", "alias")[0] == 2)
-    applied()
-    killed()
-    check("no secret is printed", not [text for text in printed for secret in SECRETS if secret in text])
-    print(f"{counts[0]} passed, {counts[1]} failed")
-    return counts[1] != 0
+        yield from zip(cases, cases.values(), several.map(preview_apart, cases.values()))
+
+
+class Preview(ApplianceTest):
+    def test_faults(self):
+        for title, case, (status, said, unchanged) in preview_all(FAULTS):
+            with self.subTest(title):
+                self.assertRegex(said, case.says)
+                self.assertEqual((status, unchanged), (2, True), said)
+
+    def test_good(self):
+        for title, _, (status, said, unchanged) in preview_all(GOOD):
+            with self.subTest(title):
+                self.assertIn(status, (0, 1), said)
+                self.assertTrue(unchanged)
+
+    def test_words_of_programs(self):
+        """What postmap quotes from a file with a secret is hidden; tearDownModule looks at it."""
+        settings(smtp={**RELAY, "smtp_relay_server": " relay.example"})
+        self.assertIn("sasl_passwd", preview("smtp")[1])
+
+    def test_usage(self):
+        self.assertEqual(preview("smtp", "alias")[0], 2)
+
+    def test_patch(self):
+        """The differences, as a patch, are what the commands then do, byte by byte."""
+        settings(smtp={**TLS, **RELAY}, aliases={"sales": ["alice"]}, imap_pop3={"imaps_enabled": True})
+        os.chmod(ETC + "/dovecot/conf.d/10-master.conf", 0o600)
+        status, said = preview("--no-rehearsal")
+        self.assertEqual(status, 1, said)
+        self.assertIn("master.conf: 600 root:root becomes 644 root:root\n", said)
+        self.assertIn("+relay.example:25 ********\n", said)
+        shutil.copytree(ETC, "/run/patched" + ETC)
+        text = re.sub(r"(?ms)^--- \S+(\.db|\.json)\t.*?(?=^\n|\Z)", "", said)
+        run("patch", "--directory=/run/patched", "-p1", text=text, check=True)
+        for word in COMMANDS:
+            self.assertEqual(command(word), (0, []), word)
+        differing = run("diff", "-rq", "/run/patched" + ETC, ETC).stdout.splitlines()
+        self.assertEqual([line for line in differing if not re.search(r"\.db\b", line)], [])
+        status, said = preview("--json", "--no-rehearsal")
+        self.assertEqual((status, json.loads(said)["files"]), (0, []), said)
+
+    def test_killed(self):
+        """Killed at twenty moments, it leaves nothing, and the daemons go on."""
+        begin = time.time()
+        preview("smtp")
+        length = time.time() - begin
+        before = contents(PACKAGE)
+        around = left_over()
+        for moment in range(20):
+            process = subprocess.Popen([PREVIEW, "smtp"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            time.sleep(length * moment / 20)
+            self.assertRegex(send("nobody@elsewhere.example"), "^554 5.7.1")
+            process.kill()
+            process.wait()
+        wait_for(lambda: left_over() == around, "the end of all processes, and of their mounts and files")
+        self.assert_same(without_logs(before), without_logs(contents(PACKAGE)))
+
+
+def left_over():
+    """What a preview that is killed might leave: mounts, files in /tmp, namespaces."""
+    return read("/proc/mounts"), os.listdir("/run/private_root/tmp/upper"), run("lsns", "-no", "NS").stdout
+
+
+def without_logs(found):
+    return {path: text for path, text in found.items() if not re.search("/var/(log|lib/postfix)/", path)}
 
 
 if __name__ == "__main__":
-    sys.exit(main(*sys.argv[1:]))
+    stage = sys.argv.pop(1)
+    unittest.main(verbosity=2)
