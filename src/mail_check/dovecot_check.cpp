@@ -3,6 +3,8 @@
 #include "mail_check/configuration.h"
 #include "mail_check/daemons.h"
 #include "mail_check/mail_questions.h"
+#include "mail_check/smtp_listeners.h"
+#include "mail_check/strangers.h"
 #include "system/program.h"
 #include "system/text.h"
 
@@ -36,13 +38,18 @@ Parameters ParseBlocks(const std::string& text) {
   return found;
 }
 
-void AskService(Observations& seen, const MailCheck& check, const Service& service, const std::string& port,
-                const std::string& address, bool startTls) {
+// The questions of one service. `port` is "0" when it is off.
+void AddService(std::vector<Question>& questions, const MailCheck& check, const Service& service,
+                const std::string& port, const std::string& address, bool tls) {
   const std::string what = std::string("Dovecot, ") + service.name;
+  const std::string begin = service.name + std::string("://");
   const auto nobody = [&](const std::string& place) {
-    const Answer answer = Converse({service.name + ("://" + place), service.command});
-    seen.push_back(
-        {what + " at " + place, answer.refused, answer.refused ? "off" : "off, but: " + answer.said});
+    questions.push_back([=] {
+      const Answer answer = Converse({begin + place, service.command});
+      return MailObservation(what + " at " + place, answer.refused,
+                             answer.refused ? "off" : "off, but: " + answer.said,
+                             "Others can use " + place + ", which is switched off.");
+    });
   };
   if (port == "0") {
     nobody(std::string("127.0.0.1:") + service.port);
@@ -50,33 +57,44 @@ void AskService(Observations& seen, const MailCheck& check, const Service& servi
   }
   const std::vector<std::string> addresses = Words(address);
   const bool here = addresses.empty() || Contains(addresses, "*") || Contains(addresses, "localhost");
-  const std::string place = (here ? "127.0.0.1" : addresses[0]) + ":" + port;
-  Ask(seen, check, what,
-      {service.name + ("://" + place), service.command, startTls && std::string(service.name).back() != 's'});
-  const std::string own = OwnAddress();
-  if (address == "localhost" && !own.empty()) nobody(own + ":" + port);
+  const std::string place = InUrl(here ? "127.0.0.1" : addresses[0]) + ":" + port;
+  const bool startTls = tls && service.name != service.protocol + std::string("s");
+  questions.push_back(Asks(check, what, {begin + place, service.command, startTls},
+                           "Nobody can read mail on port " + port + "."));
+  if (check.isolated) {
+    Dialogue login = {begin + place, service.command, startTls};
+    login.user = "rehearsal";
+    if (place == "127.0.0.1:" + port) login.from = "127.0.1." + std::to_string(questions.size());
+    questions.push_back([=] { return JudgeLogin(port, Converse(login)); });
+  }
+  std::vector<std::string> own = OwnAddresses();
+  own.erase(std::remove_if(own.begin(), own.end(), [](const auto& one) { return Contains(one, ":"); }),
+            own.end());
+  if (address == "localhost" && !own.empty()) nobody(own[0] + ":" + port);
 }
 
 }  // namespace
 
-void CheckDovecot(Observations& seen, const MailCheck& check) {
+std::vector<Question> DovecotQuestions(const MailCheck& check) {
   constexpr Service kServices[] = {{"imap", "imap", "NOOP", "143"},
                                    {"imaps", "imap", "NOOP", "993"},
                                    {"pop3", "pop3", "CAPA", "110"},
                                    {"pop3s", "pop3", "CAPA", "995"}};
   const ProgramResult asked = RunProgram(DaemonNamed("Dovecot").check);
   if (asked.status != 0) {
-    seen.push_back({"Dovecot's configuration", false, asked.errors});
-    return;
+    const std::string why = asked.errors;
+    return {[=] { return MailObservation("Dovecot's configuration", false, why, "Dovecot does not run."); }};
   }
   Parameters values = ParseBlocks(asked.output);
+  std::vector<Question> questions;
   for (const Service& service : kServices) {
     const std::string listener =
         std::string("service ") + service.protocol + "-login/inet_listener " + service.name + "/";
     const bool on = Contains(Words(values["protocols"]), service.protocol);
     values.insert({listener + "port", service.port});  // a default is not printed
     // Dovecot 2.3 has an address, 2.4 listens.
-    AskService(seen, check, service, on ? values[listener + "port"] : "0",
+    AddService(questions, check, service, on ? values[listener + "port"] : "0",
                values[listener + "address"] + values[listener + "listen"], values["ssl"] != "no");
   }
+  return questions;
 }

@@ -1,48 +1,51 @@
 #include "mail_check/mail_check.h"
 
+#include <curl/curl.h>
+
+#include <algorithm>
+
 #include "mail_check/mail_questions.h"
-#include "system/program.h"
-#include "system/text.h"
 
 namespace {
 
 constexpr int kTries = 3;
+constexpr size_t kAtATime = 6;  // they wait for the daemons, most of the time
 
 }  // namespace
 
-bool Ask(Observations& seen, const MailCheck& check, const std::string& what, const Dialogue& dialogue) {
-  Answer answer = Converse(dialogue);
-  for (int count = 1; count < kTries && answer.good && !check.isolated; ++count) answer = Converse(dialogue);
-  seen.push_back({what, answer.good, answer.said});
-  const size_t begin = dialogue.url.find("://");
-  const std::string protocol = dialogue.url.substr(0, begin);
-  MailObservation& last = seen.back();
-  last.place = dialogue.url.substr(begin + 3, dialogue.url.find('/', begin + 3) - begin - 3);
-  last.tls = dialogue.startTls || protocol.back() == 's';
-  if (dialogue.startTls) last.startTls = protocol;
-  return answer.good;
+Question Asks(const MailCheck& check, const std::string& what, const Dialogue& dialogue,
+              const std::string& consequence) {
+  const int tries = check.isolated ? 1 : kTries;
+  return [=] {
+    Answer answer = Converse(dialogue);
+    for (int count = 1; count < tries && answer.good; ++count) answer = Converse(dialogue);
+    MailObservation seen(what, answer.good, answer.said, consequence);
+    const size_t begin = dialogue.url.find("://");
+    const std::string protocol = dialogue.url.substr(0, begin);
+    seen.place = dialogue.url.substr(begin + 3, dialogue.url.find('/', begin + 3) - begin - 3);
+    seen.tls = dialogue.startTls || protocol.back() == 's';
+    if (dialogue.startTls) seen.startTls = protocol;
+    return seen;
+  };
 }
 
-std::vector<std::string> OwnAddresses() {
-  std::vector<std::string> found;
-  for (const std::string& line :
-       Lines(RunProgram({"ip", "-o", "addr", "show", "up", "scope", "global"}).output)) {
-    const std::vector<std::string> words = Words(line);  // number, interface, family, ADDRESS/BITS, ...
-    if (words.size() > 3) found.push_back(words[3].substr(0, words[3].find('/')));
-  }
-  return found;
+Asking::Asking(const std::vector<Question>& questions) : questions_(questions), answers_(questions.size()) {
+  const auto work = [this] {
+    for (size_t one; (one = next_++) < questions_.size();) answers_[one] = questions_[one]();
+  };
+  for (size_t i = 0; i < std::min(kAtATime, questions_.size()); ++i) threads_.emplace_back(work);
 }
 
-std::string OwnAddress() {
-  for (const std::string& address : OwnAddresses()) {
-    if (address.find(':') == std::string::npos) return address;
-  }
-  return "";
+void Asking::Wait(Observations& seen) {
+  for (std::thread& thread : threads_) thread.join();
+  for (const std::optional<MailObservation>& answer : answers_) seen.push_back(*answer);
 }
 
 std::vector<MailObservation> CheckMail(const MailCheck& check) {
+  curl_global_init(CURL_GLOBAL_DEFAULT);
   Observations seen;
+  Asking dovecot(check.dovecot ? DovecotQuestions(check) : std::vector<Question>());
   if (check.postfix) CheckPostfix(seen, check);
-  if (check.dovecot) CheckDovecot(seen, check);
+  dovecot.Wait(seen);
   return seen;
 }

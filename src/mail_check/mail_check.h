@@ -2,6 +2,7 @@
 /// to its mailbox. A check that only connects to a port would miss most faults.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,7 +20,10 @@ struct MailObservation {
   MailObservation(std::string name, bool good, std::string answer, std::string who = "")
       : MailObservation(std::move(name), good ? kGood : kBad, std::move(answer), std::move(who)) {}
   MailObservation(std::string name, State seen, std::string answer, std::string who = "")
-      : what(std::move(name)), state(seen), detail(std::move(answer)), consequence(std::move(who)) {}
+      : what(std::move(name)),
+        state(seen),
+        detail(std::move(answer)),
+        consequence(seen == kGood ? "" : std::move(who)) {}
 
   bool Bad() const { return state == kBad; }
 
@@ -35,11 +39,15 @@ struct MailObservation {
 
 /// What to check.
 struct MailCheck {
-  bool postfix = true;    ///< check Postfix
-  bool dovecot = true;    ///< check Dovecot
-  bool isolated = false;  ///< there is no network: what waits for DNS, a directory or another host is good
-  std::string subject;    ///< subject of the message to postmaster; empty: none is sent
-  std::string text;       ///< its body: lines that end in newlines
+  bool postfix = true;               ///< check Postfix
+  bool dovecot = true;               ///< check Dovecot
+  bool isolated = false;             ///< a rehearsal, see below
+  std::string subject;               ///< subject of the message to postmaster; empty: none is sent
+  std::string text;                  ///< its body: lines that end in newlines
+  std::vector<std::string> users{};  ///< of this machine, who get mail and read it; in a rehearsal
+  /// True when what Postfix could not reach is a program outside the rehearsal: `place` is an address and a
+  /// port, "127.0.0.1:10024", or the path of a socket.
+  std::function<bool(const std::string& place)> runsOutside{};
 };
 
 /// Checks the daemons that run with the files in target/etc, on this machine's own addresses:
@@ -50,4 +58,12 @@ struct MailCheck {
 ///   or held for scanning;
 /// - each of Dovecot's four listeners: it has to answer when it is on; nothing may answer when it is off.
 /// The check waits at most 5 seconds for an answer and 15 for a delivery.
+///
+/// In a rehearsal there is no network, and what waits for DNS, a directory or another host is not decided.
+/// The addresses of Strangers (strangers.h) are routed to this machine, and these are asked too:
+/// - strangers, with and without STARTTLS, over IPv4 and IPv6: each domain and user is reached; nobody on the
+///   Internet or in a private network, also who claims a local sender, may send elsewhere;
+/// - a login with a wrong password is refused, on each port that offers it, by whom checks passwords;
+/// - a message to another host leaves as far as it gets; one to each of the users is delivered, and Dovecot
+///   finds it in the user's INBOX.
 std::vector<MailObservation> CheckMail(const MailCheck& check);

@@ -8,15 +8,17 @@ struct Dialogue {
   std::string url;      ///< smtp, smtps, imap, imaps, pop3 or pop3s; for SMTP, the path is the name for EHLO
   const char* command;  ///< of the protocol, sent after the greeting (and STARTTLS)
   bool startTls = false;  ///< the server must offer STARTTLS, and TLS must work
-  std::string
-      to{};  ///< SMTP: send mail from the empty address to this one, up to DATA, in place of `command`
-  std::string from{};  ///< this machine's IPv4 address to connect from; empty: any
+  std::string to{};       ///< SMTP: send mail to this address, up to DATA, in place of `command`
+  std::string from{};     ///< address to connect from, of this machine or locally routed; empty: any
+  std::string sender{};   ///< SMTP: the address that the mail is from; empty: the one of bounces
+  std::string user{};     ///< if not empty, logs in as this user, with a password that is wrong
 };
 
 /// What the server answered.
 struct Answer {
   bool good;         ///< the server agreed to everything
   bool refused;      ///< nothing listens there
+  bool denied;       ///< the server has checked the login, and refused it
   std::string said;  ///< the server's first refusal, or else its last line; when it said nothing, why
 };
 

@@ -1,7 +1,11 @@
 /// What the checks of Postfix and of Dovecot share.
 #pragma once
 
+#include <atomic>
+#include <functional>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "mail_check/configuration.h"
@@ -10,16 +14,31 @@
 
 using Observations = std::vector<MailObservation>;
 
-/// Has the dialogue three times, or until one fails, and adds what was seen. True when all went well.
-/// (After a failed reload an old process may share the port and take some of the connections. In a rehearsal
-/// there is none, and one dialogue is enough.)
-bool Ask(Observations& seen, const MailCheck& check, const std::string& what, const Dialogue& dialogue);
+/// Asks something, and judges the answer. Runs in a thread, and starts no process.
+using Question = std::function<MailObservation()>;
 
-/// The addresses of this machine that other machines can reach.
-std::vector<std::string> OwnAddresses();
+/// The question whether a dialogue goes well, three times or until it fails. (After a failed reload an old
+/// process may share the port and take some of the connections. In a rehearsal there is none, and it is asked
+/// once.) `consequence` is said when it fails.
+Question Asks(const MailCheck& check, const std::string& what, const Dialogue& dialogue,
+              const std::string& consequence);
 
-/// The first IPv4 address of this machine that other machines can reach; empty when it has none.
-std::string OwnAddress();
+/// Asks questions in the background, some at a time.
+class Asking {
+ public:
+  explicit Asking(const std::vector<Question>& questions);
+
+  /// Waits for the answers, and adds what was seen, in the order of the questions. Call it once.
+  void Wait(Observations& seen);
+
+ private:
+  std::vector<Question> questions_;
+  std::vector<std::optional<MailObservation>> answers_;
+  std::atomic<size_t> next_ = 0;
+  std::vector<std::thread> threads_;
+};
 
 void CheckPostfix(Observations& seen, const MailCheck& check);
-void CheckDovecot(Observations& seen, const MailCheck& check);
+
+/// The questions about Dovecot's listeners.
+std::vector<Question> DovecotQuestions(const MailCheck& check);

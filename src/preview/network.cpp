@@ -10,8 +10,9 @@
 #include <stdexcept>
 
 #include "mail_check/listeners.h"
-#include "mail_check/mail_questions.h"
+#include "mail_check/strangers.h"
 #include "preview/sandbox.h"
+#include "system/files.h"
 #include "system/program.h"
 #include "system/text.h"
 
@@ -66,8 +67,25 @@ std::vector<Place> TakenPlaces() {
 
 void LeaveNetwork(const std::vector<Place>& taken) {
   std::string changes = "link set lo up\n";
-  for (const std::string& address : OwnAddresses()) changes += "addr add " + address + " dev lo\n";
-  changes += "addr add 192.0.2.10 dev lo\n";  // for a machine that has none: an example's (RFC 5737)
+  const auto address = [&](const std::string& one) {
+    // Without a route to its network, whose hosts would be this machine then.
+    changes += "addr add " + one + " dev lo noprefixroute\n";
+  };
+  for (const std::string& line :
+       Lines(RunProgram({"ip", "-o", "addr", "show", "up", "scope", "global"}).output)) {
+    const std::vector<std::string> words = Words(line);  // number, interface, family, ADDRESS/BITS, ...
+    if (words.size() > 3) address(words[3]);
+  }
+  address("192.0.2.10/32");  // for a machine that has none: examples' (RFC 5737, RFC 3849)
+  address("2001:db8::10/128");
+  // Strangers have names, so that no restriction of nameless clients decides.
+  std::string hosts = ReadFile("/etc/hosts");
+  int number = 0;
+  for (const std::string& stranger : Strangers::Addresses()) {
+    changes += "route add local " + stranger + " dev lo\n";
+    hosts += stranger + " stranger" + std::to_string(++number) + ".example\n";
+  }
+  changes += "route add local " + Strangers::Users() + " dev lo\n";
   if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) throw std::runtime_error("cannot make a network namespace");
   if (RunProgram({"ip", "-force", "-batch", "-"}, changes).status == kNotRun) {
     throw std::runtime_error("ip(8) is missing: the rehearsal takes iproute2");
@@ -75,6 +93,7 @@ void LeaveNetwork(const std::vector<Place>& taken) {
   // A connection is refused there, and nobody else can listen. (Linux lets two sockets share a place when
   // both were made with SO_REUSEADDR and neither listens.)
   for (const Place& place : taken) Bound(place, SOCK_STREAM);  // until the process ends
+  ReplaceByText("/etc/hosts", hosts);
   ReplaceByText("/etc/resolv.conf", "nameserver 127.0.0.1\noptions attempts:1\n");
   const int names = Bound({"127.0.0.1", "53"}, SOCK_DGRAM);
   if (names >= 0 && fork() == 0) AnswerNames(names);
