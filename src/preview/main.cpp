@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 
@@ -27,6 +28,14 @@ int Usage(std::ostream& out, int status) {
   return status;
 }
 
+/// True for a terminal, unless the environment says otherwise: https://no-color.org
+bool WantsColour() {
+  const char* const none = std::getenv("NO_COLOR");
+  const char* const terminal = std::getenv("TERM");
+  return isatty(STDOUT_FILENO) != 0 && (none == nullptr || *none == '\0') && terminal != nullptr &&
+         terminal != std::string("dumb");
+}
+
 /// Inside the sandbox.
 Preview Try(const std::vector<std::string>& words, bool rehearsal, const std::vector<Place>& taken) {
   Preview preview;
@@ -36,17 +45,18 @@ Preview Try(const std::vector<std::string>& words, bool rehearsal, const std::ve
     preview.runs.push_back(RunGenerators(word));
     if (word == "mailscanner") StartCheckers(lint, word);
   }
+  const bool failed = preview.Failed();  // then the files are not those of the settings, and nobody is asked
   CoverData();
   for (const std::string& word : words) {
-    if (word != "mailscanner") StartCheckers(checkers, word);
+    if (word != "mailscanner" && !failed) StartCheckers(checkers, word);
   }
   preview.files = FindDifferences(preview.masks);
+  if (failed) return preview;
   const std::string listeners = kEtc + "/dovecot/conf.d/10-master.conf";
   const bool listenersChange = std::any_of(preview.files.begin(), preview.files.end(),
                                            [&](const Difference& file) { return file.path == listeners; });
   // A process of its own stays on the machine's network, and its peers may keep it waiting.
   Program warnings([&] {
-    if (preview.Failed()) return 0;
     for (const std::string& line : AllWarnings(listenersChange, MainCf())) std::cout << line << '\n';
     return 0;
   });
@@ -90,13 +100,14 @@ int main(int argc, char* argv[]) {
     std::cerr << "nubo_config_preview: only root may read the settings" << std::endl;
     return 2;
   }
+  const bool colour = WantsColour();
   // No daemon that is rehearsed reads what this command writes.
   if (words == std::vector<std::string>{"mailscanner"}) rehearsal = false;
   try {
     const std::vector<Place> taken = TakenPlaces();
     const int status = InSandbox([&] {
       const Preview preview = Try(words, rehearsal, taken);
-      (json ? PrintJson : PrintText)(std::cout, preview);
+      json ? PrintJson(std::cout, preview) : PrintText(std::cout, preview, colour);
       return preview.Status();
     });
     return status < 0 ? 2 : status;

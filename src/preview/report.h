@@ -24,9 +24,14 @@ struct Preview {
   /// The exit status: 0 when nothing would change, 1 when something would, 2 when a run failed or a verdict
   /// is "refused".
   int Status() const;
+
+  /// One sentence that says the same.
+  std::string Conclusion() const;
 };
 
-void PrintText(std::ostream& out, const Preview& preview);
+/// The conclusion; what was refused and why; warnings; the differences; what is good. In colours for a
+/// terminal.
+void PrintText(std::ostream& out, const Preview& preview, bool colour);
 
 /// One object, as nubo_config_preview(8) describes it.
 void PrintJson(std::ostream& out, const Preview& preview);
