@@ -1,3 +1,7 @@
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 
 #include "apply/basics.h"
@@ -8,6 +12,9 @@
 int Renew(const Request& request) {
   const std::string& certificate = request.arguments[0];
   const std::string& key = request.arguments[1];
+  for (const std::string& file : request.arguments) {
+    if (access(file.c_str(), R_OK) != 0) throw Fault(file + ": " + std::strerror(errno));
+  }
   RunOrThrow({"openssl", "x509", "-in", certificate, "-noout", "-checkend", "0"},
              certificate + " is no valid certificate, or has expired");
   // An empty password: one that is asked for could not be given by the daemons either.
