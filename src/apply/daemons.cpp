@@ -17,8 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::seconds;
 
-constexpr const char* kMailScannerPid =
-    "/var/packages/Brindlecot/target/var/spool/MailScanner/run/MailScanner.pid";
+constexpr const char* kMailScannerPid = "/run/MailScanner.pid";
 
 // Those that read the file.
 std::set<std::string> ReadersOf(const std::string& path) {
