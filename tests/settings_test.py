@@ -1,12 +1,14 @@
 #!/usr/bin/env python3
-# settings_test.py PROGRAM CHECKOUT: the program, the JSON Schemas and the manual page agree on type, range and default
-# of every setting, and every fault in a settings file is found. Runs only on a private machine (lab/private_root).
+"""settings_test.py PROGRAM CHECKOUT: the program, the JSON Schemas and the manual page agree on type, range and default
+of every setting, and every fault in a settings file is found. Runs only on a private machine (lab/private_root)."""
+
 import functools
 import json
 import os
 import re
 import shutil
 import sys
+import unittest
 
 import jsonschema
 
@@ -42,66 +44,101 @@ FAULTS = {
     **{f'{{"additional_domains": ["", "{text}"]}}': ": additional_domains: expected item 2 to be " + TEXT for text in (
         "\\u0000", "\x7f", "\\udc00", *(bytes.fromhex(code).decode(errors="surrogateescape") for code in (
             "eda080", "f4908080", "f5808080", "c1a1", "e09fbf", "f08fbfbf", "e282", "80")))}}
-program, top = sys.argv[1:]
-take_log, failures = listen(), []
+
+def setUpModule():
+    os.chdir(top)
+    shutil.copy(program, "/run/nubo_set_config")
+    run_cases.cover()
+    global take_log
+    take_log = listen()
+
+
+def schema(name):
+    return json.loads(read(f"data/schema/{name}.schema.json"))
+
+
+def properties(name):
+    return schema(name).get("properties", {})
 
 
 @functools.lru_cache(None)
 def run(command, name="smtp", text="{}"):
     """Runs a command with a settings file and returns all results."""
-    run_cases.set_scene(["file $P/etc/brindlecot.conf domain_alias_map = yes", "remove $P/target/sbin/postalias",
+    run_cases.set_scene(["file $P/etc/brindlecot.conf domain_alias_map = yes",
+                         "remove $P/target/sbin/postalias",
                          "remove /usr/nubo/sbin"])
     write(f"{PACKAGE}/etc/settings/{name}.json", text)
     return run_cases.run(["/run/nubo_set_config"], command.split(), (), take_log)
 
 
-def expect(claim, good):
-    failures.extend([] if good else [claim])
+def on(name):
+    """Settings in which every feature is on, so that each setting makes a difference."""
+    values = {key: True if setting["type"] == "boolean" else setting["default"]
+              for key, setting in properties(name).items()}
+    if name == "smtp":
+        values |= {"account_type": "win", "win_domain_short_name": "D", "dnsbl": [{"zone": "z", "kind": ""}]}
+    return values
 
 
 def other(key, value):
     """A value other than the default."""
-    if isinstance(value, (bool, int)):
-        return not value if isinstance(value, bool) else value + 1
+    if isinstance(value, bool):
+        return not value
+    if isinstance(value, int):
+        return value + 1
     return {"account_type": "ldap", "additional_domains": ["d"], "dnsbl": [{"zone": "d", "kind": ""}]}.get(key, "d")
 
 
-os.chdir(top)
-shutil.copy(program, "/run/nubo_set_config")
-run_cases.cover()
-page, entries = read("docs/man/brindlecot-settings.5"), []
-on = {}
-for name in READERS:
-    schema = json.loads(read(f"data/schema/{name}.schema.json"))
-    jsonschema.Draft7Validator.check_schema(schema)
-    valid = jsonschema.Draft7Validator(schema).is_valid
-    keys = [*schema["properties"], "unknown"] if "properties" in schema else NAMES
-    for value in VALUES:
-        log = run(READERS[name], name, json.dumps(dict.fromkeys(keys, value)))[""]
-        for key in keys:
-            refused = any(f"{name}.json: {re.sub('[^ -~é]', '?', key)}: " in line for line in log)
-            expect(f"{name}: {json.dumps({key: value})}: refused {refused}", refused != valid({key: value}))
-    for key, values in schema.get("properties", {}).items():
-        kind, default = values["type"], values["default"]
-        text = {"array": "list of " + values.get("items", {}).get("type", "") + "s"}.get(kind, kind)
-        text += f", {values['minimum']} to {values['maximum']}" if kind == "integer" else ""
-        shown = {"": "empty", "[]": "empty"}.get(str(default), str(default))
-        entries.append(f".It Ic {key} Pq {text}; default {shown.lower() if kind == 'boolean' else shown}")
-        on.setdefault(name, {})[key] = True if kind == "boolean" else default
-expect("the manual page has other settings", sorted(entries) == sorted(re.findall(r"(?m)^\.It Ic .* Pq .*", page)))
-on["smtp"] |= {"account_type": "win", "win_domain_short_name": "D", "dnsbl": [{"zone": "z", "kind": ""}]}
-for name, command in WRITERS.items():
-    for key, values in json.loads(read(f"data/schema/{name}.schema.json"))["properties"].items():
-        left_out = {k: v for k, v in on[name].items() if k != key}
-        results = [run(command, name, json.dumps({**left_out, **more}, sort_keys=True)) for more in (
-            {}, {key: values["default"]}, {key: other(key, values["default"])})]
-        expect(f"{key} has another default", results[0] == results[1])
-        expect(f"{key} makes no difference", results[1] != results[2])
-for text, fault in FAULTS.items():
-    log = [line for line in run("alias", text=text)[""] if "smtp.json" in line]
-    expect(f"{text!a}: {log}", log == [f"log $P/etc/settings/smtp.json{fault}"] * bool(fault))
-usage = run("")[""][1].removeprefix("says ")
-words = re.search("'(.*)'", read("data/completion/nubo_set_config"))[1]
-expect("the shell completes other words", usage == f"nubo_set_config {{{words.replace(' ', '|')}}}")
-print("\n".join(failures))
-sys.exit(bool(failures))
+def manual_entry(key, setting):
+    """The line of the manual page that the schema of a setting stands for."""
+    kind, default = setting["type"], setting["default"]
+    text = {"array": "list of " + setting.get("items", {}).get("type", "") + "s"}.get(kind, kind)
+    if kind == "integer":
+        text += f", {setting['minimum']} to {setting['maximum']}"
+    shown = {"": "empty", "[]": "empty"}.get(str(default), str(default))
+    return f".It Ic {key} Pq {text}; default {shown.lower() if kind == 'boolean' else shown}"
+
+
+class Settings(unittest.TestCase):
+    def test_the_schemas_and_the_program_refuse_the_same(self):
+        for name, command in READERS.items():
+            jsonschema.Draft7Validator.check_schema(schema(name))
+            is_valid = jsonschema.Draft7Validator(schema(name)).is_valid
+            keys = [*properties(name), "unknown"] if properties(name) else NAMES
+            for value in VALUES:
+                log = run(command, name, json.dumps(dict.fromkeys(keys, value)))[""]
+                for key in keys:
+                    with self.subTest(name, key=key, value=value):
+                        shown = f"{name}.json: {re.sub('[^ -~é]', '?', key)}: "
+                        self.assertEqual(any(shown in line for line in log), not is_valid({key: value}))
+
+    def test_the_manual_page_has_each_setting(self):
+        entries = [manual_entry(*setting) for name in READERS for setting in properties(name).items()]
+        page = read("docs/man/brindlecot-settings.5")
+        self.assertCountEqual(entries, re.findall(r"(?m)^\.It Ic .* Pq .*", page))
+
+    def test_each_setting_has_its_default_and_makes_a_difference(self):
+        for name, command in WRITERS.items():
+            for key, setting in properties(name).items():
+                left_out = {other_key: value for other_key, value in on(name).items() if other_key != key}
+                absent, default, changed = (
+                    run(command, name, json.dumps({**left_out, **more}, sort_keys=True))
+                    for more in ({}, {key: setting["default"]}, {key: other(key, setting["default"])}))
+                with self.subTest(key):
+                    self.assertEqual(absent, default)
+                    self.assertNotEqual(default, changed)
+
+    def test_faults_that_a_schema_cannot_express(self):
+        for text, fault in FAULTS.items():
+            with self.subTest(text):
+                log = [line for line in run("alias", text=text)[""] if "smtp.json" in line]
+                self.assertEqual(log, [f"log $P/etc/settings/smtp.json{fault}"] if fault else [])
+
+    def test_the_shell_completes_the_commands(self):
+        words = re.search("'(.*)'", read("data/completion/nubo_set_config"))[1]
+        self.assertEqual(run("")[""][1], f"says nubo_set_config {{{words.replace(' ', '|')}}}")
+
+
+if __name__ == "__main__":
+    program, top = sys.argv[1:]
+    unittest.main(argv=sys.argv[:1])
