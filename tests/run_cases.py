@@ -18,6 +18,9 @@
 #     |TEXT                     one of its lines
 #     PATH ~N |TEXT             this line stands in place of line N of the first case with this file
 #     +N |TEXT / -N to M        this line stands after line N / lines N to M are missing
+#     \TEXT                     the line before goes on
+#
+# A file that differs in more than two thirds of its lines is shown whole.
 #
 # Runs only on a private machine (lab/private_root). Differences are printed as a patch, which can be applied to the
 # cases with `patch -p1` after a review.
@@ -31,7 +34,6 @@ import shutil
 import subprocess
 import sys
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)) + "/../lab")
 from appliance import ETC, PACKAGE, POSTMAP, listen, read, write
 
 SETTINGS = ("smtp", "scanner", "imap_pop3", "aliases", "sender_quotas", "attachment_filter")
@@ -75,7 +77,17 @@ def tree():
 
 
 def in_scene(line):
-    return line.split(" ")[0] in VERBS
+    return line[0] == "\\" or line.split(" ")[0] in VERBS
+
+
+def unfold(lines):
+    return "\n".join(lines).replace("\n\\", "").split("\n")
+
+
+def fold(line, width=120):
+    """The line in pieces of at most this many characters, cut before a blank, if possible after a comma."""
+    cut = re.match(rf".{{1,{width - 1}}},(?= )", line) or re.match(rf".{{1,{width - 1}}}\S(?= )", line)
+    return [cut[0], *fold("\\" + line[cut.end():], width)] if cut and len(line) > width else [line]
 
 
 def set_scene(lines):
@@ -166,13 +178,16 @@ def render(blocks, base, known):
     for name in sorted(name for name in blocks if blocks[name] != base.get(name)):
         head, *lines = blocks[name]
         like = known.get(name.removesuffix("XXXXXX"))
-        title = [name] * bool(name) + [head] * (not like or like[0] != head)
         changes = list(differences(lines, like[1:])) if like else lines
-        if like and name and changes:
+        if name and 3 * len(changes) > 2 * len(lines) > 6:
+            like, changes = None, lines
+        title = [name, head if not like or head != like[0] else ""]
+        if like and name and changes and len(name + changes[0]) < 120:
             title.append(changes.pop(0))
-        shown += [" ".join(title)] * bool(title) + changes
+        shown += [" ".join(filter(None, title)), *changes]
     missing = sorted(base.keys() - blocks.keys())
-    return shown + [" ".join(["not written", *missing])] * bool(missing)
+    shown += fold(" ".join(["not written", *missing])) if missing else []
+    return list(filter(None, shown))
 
 
 def main(program, *paths):
@@ -182,26 +197,28 @@ def main(program, *paths):
     cover()
     write("/etc/nsswitch.conf", "passwd: files\n")
     take_log = listen()
-    results = [0, 0]
+    counts = [0, 0]
     for path, text in texts.items():
         written, start, base, known = "", [], {}, {}
         for case in re.split(r"(?m)^case ", text)[1:]:
             title, *lines = case.removesuffix("\n").split("\n")
             given = [title, *itertools.takewhile(in_scene, lines)]
-            scene = given[not in_scene(title):]
-            blocks = run([*EMULATOR, "/run/nubo_set_config"], *set_scene(start + scene), take_log)
+            scene = unfold(given[not in_scene(title):])
+            results = run([*EMULATOR, "/run/nubo_set_config"], *set_scene(start + scene), take_log)
+            # Leaves room for what stands before a line that differs.
+            blocks = {name: [piece for line in lines for piece in fold(line, 116)] for name, lines in results.items()}
             actual = "\n".join(given + render(blocks, base, known)) + "\n"
             if not base or "base" in scene:
                 start, base = start + scene, blocks
             known = {**blocks, **known, **base}
             written += "case " + actual
-            results[actual == case] += 1
+            counts[actual == case] += 1
             print("" if actual == case else f"{path}: {title}\n", end="")
         name = path[path.rindex("tests/"):]
         diff = difflib.unified_diff(text.splitlines(True), written.splitlines(True), "a/" + name, "b/" + name)
         print("".join(diff), end="")
-    print(f"{results[1]} passed, {results[0]} failed")
-    return results[0] != 0 or results[1] == 0
+    print(f"{counts[1]} passed, {counts[0]} failed")
+    return counts[0] != 0 or counts[1] == 0
 
 
 if __name__ == "__main__":
