@@ -2,8 +2,8 @@
 """faults.py STAGED-PACKAGE: whatever fails while a command writes, its promises hold (the functions below PROMISES).
 
 Each of its system calls is made to fail in turn; it gets SIGKILL or SIGTERM at each call that changes a file; the disk
-is full but for some pages; the power is cut on ext4 and on xfs; what compiles its tables is killed. Two private machines
-do half of that each: faults.py STAGED-PACKAGE {0|1} [TEST... or other arguments of unittest]."""
+is full but for some pages; the power is cut on ext4 and on xfs; what compiles its tables is killed. It starts two
+private machines, which do half of that each: faults.py STAGED-PACKAGE {0|1} [arguments of unittest]."""
 
 import collections
 import functools
