@@ -49,14 +49,9 @@ std::string_view FindValue(std::string_view content, std::string_view key) {
 
 // The first line of `content` without its line end (LF or CRLF). Blanks stay: they belong to the secret.
 std::string_view FirstLine(std::string_view content) {
-  std::string_view line = TakeLine(content);
-  if (!line.empty() && line.back() == '\n') {
-    line.remove_suffix(1);
-    if (!line.empty() && line.back() == '\r') {
-      line.remove_suffix(1);
-    }
-  }
-  return line;
+  const size_t end = content.find('\n');
+  const bool crlf = end != std::string_view::npos && end > 0 && content[end - 1] == '\r';
+  return content.substr(0, crlf ? end - 1 : end);
 }
 
 }  // namespace

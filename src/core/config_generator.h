@@ -92,8 +92,8 @@ void CloseStream(std::ofstream& stream);
 /// removes the file and returns -1. Otherwise 0, also for a stream that could not be opened.
 int CloseOrRemove(std::ofstream& stream, const char* path);
 
-/// Logs that the file at `path` could not be written, with the reason in errno.
-void LogWriteError(const char* path);
+/// Logs that the file at `path` could not be written, with the reason in errno. Returns -1.
+int LogWriteError(const char* path);
 
 /// Syncs the temporary file to the disk, so that a power cut after the rename leaves a target with all of its
 /// bytes. 0; or -1 after one log line and the removal of the file.

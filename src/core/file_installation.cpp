@@ -21,7 +21,7 @@ const int kWriteErrno = std::ios_base::xalloc();
 
 // For a file that was not written whole, and so must not be used.
 int LogAndRemove(const char* path) {
-  LogWriteError(path);
+  (void)LogWriteError(path);
   (void)unlink(path);
   return -1;
 }
@@ -46,7 +46,7 @@ int Copy(const char* source, const char* destination, int flags, ReadError readE
   while ((count = read(from.number, buffer, sizeof buffer)) > 0) {
     errno = ENOSPC;  // a short write sets no reason; a full disk is the usual one
     if (write(to.number, buffer, static_cast<size_t>(count)) != count) {
-      LogWriteError(destination);
+      (void)LogWriteError(destination);
       return kPartialCopy;
     }
     begun = true;
@@ -56,7 +56,7 @@ int Copy(const char* source, const char* destination, int flags, ReadError readE
     return begun ? kPartialCopy : -1;
   }
   if (to.Close() == 0) return 0;
-  LogWriteError(destination);
+  (void)LogWriteError(destination);
   return kPartialCopy;
 }
 
@@ -75,11 +75,7 @@ int AppendFile(const char* source, const char* destination) {
   return Copy(source, destination, O_APPEND, ReadError::kEndsSource, 140);
 }
 
-int MakeTempFileOrLog(char* path) {
-  if (MakeTempFile(path) == 0) return 0;
-  LogWriteError(path);
-  return -1;
-}
+int MakeTempFileOrLog(char* path) { return MakeTempFile(path) < 0 ? LogWriteError(path) : 0; }
 
 void OpenFromTemplate(std::ofstream& stream, char* temp, const char* templatePath) {
   (void)MakeTempFile(temp);
@@ -98,9 +94,7 @@ void OpenEmpty(std::ofstream& stream, char* temp) {
 
 int OpenOrLog(std::ofstream& stream, const char* path) {
   stream.open(path);
-  if (stream.is_open()) return 0;
-  LogWriteError(path);
-  return -1;
+  return stream.is_open() ? 0 : LogWriteError(path);
 }
 
 std::ostream& EndLine(std::ostream& stream) {
@@ -122,8 +116,9 @@ int CloseOrRemove(std::ofstream& stream, const char* path) {
   return LogAndRemove(path);
 }
 
-void LogWriteError(const char* path) {
+int LogWriteError(const char* path) {
   syslog(LOG_ERR, "%s:%d write %s fail, %s", kLogSource, 329, path, std::strerror(errno));
+  return -1;
 }
 
 int ConfigGenerator::ApplyCustomization(const char* generated, const char* customization) {

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <boost/noncopyable.hpp>
 #include <csignal>
 #include <utility>
 
@@ -11,12 +12,9 @@
 /// A handle of the core library, or null. `Free` releases it. The handle is public because the library may
 /// replace it through its address.
 template <typename T, auto Free>
-struct Owned {
+struct Owned : boost::noncopyable {
   T* handle = nullptr;
 
-  Owned() = default;
-  Owned(const Owned&) = delete;
-  Owned& operator=(const Owned&) = delete;
   ~Owned() {
     if (handle != nullptr) Free(handle);
   }
@@ -27,12 +25,10 @@ using OwnedList = Owned<ZELBCSzList, ZELBCSzListFree>;
 using OwnedOutput = Owned<FILE, ZELBCPclose>;  ///< a program's output
 
 /// An open file; negative when it could not be opened.
-struct OwnedDescriptor {
+struct OwnedDescriptor : boost::noncopyable {
   int number;
 
   explicit OwnedDescriptor(int descriptor) : number(descriptor) {}
-  OwnedDescriptor(const OwnedDescriptor&) = delete;
-  OwnedDescriptor& operator=(const OwnedDescriptor&) = delete;
   ~OwnedDescriptor() { (void)Close(); }
 
   /// 0, or -1 with the reason in errno. A failed write may show only here.
@@ -42,19 +38,17 @@ struct OwnedDescriptor {
 /// Removes the file at `path` when this object is destroyed: a scratch file, or a temporary file that must
 /// not stay when it is not installed. (Once it is installed, nothing stands at `path`.) Declare the object
 /// before the file is created, so that a file that was created half-way is removed too.
-struct FileRemover {
+struct FileRemover : boost::noncopyable {
   const char* path;
 
   explicit FileRemover(const char* name) : path(name) {}
-  FileRemover(const FileRemover&) = delete;
-  FileRemover& operator=(const FileRemover&) = delete;
   ~FileRemover() { unlink(path); }
 };
 
 /// Delays the signals that end a run while this object lives, because a file with a secret exists that must
 /// not stay. A handler stores the signal, and the destructor raises it. A signal mask would not do: a program
 /// that is started meanwhile would inherit it and could never be ended.
-class DelayedSignals {
+class DelayedSignals : boost::noncopyable {
  public:
   DelayedSignals() {
     struct sigaction store = {};
@@ -65,8 +59,6 @@ class DelayedSignals {
       if (ending.before.sa_handler == SIG_IGN) sigaction(ending.signal, &ending.before, nullptr);
     }
   }
-  DelayedSignals(const DelayedSignals&) = delete;
-  DelayedSignals& operator=(const DelayedSignals&) = delete;
   ~DelayedSignals() {
     for (const Ending& ending : endings_) sigaction(ending.signal, &ending.before, nullptr);
     const int signal = received_;
