@@ -3,6 +3,7 @@
 MOMENTS in the environment is how many moments of a change it is killed at, 4 by default."""
 
 import contextlib
+import json
 import os
 import re
 import shutil
@@ -12,12 +13,13 @@ import subprocess
 import sys
 import unittest
 
-from appliance import ETC, HERE, PACKAGE, SBIN, command, generate, lay_out, read, run, settings, wait_for, write
+from appliance import ETC, HERE, PACKAGE, SBIN, command, daemon, generate, lay_out, read, run, settings, wait_for, write
 from appliance_test import CUSTOM, FOLDERS, ApplianceTest, files
 
 APPLY = PACKAGE + "/target/bin/nubo_config_apply"
 STATES = PACKAGE + "/target/var/lib/apply/"
 SETTINGS = PACKAGE + "/etc/settings"
+SSL = PACKAGE + "/etc/ssl"
 SMTP = {"smtp_hostname": "mail.example.com", "smtp_ssl_enabled": True, "message_limit": 20}
 GOOD = {"smtp": SMTP, "aliases": {"postmaster": ["alice"]}}
 # Makes the daemons load the files.
@@ -96,9 +98,9 @@ class Apply(ApplianceTest):
         """On a machine that was set up by hand, the files as found become state 1, which root alone can read."""
         shutil.rmtree(STATES)
         change(message_limit=21)
-        self.apply()
+        self.apply("-m", "larger\nmail")
         self.assertEqual(limit(), 21)
-        self.assertRegex(self.apply("history"), "^1  As found\n2  .* nubo_config_apply\n$")
+        self.assertRegex(self.apply("history"), r"^1  As found\n2  .* \+0000  root  nubo_config_apply: larger mail\n$")
         self.assertEqual(os.stat(STATES).st_mode & 0o777, 0o700)
 
     def test_two_at_once(self):
@@ -235,12 +237,35 @@ class Apply(ApplianceTest):
         self.apply("renew", made, key)
         self.assertIn("CN = new", run("openssl", "s_client", "-connect", "localhost:465").stdout)
 
+    def test_check(self):
+        """For programs: mail is well while a file differs; then a listener shows another certificate than its file."""
+        write(CUSTOM, "biff = no\n")
+        seen = json.loads(self.apply("check", "--json", "--no-message", status=5))
+        self.assertEqual((seen["differing"], seen["queue"]["messages"]), ([CUSTOM], 0))
+        self.assertNotIn("a message from this machine", [one["what"] for one in seen["mail"]])
+        run("cp", "-a", SSL, "/run/ssl", check=True)
+        self.addCleanup(run, "cp", "-a", "/run/ssl/.", SSL, check=True)
+        for made, name in zip(certificate("unloaded"), ("server.crt", "server.key")):
+            run("cp", made, f"{SSL}/{name}", check=True)
+        self.assertIn("BAD      Postfix, port 465, TLS, certificate: ", self.apply("check", "--no-message", status=1))
+
     def test_dns(self):
-        """The records hold the key, in pieces."""
+        """The records hold the key, in pieces, and the relay. DNS has the key's, and another for mail."""
+        change(enable_dkim=True, smtp_relay_enabled=True, smtp_relay_server="[2001:db8::7]")
         records = self.apply("dns")
+        self.assertIn('"v=spf1 mx ip6:2001:db8::7 -all"', records)
         pieces = re.findall('"([^"]*)"', re.search(".*_domainkey.*", records)[0])
         self.assertEqual("".join(pieces) + "\n", read(PACKAGE + "/etc/dkim.key/dkim.txt"))
         self.assertEqual(max(map(len, pieces)), 255)
+        write("/run/dns.conf", "no-resolv\nlocal=/com/\nmx-host=mail.example.com,other.example\n"
+              f"txt-record=default._domainkey.mail.example.com,{','.join(pieces)}\n")
+        server = daemon("dnsmasq", "--conf-file=/run/dns.conf", "--keep-in-foreground", port=53, host="127.0.0.53")
+        self.addCleanup(server.wait)
+        self.addCleanup(server.kill)
+        self.assertEqual(re.findall(r"(?m)^(\w+) .* IN (\w+ \S+)", self.apply("dns", "check", status=1)),
+                         [("DIFFERS", "MX 10"), ("MISSING", 'TXT "v=spf1'), ("good", 'TXT "v=DKIM1;'),
+                          ("MISSING", 'TXT "v=DMARC1;'), ("MISSING", 'TXT "v=TLSRPTv1;'), ("MISSING", "SRV 0"),
+                          ("MISSING", "SRV 0")])
 
 
 if __name__ == "__main__":
