@@ -8,6 +8,7 @@
 #include <regex>
 
 #include "mail_check/daemons.h"
+#include "mail_check/strangers.h"
 #include "system/program.h"
 #include "system/text.h"
 #include "system/wait.h"
@@ -31,7 +32,8 @@ Delivery::Delivery(const MailCheck& check, const Parameters& main, const std::ve
   HandIn("a message to another host", "postmaster@elsewhere.invalid",  // RFC 6761, section 6.4
          "Nobody can send mail to other hosts.", true);
   for (const std::string& user : check.users) {
-    HandIn("a message to " + user, user, "New mail does not reach " + user + ".", false);
+    HandIn("a message to " + user, user + "@" + LocalDomains(main)[0],
+           "New mail does not reach " + user + ".", false);
     messages_.back().user = user;
   }
 }
@@ -142,11 +144,12 @@ void Delivery::Deferred(Message& message, const std::string& line) {
       message.seen.state = MailObservation::kNotAsked;
     return;
   }
+  if (Contains(line, "loops back to myself")) return;
   message.seen.state = MailObservation::kGood;
   if (!std::regex_search(line, match, std::regex("connect to [^\\[]*\\[([^\\]]*)\\]:?(\\d*): "))) return;
   const std::string address = match[1];
   const bool path = Contains(address, "/");
-  if (!path && !IsHere(line) && address.rfind("127.", 0) != 0 && address != "::1") return;
+  if (!path && !IsLoopback(address) && !Contains(OwnAddresses(), address)) return;
   const std::string place = path ? address : address + ":" + match[2].str();
   message.seen.state =
       check_.runsOutside && check_.runsOutside(place) ? MailObservation::kNotAsked : MailObservation::kBad;
@@ -156,10 +159,7 @@ void Delivery::Deferred(Message& message, const std::string& line) {
 bool Delivery::IsHere(const std::string& line) const {
   std::smatch match;
   if (!std::regex_search(line, match, std::regex("relay=[^\\[,]*\\[([^\\]]*)\\]:(\\d+)"))) return false;
-  const std::string address = match[1];
-  return (StartsWith(address, "127.") || address == "::1" || Contains(OwnAddresses(), address)) &&
-         std::any_of(listeners_.begin(), listeners_.end(),
-                     [&](const SmtpListener& listener) { return listener.port == match[2].str(); });
+  return IsOwn(listeners_, match[1], match[2]);
 }
 
 void Delivery::FindInInbox(Message& message) const {

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <regex>
 
 #include "mail_check/delivery.h"
 #include "mail_check/mail_questions.h"
@@ -17,6 +18,18 @@ void AddListener(std::vector<Question>& questions, const MailCheck& check, const
   questions.push_back(Asks(check, what + (listener.wrapped ? ", TLS" : ""), {url, "NOOP"}, nobody + "."));
   if (listener.startTls)
     questions.push_back(Asks(check, what + ", STARTTLS", {url, "NOOP", true}, nobody + " with TLS."));
+}
+
+// A relay host that is this machine sends the mail back to it.
+void JudgeRelayHost(Observations& seen, const Parameters& main, const std::vector<SmtpListener>& listeners) {
+  static const std::regex form(R"(\[?([^\[\]]+?)\]?(?::(\d+|smtp))?)");
+  std::smatch match;
+  const std::string& host = main.at("relayhost");
+  if (!std::regex_match(host, match, form)) return;
+  const std::string port = match[2].matched && match[2] != "smtp" ? match[2].str() : "25";
+  const bool own = IsOwn(listeners, match[1] == main.at("myhostname") ? "127.0.0.1" : match[1].str(), port);
+  seen.emplace_back("the relay host", !own, own ? host + " is this machine" : "",
+                    "Mail to other hosts comes back, and bounces.");
 }
 
 }  // namespace
@@ -52,6 +65,7 @@ void CheckPostfix(Observations& seen, const MailCheck& check) {
   if (check.isolated) {
     for (const Question& question : LoginQuestions(listeners)) second.push_back(question);
   }
+  if (check.isolated) JudgeRelayHost(seen, main, listeners);
   seen.push_back(JudgeNetworks(main, check.isolated));
   Asking asking(second);
   Observations messages;

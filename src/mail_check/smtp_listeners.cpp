@@ -15,10 +15,6 @@ namespace {
 
 bool IsSix(const std::string& address) { return Contains(address, ":"); }
 
-bool IsLoopback(const std::string& address) {
-  return StartsWith(address, "127.") || address == "::1" || address == "localhost";
-}
-
 // The numeric form of a socket's address.
 std::string Numeric(const sockaddr* address) {
   const bool six = address->sa_family == AF_INET6;
@@ -26,20 +22,6 @@ std::string Numeric(const sockaddr* address) {
   getnameinfo(address, six ? sizeof(sockaddr_in6) : sizeof(sockaddr_in), text, sizeof text, nullptr, 0,
               NI_NUMERICHOST);
   return text;
-}
-
-// The addresses of a name, as far as /etc/hosts or a name server knows it; an address is its own.
-std::vector<std::string> AddressesOf(const std::string& name) {
-  addrinfo wanted = {};
-  wanted.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  std::string bare = name;
-  if (!bare.empty() && bare[0] == '[') bare = bare.substr(1, bare.find(']') - 1);
-  if (getaddrinfo(bare.c_str(), nullptr, &wanted, &found) != 0) return {};
-  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
-  std::vector<std::string> addresses;
-  for (; found != nullptr; found = found->ai_next) addresses.push_back(Numeric(found->ai_addr));
-  return addresses;
 }
 
 // A service that listens on a port, from a `line` of `postconf -M`.
@@ -95,6 +77,23 @@ SmtpListener ListenerOf(const std::string& line, const std::string& name, const 
 
 }  // namespace
 
+bool IsLoopback(const std::string& address) {
+  return StartsWith(address, "127.") || address == "::1" || address == "localhost";
+}
+
+std::vector<std::string> AddressesOf(const std::string& name) {
+  addrinfo wanted = {};
+  wanted.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  std::string bare = name;
+  if (!bare.empty() && bare[0] == '[') bare = bare.substr(1, bare.find(']') - 1);
+  if (getaddrinfo(bare.c_str(), nullptr, &wanted, &found) != 0) return {};
+  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
+  std::vector<std::string> addresses;
+  for (; found != nullptr; found = found->ai_next) addresses.push_back(Numeric(found->ai_addr));
+  return addresses;
+}
+
 std::string InUrl(const std::string& address) { return IsSix(address) ? "[" + address + "]" : address; }
 
 std::string SmtpListener::Url(const std::string& address) const {
@@ -125,6 +124,15 @@ std::vector<std::string> OwnAddresses() {
   }
   freeifaddrs(all);
   return found;
+}
+
+bool IsOwn(const std::vector<SmtpListener>& listeners, const std::string& host, const std::string& port) {
+  const std::vector<std::string> own = OwnAddresses();
+  const std::vector<std::string> addresses = AddressesOf(host);
+  return std::any_of(addresses.begin(), addresses.end(),
+                     [&](const std::string& one) { return IsLoopback(one) || Contains(own, one); }) &&
+         std::any_of(listeners.begin(), listeners.end(),
+                     [&](const SmtpListener& listener) { return listener.port == port; });
 }
 
 bool IsIn(const std::string& address, const std::string& network) {

@@ -31,6 +31,19 @@ std::string TrustedIn(const std::string& address, const Parameters& main) {
   return found == networks.end() ? "" : *found;
 }
 
+// True for a network within a private range.
+bool IsPrivate(const std::string& network) {
+  const size_t slash = network.rfind('/');
+  std::string base = network.substr(0, slash);
+  if (base[0] == '[') base = base.substr(1, base.find(']') - 1);
+  const int bits = slash == std::string::npos ? 128 : std::atoi(network.c_str() + slash + 1);
+  return std::any_of(std::begin(kPrivate), std::end(kPrivate), [&](const Range& range) {
+    return IsIn(base, range.network) &&
+           bits >=
+               std::atoi(std::string(range.network).substr(std::string(range.network).find('/') + 1).c_str());
+  });
+}
+
 // The first of the addresses that mynetworks does not trust; the first, when it trusts all.
 std::string Untrusted(const std::vector<std::string>& addresses, const Parameters& main) {
   const auto found = std::find_if(addresses.begin(), addresses.end(), [&](const std::string& address) {
@@ -69,38 +82,29 @@ MailObservation JudgeArrival(const std::string& what, const Answer& answer, cons
   return {what, false, answer.said, "Nobody on other machines can send mail to " + dialogue.to + "."};
 }
 
-// `network` is that of the client; `onPurpose` when an administrator may well mean to trust it.
+// `network` is that of the client; `lan` when it is a private one. `trusted` is the word of mynetworks that
+// trusts it, if one does: an administrator's own network then, unless it is wider than that.
 MailObservation JudgeRelay(const std::string& what, const Answer& answer, const std::string& network,
-                           bool onPurpose) {
+                           bool lan, const std::string& trusted) {
+  if (answer.good && lan && !trusted.empty() && IsPrivate(trusted))
+    return {what, true, trusted + " is trusted, by mynetworks"};
   if (answer.good)
-    return {what, onPurpose ? MailObservation::kWarning : MailObservation::kBad, answer.said,
-            std::string(onPurpose ? "A" : "Open relay: a") + "ny host on " + network +
+    return {what, lan ? MailObservation::kWarning : MailObservation::kBad, answer.said,
+            std::string(lan ? "A" : "Open relay: a") + "ny host on " + network +
                 " may send anywhere without a login."};
   if (answer.said[0] == '5') return {what, true, answer.said};
   return {what, MailObservation::kNotAsked, answer.said};
-}
-
-// The domains whose mail is delivered here, first the one to ask first.
-std::vector<std::string> LocalDomains(const Parameters& main) {
-  std::vector<std::string> domains;
-  for (const std::string& word : Words(main.at("mydestination"))) {
-    if (Contains(word, ":") || Contains(word, "/") || Contains(word, "$") || StartsWith(word, "localhost") ||
-        Contains(domains, word))
-      continue;
-    domains.insert(word == main.at("myhostname") ? domains.begin() : domains.end(), word);
-  }
-  if (domains.empty()) domains.push_back(main.at("myhostname"));
-  return domains;
 }
 
 // What strangers may not do on the listener that is open to them.
 void AddRelay(std::vector<Question>& questions, const SmtpListener& listener, const std::string& begin,
               const Parameters& main, const MailCheck& check) {
   const auto add = [&](const std::string& what, const std::string& address, const std::string& from,
-                       const std::string& sender, const std::string& network, bool onPurpose) {
+                       const std::string& sender, const std::string& network, bool lan) {
     Dialogue dialogue = {listener.Url(address), nullptr, false, kElsewhere, from, sender};
-    questions.push_back(
-        [=] { return JudgeRelay(begin + what, Send(listener, dialogue), network, onPurpose); });
+    questions.push_back([=] {
+      return JudgeRelay(begin + what, Send(listener, dialogue), network, lan, TrustedIn(from, main));
+    });
   };
   for (const std::string& address : listener.outside) {
     const std::string six = IsSix(address) ? ", IPv6" : "";
@@ -170,6 +174,18 @@ std::string Strangers::Users() { return "198.18.78.0/24"; }
 
 std::string Strangers::User(int number) { return "198.18.78." + std::to_string(number); }
 
+std::vector<std::string> LocalDomains(const Parameters& main) {
+  std::vector<std::string> domains;
+  for (const std::string& word : Words(main.at("mydestination"))) {
+    if (Contains(word, ":") || Contains(word, "/") || Contains(word, "$") || StartsWith(word, "localhost") ||
+        Contains(domains, word))
+      continue;
+    domains.insert(word == main.at("myhostname") ? domains.begin() : domains.end(), word);
+  }
+  if (domains.empty()) domains.push_back(main.at("myhostname"));
+  return domains;
+}
+
 std::vector<Question> StrangerQuestions(const std::vector<SmtpListener>& listeners, const Parameters& main,
                                         const MailCheck& check) {
   std::vector<Question> questions;
@@ -202,11 +218,8 @@ MailObservation JudgeNetworks(const Parameters& main, bool isolated) {
     if (base.empty() || Contains(base, "/") || Contains(base, ":/")) continue;
     const int bits = std::atoi(network.c_str() + slash + 1);
     const bool six = IsSix(base);
-    const bool own = std::any_of(std::begin(kPrivate), std::end(kPrivate), [&](const Range& range) {
-      return IsIn(six ? base.substr(1, base.size() - 2) : base, range.network);
-    });
     // A provider's whole range may be an administrator's own; half of the Internet is not.
-    if (bits >= (six ? 32 : 16) || (own && bits >= 7) || StartsWith(base, "127")) continue;
+    if (bits >= (six ? 32 : 16) || IsPrivate(network) || StartsWith(base, "127")) continue;
     const bool wide = bits < (six ? 16 : 8);
     // In a rehearsal the stranger in it has been let through, or has not.
     const bool asked = isolated && TrustedIn(Untrusted(kPublic, main), main) == network;

@@ -12,6 +12,7 @@
 #include "mail_check/configuration.h"
 #include "mail_check/mail_questions.h"
 #include "mail_check/versions.h"
+#include "preview/covers.h"
 #include "preview/network.h"
 #include "preview/rehearsal.h"
 #include "preview/report.h"

@@ -1,11 +1,15 @@
 #include "preview/network.h"
 
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sched.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <memory>
 #include <stdexcept>
 
@@ -18,8 +22,9 @@
 
 namespace {
 
-/// A socket bound to a place; negative when that is impossible.
-int Bound(const Place& place, int type) {
+/// A socket of the place, as `use` makes it: bind(2) or connect(2). Negative when that is impossible.
+template <typename Use>
+int Open(const Place& place, int type, Use use) {
   addrinfo wanted = {};
   wanted.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
   wanted.ai_socktype = type;
@@ -29,9 +34,9 @@ int Bound(const Place& place, int type) {
   const int file = socket(found->ai_family, type | SOCK_CLOEXEC, 0);
   const int yes = 1;
   // The second time for a program that listens on both 0.0.0.0 and ::.
-  if (bind(file, found->ai_addr, found->ai_addrlen) == 0 ||
+  if (use(file, found->ai_addr, found->ai_addrlen) == 0 ||
       (setsockopt(file, IPPROTO_IPV6, IPV6_V6ONLY, &yes, sizeof yes) == 0 &&
-       bind(file, found->ai_addr, found->ai_addrlen) == 0))
+       use(file, found->ai_addr, found->ai_addrlen) == 0))
     return file;
   close(file);
   return -1;
@@ -53,19 +58,51 @@ int Bound(const Place& place, int type) {
   }
 }
 
+/// Passes bytes on, both ways, until one side ends.
+[[noreturn]] void PassOn(int one, int other) {
+  pollfd ends[] = {{one, POLLIN, 0}, {other, POLLIN, 0}};
+  for (;;) {
+    if (poll(ends, 2, -1) < 0) _exit(1);
+    for (const int from : {0, 1}) {
+      char part[65536];
+      if (ends[from].revents == 0) continue;
+      const ssize_t size = read(ends[from].fd, part, sizeof part);
+      if (size <= 0 || write(ends[1 - from].fd, part, static_cast<size_t>(size)) != size) _exit(0);
+    }
+  }
+}
+
+/// Takes the connections of one listener, and connects each with the place on the machine's network.
+[[noreturn]] void Forward(int listener, int machine, const Place& place) {
+  if (setns(machine, CLONE_NEWNET) != 0) _exit(1);
+  signal(SIGCHLD, SIG_IGN);
+  for (;;) {
+    const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (client >= 0 && fork() == 0) {
+      const int server = Open(place, SOCK_STREAM, connect);
+      if (server < 0) _exit(1);
+      PassOn(client, server);
+    }
+    close(client);
+  }
+}
+
 }  // namespace
 
 std::vector<Place> TakenPlaces() {
   std::vector<Place> places;
   for (const TcpListener& listener : TcpListeners()) {
-    if (std::none_of(Daemons().begin(), Daemons().end(),
-                     [&](const Daemon& daemon) { return Belongs(listener, daemon); }))
+    if (std::none_of(Daemons().begin(), Daemons().end(), [&](const Daemon& daemon) {
+          // Others may run the same program as another milter.
+          return (daemon.milterPort.empty() || daemon.milterPort == listener.port) &&
+                 Belongs(listener, daemon);
+        }))
       places.push_back({listener.address, listener.port});
   }
   return places;
 }
 
-void LeaveNetwork(const std::vector<Place>& taken) {
+void LeaveNetwork(const std::vector<Place>& taken, const std::vector<Service>& services) {
   std::string changes = "link set lo up\n";
   const auto address = [&](const std::string& one) {
     // Without a route to its network, whose hosts would be this machine then.
@@ -86,15 +123,25 @@ void LeaveNetwork(const std::vector<Place>& taken) {
     hosts += stranger + " stranger" + std::to_string(++number) + ".example\n";
   }
   changes += "route add local " + Strangers::Users() + " dev lo\n";
+  for (const Service& service : services) {
+    if (!service.local) changes += "route add local " + service.place.address + " dev lo\n";
+    if (service.host != service.place.address) hosts += service.place.address + " " + service.host + "\n";
+  }
+  const int machine = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
   if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) throw std::runtime_error("cannot make a network namespace");
   if (RunProgram({"ip", "-force", "-batch", "-"}, changes).status == kNotRun) {
     throw std::runtime_error("ip(8) is missing: the rehearsal takes iproute2");
   }
+  for (const Service& service : services) {
+    const int listener = Open(service.place, SOCK_STREAM, bind);
+    if (listener >= 0 && listen(listener, SOMAXCONN) == 0 && fork() == 0)
+      Forward(listener, machine, service.place);
+  }
   // A connection is refused there, and nobody else can listen. (Linux lets two sockets share a place when
   // both were made with SO_REUSEADDR and neither listens.)
-  for (const Place& place : taken) Bound(place, SOCK_STREAM);  // until the process ends
+  for (const Place& place : taken) Open(place, SOCK_STREAM, bind);  // until the process ends
   ReplaceByText("/etc/hosts", hosts);
   ReplaceByText("/etc/resolv.conf", "nameserver 127.0.0.1\noptions attempts:1\n");
-  const int names = Bound({"127.0.0.1", "53"}, SOCK_DGRAM);
+  const int names = Open({"127.0.0.1", "53"}, SOCK_DGRAM, bind);
   if (names >= 0 && fork() == 0) AnswerNames(names);
 }

@@ -1,7 +1,5 @@
 #include "preview/rehearsal.h"
 
-#include <pwd.h>
-
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -14,9 +12,11 @@
 #include "mail_check/daemons.h"
 #include "mail_check/listeners.h"
 #include "mail_check/mail_check.h"
+#include "preview/covers.h"
 #include "preview/log.h"
 #include "preview/network.h"
 #include "preview/sandbox.h"
+#include "preview/services.h"
 #include "system/files.h"
 #include "system/program.h"
 #include "system/text.h"
@@ -70,26 +70,11 @@ Verdict JudgeLog(const std::string& log) {
 
 }  // namespace
 
-void CoverData() {
-  for (const char* folder : {"/var/log", "/var/tmp", "/var/lib/dovecot"}) Cover(folder);
-  if (fs::exists(kMain)) {
-    for (const char* name : {"queue_directory", "data_directory", "mail_spool_directory"}) {
-      const std::string folder = MainParameter(name);
-      if (folder.rfind("/var/packages/", 0) != 0) CoverByDirectories(folder);
-    }
-  }
-  const std::unique_ptr<FILE, int (*)(FILE*)> users(std::fopen("/etc/passwd", "re"), std::fclose);
-  while (const passwd* user = users ? fgetpwent(users.get()) : nullptr) {
-    const std::string home = user->pw_dir;
-    const bool person = user->pw_uid == 0 || user->pw_uid >= 1000;
-    if (person && kEtc.rfind(home, 0) != 0) Cover(home);
-  }
-}
-
 std::vector<Verdict> Rehearse(const std::vector<Place>& taken) {
   std::vector<Verdict> verdicts;
   const bool postfix = fs::exists(kMain) && fs::exists(kEtc + "/master.cf");
-  LeaveNetwork(taken);
+  LeaveNetwork(taken, postfix ? TcpServices(taken) : std::vector<Service>());
+  if (postfix) KeepSockets();
   // Makes the directories of the queue, of which Dovecot needs one for its socket.
   if (postfix && !fs::exists(MainParameter("queue_directory") + "/pid"))
     RunProgram({"postfix", "-c", kEtc, "check"});
@@ -98,6 +83,8 @@ std::vector<Verdict> Rehearse(const std::vector<Place>& taken) {
   check.subject = "rehearsal";
   check.text = "This is a rehearsal.\n";
   check.dovecot = check.postfix = false;
+  check.users = MailUsers();
+  check.runsOutside = [&](const std::string& place) { return RunsOutside(place, taken); };
   TakeLog();
   // A login that is refused would wait for two seconds.
   const std::string& dovecotConf = DaemonNamed("Dovecot").configuration;

@@ -11,10 +11,6 @@
 #include "preview/network.h"
 #include "preview/verdict.h"
 
-/// Covers what daemons write to beside the generated files: the data of mail, Postfix's queue without what is
-/// in it, and the homes of users.
-void CoverData();
-
 /// Starts Dovecot, the milters that are on and Postfix, as far as they are installed and have files, and asks
 /// them. `taken` are the places where others listen (TakenPlaces). To be called once, after
 /// CoverData: the network is left for good.

@@ -21,6 +21,7 @@
 
 #include "preview/log.h"
 #include "system/program.h"
+#include "system/text.h"
 
 namespace {
 
@@ -76,6 +77,22 @@ void CopyDirectories(const fs::path& from, const fs::path& to, int depth, int& m
   }
 }
 
+/// Puts the paths below a directory into its cover that stay as they are.
+void Keep(const std::string& directory, const std::vector<std::string>& kept) {
+  for (const std::string& name : kept) {
+    const fs::path path = fs::path(directory) / name;
+    const fs::path place = kWork + path.string();
+    if (!fs::exists(path)) continue;
+    fs::create_directories(place.parent_path());
+    if (fs::is_directory(path)) {
+      fs::create_directories(place);
+    } else {
+      std::ofstream(place).flush();
+    }
+    Bind(path, place);
+  }
+}
+
 // ---- The sandbox -------------------------------------------------------------------------------------
 
 /// Nothing of the machine can be changed through the mounts of this process from here on.
@@ -104,8 +121,11 @@ void LayOut() {
   setenv("LC_ALL", "C", 1);
   setenv("HOME", kWork, 1);
   Need(mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr), "mount /proc");
-  Need(mount("tmpfs", "/tmp", "tmpfs", MS_NOSUID, nullptr), "mount /tmp");
+  // As large as any queue or disk: what has room on the machine has room here.
+  Need(mount("tmpfs", "/tmp", "tmpfs", MS_NOSUID, "size=1t,nr_inodes=0"), "mount /tmp");
   Need(mkdir(kWork, 0700), "make a directory");
+  Need(mkdir(kMachine.c_str(), 0700), "make a directory");
+  Bind("/", kMachine);
   Copy(kEtc, kInstalled);
   for (const std::string& directory :
        {kEtc, std::string("/var/lib/samba"), std::string("/var/cache/samba")}) {  // samba: for net(8)
@@ -116,7 +136,7 @@ void LayOut() {
   CoverByDirectories(std::string(kTarget) + "/var");
   // The users of a directory or a domain are asked for through sockets, names too. Everybody may go there.
   const mode_t mask = umask(022);
-  Cover("/run", {"nscd", "nslcd", "samba/winbindd", "systemd/resolve", "systemd/userdb"});
+  CoverByDirectories("/run", {"nscd", "nslcd", "samba/winbindd", "systemd/resolve", "systemd/userdb"});
   umask(mask);
   Cover("/dev", {"full", "null", "random", "tty", "urandom", "zero"});
   ReplaceByText(kHelper, std::string("#!/bin/sh\nprintf %s \"$4\" >") + kToldPamConfig + "\n");
@@ -156,28 +176,49 @@ int InSandbox(const std::function<int()>& work) {
 void Cover(const std::string& directory, const std::vector<std::string>& kept) {
   struct stat status = {};
   if (stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return;
-  const fs::path cover = kWork + directory;
-  fs::create_directories(cover);
-  MakeLike(status, cover);
-  for (const std::string& name : kept) {
-    const fs::path path = fs::path(directory) / name;
-    if (!fs::exists(path)) continue;
-    fs::create_directories((cover / name).parent_path());
-    if (fs::is_directory(path)) {
-      fs::create_directory(cover / name);
-    } else {
-      std::ofstream(cover / name);
-    }
-    Bind(path, cover / name);
-  }
-  Bind(cover, directory);
+  fs::create_directories(kWork + directory);
+  MakeLike(status, kWork + directory);
+  Keep(directory, kept);
+  Bind(kWork + directory, directory);
 }
 
-void CoverByDirectories(const std::string& directory) {
+void CoverByDirectories(const std::string& directory, const std::vector<std::string>& kept) {
   if (!fs::is_directory(directory)) return;
   int mostLeft = kMostDirectories;
   CopyDirectories(fs::canonical(directory), kWork + directory, kDeepest, mostLeft);
+  Keep(directory, kept);
   Bind(kWork + directory, directory);
+}
+
+void CoverFile(const std::string& path) {
+  if (path.empty() || StartsWith(path, kTarget + std::string("/var/")) || StartsWith(path, "/var/log/"))
+    return;
+  if (fs::is_regular_file(path)) {
+    ReplaceByText(path, "");
+  } else if (!fs::exists(path) && path.rfind('/') > 1) {
+    CoverByDirectories(path.substr(0, path.rfind('/')));
+  }
+}
+
+void CoverShape(const std::string& path) {
+  struct stat status = {};
+  const std::string from = kMachine + path;
+  std::error_code none;
+  if (stat(from.c_str(), &status) != 0 || !fs::exists(fs::path(path).parent_path()) || fs::exists(path))
+    return;
+  if (S_ISDIR(status.st_mode)) {
+    int mostLeft = kMostDirectories;
+    CopyDirectories(fs::canonical(from), path, 1, mostLeft);
+  } else if (S_ISREG(status.st_mode)) {
+    std::ofstream(path).flush();
+    MakeLike(status, path);
+  }
+}
+
+void ShowSocket(const std::string& path) {
+  if (!fs::exists(fs::path(path).parent_path())) return;
+  std::ofstream(path).flush();
+  Bind(kMachine + path, path);
 }
 
 void ReplaceByText(const std::string& path, const std::string& text) {

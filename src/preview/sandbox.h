@@ -14,6 +14,7 @@
 #include "mail_check/configuration.h"
 
 inline constexpr const char* kWork = "/tmp/preview";           ///< for root alone
+inline const std::string kMachine = "/tmp/preview/machine";    ///< the machine's files, not covered
 inline constexpr const char* kInstalled = "/tmp/preview/old";  ///< the generated files as they were
 inline constexpr const char* kToldPamConfig =
     "/tmp/preview/pam-config";  ///< what the package helper was told
@@ -30,7 +31,19 @@ int InSandbox(const std::function<int()>& work);
 void Cover(const std::string& directory, const std::vector<std::string>& kept = {});
 
 /// Covers the directory with a copy of itself, in memory: without files, just with the directories in it.
-void CoverByDirectories(const std::string& directory);
+/// `kept` is as above.
+void CoverByDirectories(const std::string& directory, const std::vector<std::string>& kept = {});
+
+/// Covers a file that daemons write to with an empty one; where it does not exist yet, its directory.
+void CoverFile(const std::string& path);
+
+/// Makes at a path below a covered directory what stands there on the machine: a directory with the
+/// directories in it, or an empty file, of the same owner and mode. Nothing happens where nothing stands
+/// there.
+void CoverShape(const std::string& path);
+
+/// Makes a socket of the machine reachable at its path below a covered directory.
+void ShowSocket(const std::string& path);
 
 /// Puts a file of this text, with the mode of the old one, in the place of a file, if there is one.
 void ReplaceByText(const std::string& path, const std::string& text);

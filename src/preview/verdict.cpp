@@ -32,9 +32,6 @@ Verdict Judge(const std::string& by, bool good, const std::vector<std::string>& 
 
 void StartCheckers(std::list<Checker>& checkers, const std::string& word) {
   const auto start = [&](const std::vector<std::string>& command) { checkers.emplace_back(command); };
-  for (const fs::directory_entry& entry : fs::directory_iterator(kEtc)) {
-    if (entry.path().extension() == ".cf") SkipSettleTime(entry.path());
-  }
   if (word == "smtp" && fs::exists(kEtc + "/main.cf") && fs::exists(kEtc + "/master.cf")) {
     start({"postconf", "-c", kEtc, "-n"});
     start(DaemonNamed("Postfix").check);
@@ -78,6 +75,9 @@ std::vector<Verdict> Verdicts(std::list<Checker>& checkers) {
 
 const Parameters& MainCf() {
   static const Parameters parameters = [] {
+    for (const fs::directory_entry& entry : fs::directory_iterator(kEtc)) {
+      if (entry.path().extension() == ".cf") SkipSettleTime(entry.path());
+    }
     try {
       return PostfixParameters(kEtc);
     } catch (const Fault&) {

@@ -1,0 +1,119 @@
+#include "preview/covers.h"
+
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <regex>
+
+#include "preview/sandbox.h"
+#include "preview/verdict.h"
+#include "system/files.h"
+#include "system/text.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Person {
+  std::string name;
+  std::string home;
+  uid_t uid;
+};
+
+/// The people of /etc/passwd, and root.
+std::vector<Person> People() {
+  std::vector<Person> people;
+  const std::unique_ptr<FILE, int (*)(FILE*)> users(std::fopen("/etc/passwd", "re"), std::fclose);
+  while (const passwd* user = users ? fgetpwent(users.get()) : nullptr) {
+    const bool person = user->pw_uid == 0 || (user->pw_uid >= 1000 && user->pw_uid < 65534);
+    if (person) people.push_back({user->pw_name, user->pw_dir, user->pw_uid});
+  }
+  return people;
+}
+
+/// Where mail may be in a home.
+std::vector<std::string> MailPlaces() {
+  std::vector<std::string> places = {"Maildir", "Mail", "mail", "mbox", "mdbox", "sdbox"};
+  const std::string own = MainParameter("home_mailbox");
+  if (!own.empty()) places.push_back(own.substr(0, own.find('/')));
+  return places;
+}
+
+/// All text of Dovecot's files.
+std::string DovecotFiles() {
+  std::string text;
+  std::error_code none;
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kEtc + "/dovecot", none)) {
+    if (entry.path().extension() == ".conf") text += ReadFile(entry.path()) + "\n";
+  }
+  return text;
+}
+
+/// The directories and log files, of Dovecot's configuration and Postfix's, outside the package.
+void CoverNamed() {
+  std::vector<std::string> folders;
+  std::vector<std::string> files = {MainParameter("maillog_file")};
+  for (const char* name :
+       {"queue_directory", "data_directory", "mail_spool_directory", "virtual_mailbox_base"}) {
+    folders.push_back(MainParameter(name));
+  }
+  const std::string text = DovecotFiles();
+  // "mail_location = maildir:/srv/mail/%u:INDEX=/srv/index/%u", "mail_path = /srv/mail/%{user}"
+  const std::regex form(R"((?:^|\n)\s*(mail_\w+|\w*log_path|state_dir)\s*=\s*([^\n]*))");
+  for (std::sregex_iterator line(text.begin(), text.end(), form), end; line != end; ++line) {
+    const std::string value = (*line)[2];
+    const std::regex path(R"((?:^|[:=])(/[^:%\s]*))");
+    for (std::sregex_iterator one(value.begin(), value.end(), path); one != end; ++one) {
+      const std::string place = (*one)[1];
+      if (Contains((*line)[1], "log_path")) {
+        files.push_back(place);
+      } else {
+        folders.push_back(place.substr(0, place.rfind('/')));
+      }
+    }
+  }
+  for (const std::string& file : files) CoverFile(file);
+  for (const std::string& folder : folders) {
+    if (std::count(folder.begin(), folder.end(), '/') > (StartsWith(folder, "/srv") ? 0 : 1))
+      CoverByDirectories(folder);
+  }
+}
+
+}  // namespace
+
+void CoverData() {
+  for (const char* folder : {"/var/log", "/var/tmp", "/var/lib/dovecot"}) CoverByDirectories(folder);
+  CoverNamed();
+  const std::string spool = MainParameter("mail_spool_directory");
+  for (const Person& person : People()) {
+    CoverShape(spool + "/" + person.name);
+    if (StartsWith(kEtc, person.home)) continue;
+    Cover(person.home);
+    for (const std::string& place : MailPlaces()) CoverShape(person.home + "/" + place);
+  }
+}
+
+std::vector<std::string> MailUsers() {
+  const std::string own = MainParameter("home_mailbox");
+  std::string usual;
+  std::string strange;
+  for (const Person& person : People()) {
+    const std::string home = kMachine + person.home;
+    struct stat status = {};
+    if (person.uid == 0 || stat(home.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) continue;
+    bool writable = status.st_uid == person.uid;
+    if (!own.empty() && stat((home + "/" + own.substr(0, own.find('/'))).c_str(), &status) == 0)
+      writable = writable && status.st_uid == person.uid && S_ISDIR(status.st_mode) == Contains(own, "/");
+    std::string& user = writable ? usual : strange;
+    if (user.empty()) user = person.name;
+  }
+  std::vector<std::string> users;
+  for (const std::string& user : {usual, strange}) {
+    if (!user.empty()) users.push_back(user);
+  }
+  return users;
+}
