@@ -27,6 +27,13 @@ const Daemon& DaemonNamed(const std::string& name) {
                        [&](const Daemon& daemon) { return daemon.name == name; });
 }
 
+std::vector<std::string> StartOnIpv6(const Daemon& milter) {
+  std::vector<std::string> command = milter.start;
+  command.insert(command.end(),
+                 {"-p", "inet6:" + milter.milterPort + "@[::1]", "-P", "/run/" + milter.unit + "6.pid"});
+  return command;
+}
+
 bool IsWanted(const Daemon& daemon, const Parameters& mainCf) {
   const auto milters = mainCf.find("smtpd_milters");
   return daemon.milterPort.empty() ||

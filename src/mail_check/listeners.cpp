@@ -26,10 +26,10 @@ std::string AddressOf(const std::string& hex) {
 }
 
 // True for a socket that root, or the daemon's own account, has made.
-bool IsTrusted(uid_t uid, const Daemon& daemon) {
+bool IsTrusted(uid_t uid, const std::string& account) {
   if (uid == 0) return true;
-  const passwd* account = daemon.account.empty() ? nullptr : getpwnam(daemon.account.c_str());
-  return account != nullptr && account->pw_uid == uid;
+  const passwd* known = account.empty() ? nullptr : getpwnam(account.c_str());
+  return known != nullptr && known->pw_uid == uid;
 }
 
 }  // namespace
@@ -69,10 +69,18 @@ std::vector<Owner> OwnersOf(const TcpListener& listener) {
 }
 
 bool Belongs(const TcpListener& listener, const Daemon& daemon) {
-  if (!IsTrusted(listener.uid, daemon)) return false;
+  if (!IsTrusted(listener.uid, daemon.account)) return false;
   const std::vector<Owner> owners = OwnersOf(listener);
   return std::any_of(owners.begin(), owners.end(),
                      [&](const Owner& owner) { return StartsWith(owner.program, daemon.program); });
+}
+
+std::vector<TcpListener> StrangersOn(const std::string& port, const std::string& account) {
+  std::vector<TcpListener> found;
+  for (const TcpListener& listener : TcpListeners()) {
+    if (listener.port == port && !IsTrusted(listener.uid, account)) found.push_back(listener);
+  }
+  return found;
 }
 
 bool IsListening(const std::string& port) {

@@ -33,5 +33,8 @@ std::vector<Owner> OwnersOf(const TcpListener& listener);
 /// program has it open. The names of processes are not looked at, since any user chooses them.
 bool Belongs(const TcpListener& listener, const Daemon& daemon);
 
+/// Those who listen on the port and are neither root's nor this account's.
+std::vector<TcpListener> StrangersOn(const std::string& port, const std::string& account);
+
 /// True when somebody listens on the port in this network namespace.
 bool IsListening(const std::string& port);

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "mail_check/configuration.h"
+
 /// One question, and what was seen.
 struct MailObservation {
   enum State {
@@ -67,3 +69,8 @@ struct MailCheck {
 /// - a message to another host leaves as far as it gets; one to each of the users is delivered, and Dovecot
 ///   finds it in the user's INBOX.
 std::vector<MailObservation> CheckMail(const MailCheck& check);
+
+/// Whether the ports of this machine that Postfix with these parameters asks about each message are in the
+/// hands of those whom it means: the milters, and the cache of the senders' quotas. One observation for each
+/// of them; that nobody listens is good here.
+std::vector<MailObservation> CheckPorts(const Parameters& mainCf);

@@ -1,7 +1,11 @@
+#include <pwd.h>
+
 #include <algorithm>
 #include <regex>
 
+#include "mail_check/daemons.h"
 #include "mail_check/delivery.h"
+#include "mail_check/listeners.h"
 #include "mail_check/mail_questions.h"
 #include "mail_check/smtp_listeners.h"
 #include "mail_check/strangers.h"
@@ -32,7 +36,37 @@ void JudgeRelayHost(Observations& seen, const Parameters& main, const std::vecto
                     "Mail to other hosts comes back, and bounces.");
 }
 
+MailObservation CheckPort(const std::string& name, const std::string& port, const std::string& account,
+                          const std::string& deed) {
+  MailObservation seen(name + ", port " + port, true, "nobody else listens");
+  for (const TcpListener& stranger : StrangersOn(port, account)) {
+    const passwd* known = getpwuid(stranger.uid);
+    const std::string user = "user " + (known != nullptr ? known->pw_name : std::to_string(stranger.uid));
+    std::string detail = stranger.address + " is held by " + user + ", and not by " + name;
+    for (const Owner& owner : OwnersOf(stranger)) {
+      detail += "; process " + std::to_string(owner.pid) + " (" + owner.program + ")";
+    }
+    seen = MailObservation(seen.what, false, detail, "U" + user.substr(1) + " " + deed);
+  }
+  return seen;
+}
+
 }  // namespace
+
+std::vector<MailObservation> CheckPorts(const Parameters& mainCf) {
+  std::vector<MailObservation> seen;
+  for (const Daemon& daemon : Daemons()) {
+    if (!daemon.milterPort.empty() && IsWanted(daemon, mainCf)) {
+      seen.push_back(CheckPort(daemon.name, daemon.milterPort, daemon.account,
+                               "can read every message, and change it."));
+    }
+  }
+  const auto cache = mainCf.find("smtpd_sasl_sender_quota_cache");
+  if (cache != mainCf.end() && Contains(cache->second, "memcache:")) {
+    seen.push_back(CheckPort("memcached", "11211", "memcache", "can set how much a sender may send."));
+  }
+  return seen;
+}
 
 void CheckPostfix(Observations& seen, const MailCheck& check) {
   Parameters main;
@@ -44,6 +78,7 @@ void CheckPostfix(Observations& seen, const MailCheck& check) {
     seen.emplace_back("Postfix's configuration", false, fault.what(), "Postfix does not run.");
     return;
   }
+  if (!check.isolated) seen = CheckPorts(main);
   std::vector<Question> first;
   for (const SmtpListener& listener : listeners) AddListener(first, check, listener);
   Asking(first).Wait(seen);

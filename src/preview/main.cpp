@@ -65,6 +65,7 @@ Preview Try(const std::vector<std::string>& words, bool rehearsal, const std::ve
   const auto add = [&](const std::vector<Verdict>& more) {
     preview.verdicts.insert(preview.verdicts.end(), more.begin(), more.end());
   };
+  add(PortVerdicts(MainCf()));
   if (rehearsal) add(Rehearse(taken));
   add(Verdicts(lint));
   for (const std::string& line : Lines(warnings.Wait().output)) preview.warnings.push_back(line);

@@ -8,6 +8,8 @@
 #include <optional>
 #include <regex>
 
+#include "mail_check/mail_check.h"
+#include "preview/sandbox.h"
 #include "preview/warnings.h"
 #include "system/files.h"
 #include "system/program.h"
@@ -174,4 +176,21 @@ Warnings PeerWarnings(Parameters mainCf, const std::string& services, const std:
   CheckFilters(warnings, parameters, services);
   CheckDkimKeys(warnings, mainCf);
   return warnings;
+}
+
+std::vector<Verdict> PortVerdicts(const Parameters& mainCf) {
+  std::vector<Verdict> verdicts;
+  for (const MailObservation& seen : CheckPorts(mainCf)) {
+    if (!seen.Bad()) continue;
+    Parameters installed;
+    try {
+      installed = PostfixParameters(kInstalled);
+    } catch (const Fault&) {  // there was none
+    }
+    const std::string port = seen.what.substr(seen.what.rfind(' ') + 1);
+    const bool before = Contains(installed["smtpd_milters"], ":" + port);
+    verdicts.push_back(
+        {seen.what, before ? Verdict::kWarning : Verdict::kRefused, {seen.detail}, seen.consequence});
+  }
+  return verdicts;
 }

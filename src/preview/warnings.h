@@ -8,6 +8,7 @@
 
 #include "mail_check/configuration.h"
 #include "platform/brindlecot.h"
+#include "preview/verdict.h"
 
 using Warnings = std::vector<std::string>;
 
@@ -28,3 +29,7 @@ Warnings PostfixWarnings(Parameters mainCf, const std::string& services, const s
 
 /// Warnings about the directories, filters and name servers that these parameters lead to.
 Warnings PeerWarnings(Parameters mainCf, const std::string& services, const std::string& options);
+
+/// Other users who listen where the new main.cf makes Postfix look for a milter: a refusal when the installed
+/// one does not name the milter, and else a warning. To be called before the network is left.
+std::vector<Verdict> PortVerdicts(const Parameters& mainCf);
