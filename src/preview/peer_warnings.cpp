@@ -143,27 +143,30 @@ std::string PublicKey(const std::string& privateKey) {
   return key;
 }
 
-/// A receiver takes a signature for a forged one while the record is missing or has another key.
+/// The order, the record first, is that of docs/pitfalls.md.
 void CheckDkimKeys(Warnings& warnings, Parameters& mainCf) {
   if (!Contains(mainCf["smtpd_milters"], ":8891")) return;
+  std::string missing;
+  std::string key;
   for (const std::string& line : Lines(ReadFile(kKeyTable))) {
     const std::vector<std::string> words = Words(line);  // NAME DOMAIN:SELECTOR:PATH
     const size_t path = line.rfind(':');
     if (words.size() < 2 || path == std::string::npos) continue;
-    const std::string key = PublicKey(line.substr(path + 1));
+    if (key.empty()) key = PublicKey(line.substr(path + 1));  // all domains have the same
     const auto records = TextRecords(words[0]);
     if (key.empty() || !records) return;  // the rehearsal reads the key; without DNS, nothing is known
     const bool published = std::any_of(records->begin(), records->end(), [&](std::string record) {
       record.erase(std::remove(record.begin(), record.end(), ' '), record.end());
       return Contains(record, "p=" + key);
     });
-    if (published) continue;
-    warnings.push_back(
-        kKeyTable + ": " + words[0] + (records->empty() ? ": is not in DNS" : ": has another key in DNS") +
-        ", so what is signed fails at its receivers; publish this first, and apply when DNS answers "
-        "it: \"v=DKIM1; k=rsa; p=" +
-        key + "\"");
+    if (!published) missing += (missing.empty() ? "" : ", ") + words[0];
   }
+  if (missing.empty()) return;
+  warnings.push_back(
+      kKeyTable + ": " + missing +
+      ": DNS does not have this key. A receiver takes a signature for a forged one meanwhile, so "
+      "the record comes first; apply when DNS answers it: TXT \"v=DKIM1; k=rsa; p=" +
+      key + "\"");
 }
 
 }  // namespace
