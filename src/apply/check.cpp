@@ -14,6 +14,7 @@
 #include "mail_check/certificate.h"
 #include "mail_check/daemons.h"
 #include "mail_check/listeners.h"
+#include "mail_check/versions.h"
 
 namespace {
 
@@ -104,7 +105,8 @@ Json::Value ToJson(const MailObservation& one) {
   return object;
 }
 
-void Print(const std::vector<MailObservation>& mail, const Json::Value& all) {
+void Print(const std::vector<MailObservation>& mail, const std::vector<InstalledVersion>& versions,
+           const Json::Value& all) {
   for (const MailObservation& one : mail) {
     std::cout << std::left << std::setw(9) << (one.Bad() ? "BAD" : kWords[one.state]) << one.what << ": "
               << one.detail << '\n';
@@ -124,7 +126,7 @@ void Print(const std::vector<MailObservation>& mail, const Json::Value& all) {
     const std::time_t oldest = all["queue"]["oldest"].asInt64();
     std::cout << ", the oldest since " << std::put_time(std::localtime(&oldest), "%Y-%m-%d %H:%M:%S %z");
   }
-  std::cout << '\n';
+  std::cout << "\nInstalled: " << ToString(versions) << '\n';
   if (!all["pending"].isNull()) std::cout << "A change is pending: " << all["pending"].asString() << '\n';
   for (const Json::Value& path : all["differing"]) {
     std::cout << "differs from state " << all["state"] << ": " << path.asString() << '\n';
@@ -144,6 +146,11 @@ int Check(const Request& request) {
   Json::Value all;
   AddStrangers(mail);
   AddCertificates(mail, all["certificates"] = Json::arrayValue);
+  const std::vector<InstalledVersion> versions = DaemonVersions();
+  for (const InstalledVersion& one : versions) {
+    all["versions"][one.program] = one.version;
+    if (!one.warning.empty()) mail.emplace_back(one.program, MailObservation::kWarning, one.warning);
+  }
   const bool well =
       std::none_of(mail.begin(), mail.end(), [](const MailObservation& one) { return one.Bad(); });
   all["queue"] = Queue();
@@ -163,7 +170,7 @@ int Check(const Request& request) {
     for (const MailObservation& one : mail) all["mail"].append(ToJson(one));
     std::cout << all.toStyledString() << std::flush;
   } else {
-    Print(mail, all);
+    Print(mail, versions, all);
   }
   return status;
 }

@@ -1,34 +1,79 @@
 #include "mail_check/versions.h"
 
+#include <cstdio>
 #include <regex>
-#include <vector>
+#include <utility>
 
 #include "system/program.h"
 
-std::string Versions(const std::string& program) {
-  struct Daemon {
-    const char* name;
-    std::vector<std::string> command;
-    const char* before;  // the version, in what the command prints
-  };
-  const Daemon daemons[] = {{"Postfix", {"postconf", "-dh", "mail_version"}, ""},
-                            {"Dovecot", {"dovecot", "--version"}, ""},
-                            {"OpenDKIM", {"opendkim", "-V"}, " v"},
-                            {"OpenDMARC", {"opendmarc", "-V"}, " v"},
-                            {"SpamAssassin", {"spamassassin", "--version"}, "SpamAssassin version "},
-                            {"MailScanner", {"MailScanner", "--version"}, "MailScanner version "}};
-  std::string line = program + " " + NUBO_VERSION;
-  const char* sign = ": ";
-  for (const Daemon& daemon : daemons) {
+namespace {
+
+struct Versioned {
+  const char* name;
+  std::vector<std::string> command;
+  const char* before;        // the version, in what the command prints
+  const char* oldestTested;  // of its releases
+  const char* newestTested;
+};
+
+const std::vector<Versioned>& DaemonCommands() {
+  static const std::vector<Versioned> daemons = {
+      {"Postfix", {"postconf", "-dh", "mail_version"}, "", "3.7", "3.10"},
+      {"Dovecot", {"dovecot", "--version"}, "", "2.3", "2.4"},
+      {"OpenDKIM", {"opendkim", "-V"}, " v", "2.11", "2.11"},
+      {"OpenDMARC", {"opendmarc", "-V"}, " v", "1.4", "1.4"}};
+  return daemons;
+}
+
+// The first two numbers of a version.
+std::pair<int, int> Release(const std::string& version) {
+  std::pair<int, int> release;
+  (void)std::sscanf(version.c_str(), "%d.%d", &release.first, &release.second);
+  return release;
+}
+
+std::string Warning(const Versioned& program, const std::string& version) {
+  const std::string tested = std::string(program.oldestTested) + " to " + program.newestTested;
+  const std::string text = program.name + (" " + version) + " is ";
+  if (Release(version) < Release(program.oldestTested)) return text + "older than what was tested, " + tested;
+  if (Release(program.newestTested) < Release(version))
+    return text + "newer than these files are for, " + tested +
+           ": install the nubo-set-config of this Debian";
+  return "";
+}
+
+std::vector<InstalledVersion> Ask(const std::vector<Versioned>& programs) {
+  std::vector<InstalledVersion> found;
+  for (const Versioned& program : programs) {
     std::vector<std::string> command = {"env", "PATH=/usr/sbin:/usr/bin:/sbin:/bin"};  // also for users
-    command.insert(command.end(), daemon.command.begin(), daemon.command.end());
+    command.insert(command.end(), program.command.begin(), program.command.end());
     const ProgramResult asked = RunProgram(command);
     const std::string text = asked.output + asked.errors;
     std::smatch match;
-    if (!std::regex_search(text, match, std::regex(daemon.before + std::string("([0-9]+\\.[0-9.]+)"))))
-      continue;
-    line += sign + std::string(daemon.name) + " " + match[1].str();
-    sign = ", ";
+    if (std::regex_search(text, match, std::regex(program.before + std::string("([0-9]+\\.[0-9.]+)"))))
+      found.push_back({program.name, match[1], Warning(program, match[1])});
   }
-  return line;
+  return found;
+}
+
+}  // namespace
+
+std::vector<InstalledVersion> DaemonVersions() { return Ask(DaemonCommands()); }
+
+std::string ToString(const std::vector<InstalledVersion>& versions) {
+  std::string text;
+  for (const InstalledVersion& one : versions) {
+    text += (text.empty() ? "" : ", ") + one.program + " " + one.version;
+  }
+  return text;
+}
+
+std::string Versions(const std::string& program) {
+  std::vector<InstalledVersion> all = DaemonVersions();
+  for (const InstalledVersion& one :
+       Ask({{"SpamAssassin", {"spamassassin", "--version"}, "SpamAssassin version ", "4.0", "4.0"},
+            {"MailScanner", {"MailScanner", "--version"}, "MailScanner version ", "5.5", "5.5"}})) {
+    all.push_back(one);
+  }
+  return program + " " + NUBO_VERSION + (all.empty() ? "" : ": ") + ToString(all);
 }

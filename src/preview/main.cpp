@@ -68,6 +68,10 @@ Preview Try(const std::vector<std::string>& words, bool rehearsal, const std::ve
   add(PortVerdicts(MainCf()));
   if (rehearsal) add(Rehearse(taken));
   add(Verdicts(lint));
+  preview.versions = DaemonVersions();
+  for (const InstalledVersion& one : preview.versions) {
+    if (!one.warning.empty()) preview.warnings.push_back(one.warning);
+  }
   for (const std::string& line : Lines(warnings.Wait().output)) preview.warnings.push_back(line);
   return preview;
 }

@@ -199,6 +199,7 @@ void PrintText(std::ostream& stream, const Preview& preview, bool colour) {
   if (preview.verdicts.size() > Count(preview, Verdict::kGood) || !preview.warnings.empty()) stream << '\n';
   for (const Difference& file : preview.files) printer.Show(file);
   show(true);
+  stream << "Installed: " << ToString(preview.versions) << '\n';
 }
 
 void PrintJson(std::ostream& out, const Preview& preview) {
@@ -232,6 +233,7 @@ void PrintJson(std::ostream& out, const Preview& preview) {
     object["said"] = ToJson(Told(preview, verdict.said, verdict.word == Verdict::kGood ? &known : nullptr));
     all["verdicts"].append(object);
   }
+  for (const InstalledVersion& one : preview.versions) all["versions"][one.program] = one.version;
   for (const std::string& warning : preview.warnings) all["warnings"].append(preview.masks.Said(warning));
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";

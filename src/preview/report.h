@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "mail_check/versions.h"
 #include "preview/differences.h"
 #include "preview/masks.h"
 #include "preview/run.h"
@@ -15,7 +16,8 @@ struct Preview {
   std::vector<Run> runs;
   std::vector<Difference> files;
   std::vector<Verdict> verdicts;
-  std::vector<std::string> warnings;  ///< about settings; they do not change the exit status
+  std::vector<InstalledVersion> versions;
+  std::vector<std::string> warnings;  ///< about versions and settings; they do not change the exit status
   Masks masks;
 
   /// True when a run failed.
