@@ -5,6 +5,7 @@
 #include <netdb.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <regex>
 
