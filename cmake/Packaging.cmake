@@ -4,8 +4,7 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME nubo-set-config)
 # A package is for one Debian release, whose libraries it needs. Its version tells which, so that an upgrade of Debian
 # upgrades it: 1.1.0~deb12 < 1.1.0~deb13 < 1.1.0.
-cmake_host_system_information(RESULT release QUERY DISTRIB_VERSION_ID)
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION}~deb${release})
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION}~deb${NUBO_DEBIAN})
 set(CPACK_PACKAGE_CONTACT "nubo_set_config authors <maintainers@nubo-set-config.invalid>")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION mail)

@@ -61,6 +61,7 @@ constexpr Command kCommands[] = {
     {"recover", "", None, false, Lock::kMinute, Recover},
     // A certificate comes by a timer, which will not try again soon.
     {"renew", " CERTIFICATE KEY", Two, false, Lock::kSettled, Renew},
+    {"restart", "", None, false, Lock::kNone, Restart},
     {"dns", " [check]", MayCheck, false, Lock::kNone, Dns},
     {"wait", "", None, false, Lock::kNone, Wait},  // run by -t, so not in the usage
 };

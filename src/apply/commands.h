@@ -40,6 +40,9 @@ int Confirm(const Request& request);
 /// Takes back a pending change that was not confirmed, after a power cut or a kill.
 int Recover(const Request& request);
 
+/// Restarts the daemons that run, in their order.
+int Restart(const Request& request);
+
 /// Waits until the pending change is confirmed or gone; when its time is over, takes it back. Takes the lock
 /// itself.
 int Wait(const Request& request);

@@ -4,6 +4,7 @@
 #include <regex>
 #include <utility>
 
+#include "system/files.h"
 #include "system/program.h"
 
 namespace {
@@ -32,6 +33,14 @@ std::pair<int, int> Release(const std::string& version) {
   return release;
 }
 
+// Of this machine: os-release(5).
+std::string DebianRelease() {
+  const std::string text = ReadFile("/etc/os-release");
+  std::smatch match;
+  return std::regex_search(text, match, std::regex("(?:^|\n)VERSION_ID=\"?([0-9.]+)")) ? match[1]
+                                                                                       : std::string();
+}
+
 std::string Warning(const Versioned& program, const std::string& version) {
   const std::string tested = std::string(program.oldestTested) + " to " + program.newestTested;
   const std::string text = program.name + (" " + version) + " is ";
@@ -58,7 +67,17 @@ std::vector<InstalledVersion> Ask(const std::vector<Versioned>& programs) {
 
 }  // namespace
 
-std::vector<InstalledVersion> DaemonVersions() { return Ask(DaemonCommands()); }
+std::vector<InstalledVersion> DaemonVersions() {
+  std::vector<InstalledVersion> versions = Ask(DaemonCommands());
+  const std::string release = DebianRelease();
+  const bool ours = release == NUBO_DEBIAN;
+  versions.insert(
+      versions.begin(),
+      {"Debian", release,
+       ours ? ""
+            : "this nubo-set-config is for Debian " NUBO_DEBIAN ": install the one for Debian " + release});
+  return versions;
+}
 
 std::string ToString(const std::vector<InstalledVersion>& versions) {
   std::string text;
