@@ -22,6 +22,14 @@ static void same(long result, long wanted) {
   if (result != wanted) _exit(99);
 }
 
+static int set_signal(int number) {
+  struct sigaction standard, inherited;
+  sigemptyset(&standard.sa_mask);
+  standard.sa_handler = SIG_DFL;
+  standard.sa_flags = 0;
+  return sigaction(number, &standard, &inherited);
+}
+
 // Runs a program and waits for it, with the signals and descriptors that the command gives it.
 static int run(const char* const* arguments) {
   posix_spawn_file_actions_t actions;
