@@ -100,11 +100,12 @@ suite() {
 
 # tally STATUS: reads what a suite has printed, and prints how many checks passed, failed and were skipped. They stand in
 # its last line, 'N passed, N failed[, N skipped]', or else in the lines of ctest, or else in those of each run of
-# unittest. A suite without any of these is one check.
+# unittest. A suite without any of these is one check, and one more for each of its lines 'skip WHAT'.
 tally() {
   awk -v status="$1" '
     function number(name) { return match($0, name "[0-9]+") ? substr($0, RSTART + length(name)) + 0 : 0 }
     { last = $0 }
+    /^skip / { named++ }
     /^[0-9]+% tests passed, [0-9]+ tests failed out of [0-9]+$/ { all = $NF; bad = $4 }
     /^\t *[0-9]+ - .* \(Skipped\)$/ { out++ }
     /^Ran [0-9]+ tests? in / { ran += $2 }
@@ -122,7 +123,7 @@ tally() {
       } else if (ran != "") {
         good = ran - wrong - left; failed = wrong; skipped = left
       } else {
-        good = status == 0
+        good = status == 0; skipped = named
       }
       if (good < 0) good = 0
       if (failed == 0 && (status != 0 || good + skipped == 0)) failed = 1
