@@ -248,17 +248,11 @@ class Faults(unittest.TestCase):
 
     def test_each_call(self):
         for case in CASES:
-            faults = list(calls(prepare(case, "/bin/true")))
+            faults = ["", *calls(prepare(case, "/bin/true"))]
             self.assertGreater(len(faults), 30, case)
             for fault in faults[half::2]:
                 restore()
                 self.check(f"{case} {fault}", fault, *run(case, fault))
-
-    def test_no_fault(self):
-        for case in CASES[half::2]:
-            prepare(case, "/bin/true")
-            restore()
-            self.check(case, "", *run(case))
 
     def test_full_disk(self):
         for case in CASES[half::2]:
