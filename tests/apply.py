@@ -75,6 +75,7 @@ def certificate(name, days="9"):
 class Apply(ApplianceTest):
     def setUp(self):
         """State 2 is in force, which was made from GOOD."""
+        run("rm", "-rf", "/home/bob/Maildir")
         changed = files() != good
         for folder in (STATES, *FOLDERS):
             shutil.rmtree(folder)
