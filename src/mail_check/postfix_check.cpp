@@ -82,14 +82,21 @@ void CheckPostfix(Observations& seen, const MailCheck& check) {
   std::vector<Question> first;
   for (const SmtpListener& listener : listeners) AddListener(first, check, listener);
   Asking(first).Wait(seen);
-  // A listener that does not even greet is not asked further.
-  const auto silent = [&](const SmtpListener& listener) {
-    return std::any_of(seen.begin(), seen.end(), [&](const MailObservation& one) {
-      const std::string what = "Postfix, port " + listener.name;
-      return one.Bad() && (one.what == what || one.what == what + ", TLS");
-    });
+  // A listener that does not even greet is not asked further, nor one whose TLS does not work what takes TLS.
+  const auto failed = [&](const SmtpListener& listener, const std::string& tls) {
+    const std::string what = "Postfix, port " + listener.name + tls;
+    return std::any_of(seen.begin(), seen.end(),
+                       [&](const MailObservation& one) { return one.Bad() && one.what == what; });
   };
-  listeners.erase(std::remove_if(listeners.begin(), listeners.end(), silent), listeners.end());
+  listeners.erase(std::remove_if(listeners.begin(), listeners.end(),
+                                 [&](const SmtpListener& listener) {
+                                   return failed(listener, "") || failed(listener, ", TLS") ||
+                                          (listener.mustTls && failed(listener, ", STARTTLS"));
+                                 }),
+                  listeners.end());
+  for (SmtpListener& listener : listeners) {
+    if (failed(listener, ", STARTTLS")) listener.startTls = listener.offersLogin = false;
+  }
   if (listeners.empty()) {
     seen.emplace_back("a message from this machine", false, "no listener answers",
                       "Postfix does not take mail.");

@@ -43,16 +43,6 @@ std::vector<std::string> MailPlaces() {
   return places;
 }
 
-/// All text of Dovecot's files.
-std::string DovecotFiles() {
-  std::string text;
-  std::error_code none;
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kEtc + "/dovecot", none)) {
-    if (entry.path().extension() == ".conf") text += ReadFile(entry.path()) + "\n";
-  }
-  return text;
-}
-
 /// The directories and log files, of Dovecot's configuration and Postfix's, outside the package.
 void CoverNamed() {
   std::vector<std::string> folders;
@@ -84,6 +74,15 @@ void CoverNamed() {
 }
 
 }  // namespace
+
+std::string DovecotFiles() {
+  std::string text;
+  std::error_code none;
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kEtc + "/dovecot", none)) {
+    if (entry.path().extension() == ".conf") text += ReadFile(entry.path()) + "\n";
+  }
+  return text;
+}
 
 void CoverData() {
   for (const char* folder : {"/var/log", "/var/tmp", "/var/lib/dovecot"}) CoverByDirectories(folder);

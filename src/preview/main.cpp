@@ -12,6 +12,7 @@
 #include "mail_check/configuration.h"
 #include "mail_check/mail_questions.h"
 #include "mail_check/versions.h"
+#include "preview/baseline.h"
 #include "preview/covers.h"
 #include "preview/network.h"
 #include "preview/rehearsal.h"
@@ -111,11 +112,15 @@ int main(int argc, char* argv[]) {
   if (words == std::vector<std::string>{"mailscanner"}) rehearsal = false;
   try {
     const std::vector<Place> taken = TakenPlaces();
-    const int status = InSandbox([&] {
-      const Preview preview = Try(words, rehearsal, taken);
-      json ? PrintJson(std::cout, preview) : PrintText(std::cout, preview, colour);
-      return preview.Status();
-    });
+    Baseline baseline(words, rehearsal, taken);
+    const int status = InSandbox(
+        [&] {
+          Preview preview = Try(words, rehearsal, taken);
+          baseline.Compare(preview.verdicts, preview.files);
+          json ? PrintJson(std::cout, preview) : PrintText(std::cout, preview, colour);
+          return preview.Status();
+        },
+        [&] { baseline.Serve(); });
     return status < 0 ? 2 : status;
   } catch (const std::exception& error) {
     std::cerr << "nubo_config_preview: " << error.what() << std::endl;

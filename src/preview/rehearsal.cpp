@@ -1,7 +1,13 @@
 #include "preview/rehearsal.h"
 
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
-#include <cstdio>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <list>
@@ -32,11 +38,15 @@ constexpr std::chrono::seconds kPatience(5);
 
 /// A daemon that goes into the background.
 struct Rehearsed {
-  Rehearsed(const std::vector<std::string>& command, const std::string& place)
-      : name(fs::path(command[0]).filename()), port(place), program(command) {}
+  Rehearsed(const Daemon& daemon, const std::vector<std::string>& command)
+      : name(daemon.name),
+        port(daemon.milterPort),
+        logName(fs::path(command[0]).filename()),
+        program(command) {}
 
   std::string name;
   std::string port;  ///< where it listens some time after it has gone into the background; may be empty
+  std::string logName;
   Program program;
 };
 
@@ -51,21 +61,91 @@ bool Runs(std::vector<Verdict>& verdicts, Rehearsed& daemon, std::vector<LogLine
   verdicts.push_back(Judge("rehearsal: " + daemon.name + " starts", runs, {}));
   if (!runs) {
     verdicts.back().said = Lines(ended.errors);
-    for (const std::string& line : SaidBy(daemon.name, log)) verdicts.back().said.push_back(line);
+    for (const std::string& line : SaidBy(daemon.logName, log)) verdicts.back().said.push_back(line);
   }
   return runs;
+}
+
+/// Why the master has ended at once: what it says goes to its own log socket, where nobody listened yet. Here
+/// it starts once more, with the system log for its log.
+std::vector<std::string> MasterSays(const std::string& master) {
+  RunProgram({"postconf", "-c", kEtc, "-e", "maillog_file="});
+  SkipSettleTime(kMain);
+  TakeLog();
+  RunProgram({master, "-c", kEtc, "-w"});
+  return SaidBy("", TakeLog());
 }
 
 /// What Postfix's daemons cannot work with, wherever they have met it.
 Verdict JudgeLog(const std::string& log) {
   std::vector<std::string> said;
   for (const LogLine& line : LogLines(Lines(ReadFile(log)))) {
-    // Other errors come from a directory's server that cannot be reached, and from the sandbox.
+    // Other errors come from a directory's server that cannot be reached.
     if (std::regex_search(line.text, std::regex("^(fatal: |panic: |error: (open|unsupported) )")) &&
-        line.text.find("Read-only file system") == std::string::npos)
+        !Contains(line.text, "Read-only file system"))
       said.push_back(line.program.substr(line.program.rfind('/') + 1) + ": " + line.text);
   }
   return Judge("rehearsal: Postfix's log", said.empty(), said);
+}
+
+Verdict VerdictOf(const MailObservation& seen) {
+  constexpr Verdict::Word kWords[] = {Verdict::kGood, Verdict::kRefused, Verdict::kWarning,
+                                      Verdict::kNotAsked};
+  const bool good = seen.state == MailObservation::kGood;
+  return {"rehearsal: " + seen.what, kWords[seen.state], Lines(good ? "" : seen.detail), seen.consequence};
+}
+
+/// Whether Postfix takes mail at all with so much room on the queue's disk.
+Verdict JudgeRoom() {
+  const std::string queue = kMachine + MainParameter("queue_directory");
+  struct statvfs disk = {};
+  Verdict verdict = Judge("rehearsal: room for mail", true, {});
+  if (statvfs(queue.c_str(), &disk) != 0) {
+    verdict.word = Verdict::kNotAsked;
+    verdict.said = {queue.substr(kMachine.size()) + ": " + std::strerror(errno)};
+    return verdict;
+  }
+  const double mib = 1024 * 1024;
+  const double free = static_cast<double>(disk.f_bavail) * static_cast<double>(disk.f_frsize) / mib;
+  // smtpd(8) wants one and a half times the size of the largest message.
+  const double wanted = 1.5 * std::atof(MainParameter("message_size_limit").c_str()) / mib;
+  if (free > wanted) return verdict;
+  verdict.word = Verdict::kRefused;
+  verdict.said = {std::to_string(std::lround(free)) + " MiB are free for the queue, and Postfix wants " +
+                  std::to_string(std::lround(wanted)) + ", for message_size_limit"};
+  verdict.consequence = "Nobody can send mail to this machine.";
+  return verdict;
+}
+
+/// Whether Dovecot asks the PAM services that the package helper is told for this type of account.
+Verdict JudgePam() {
+  Verdict verdict = Judge("rehearsal: PAM services", true, {});
+  std::string told = ReadFile(kToldPamConfig);
+  if (told.empty()) told = ReadFile("/usr/nubo/etc/pam-config/Brindlecot.json");
+  const std::string text = DovecotFiles();
+  const std::regex form(R"((?:driver\s*=\s*pam\s+args|service_name)\s*=\s*(?:[^\n]*\s)?([\w.-]+)\s*\n)");
+  for (std::sregex_iterator one(text.begin(), text.end(), form), end; one != end; ++one) {
+    const std::string name = (*one)[1];
+    if (!fs::exists("/etc/pam.d/" + name)) {
+      verdict.said.push_back("Dovecot asks PAM for " + name + ", which has no file in /etc/pam.d");
+      verdict.consequence = "Whom the service \"other\" admits can log in, and nobody else.";
+    } else if (!told.empty() && !Contains(told, '"' + name + '"')) {
+      verdict.said.push_back("Dovecot asks PAM for " + name + ", which is not for the account_type");
+      verdict.consequence = "Users of another account_type can log in, and not those of this one.";
+    }
+  }
+  if (!verdict.said.empty()) verdict.word = Verdict::kWarning;
+  return verdict;
+}
+
+/// A file system that is read-only here, and not on the machine, decides nothing.
+void ExcuseSandbox(std::vector<Verdict>& verdicts) {
+  for (Verdict& verdict : verdicts) {
+    if (verdict.word == Verdict::kRefused &&
+        std::any_of(verdict.said.begin(), verdict.said.end(),
+                    [](const std::string& line) { return Contains(line, "Read-only file system"); }))
+      verdict.word = Verdict::kNotAsked;
+  }
 }
 
 }  // namespace
@@ -94,30 +174,30 @@ std::vector<Verdict> Rehearse(const std::vector<Place>& taken) {
   for (const Daemon& daemon : Daemons()) {
     const bool milter = !daemon.milterPort.empty();
     const bool wanted = milter ? postfix && IsWanted(daemon, MainCf()) : fs::exists(daemon.configuration);
-    if (daemon.name != "Postfix" && wanted) daemons.emplace_back(daemon.start, daemon.milterPort);
+    if (daemon.name != "Postfix" && wanted) daemons.emplace_back(daemon, daemon.start);
   }
   for (Rehearsed& daemon : daemons) {
     const bool runs = Runs(verdicts, daemon, logged);
-    if (daemon.name == "dovecot") check.dovecot = runs;
+    if (daemon.name == "Dovecot") check.dovecot = runs;
   }
   const std::string log = MainParameter("maillog_file");
   const std::string master = MainParameter("daemon_directory") + "/master";
   if (postfix) {
     // Not by postfix(1), which would check all once more.
-    Rehearsed daemon({master, "-c", kEtc, "-w"}, "");
+    Rehearsed daemon(DaemonNamed("Postfix"), {master, "-c", kEtc, "-w"});
     check.postfix = Runs(verdicts, daemon, logged);
+    if (!check.postfix && fs::exists(master)) verdicts.back().said = MasterSays(master);
   }
-  for (const MailObservation& seen : CheckMail(check)) {
-    constexpr Verdict::Word kWords[] = {Verdict::kGood, Verdict::kRefused, Verdict::kWarning,
-                                        Verdict::kNotAsked};
-    const bool good = seen.state == MailObservation::kGood;
-    verdicts.push_back({"rehearsal: " + seen.what, kWords[seen.state], Lines(good ? "" : seen.detail),
-                        good ? "" : seen.consequence});
+  for (const MailObservation& seen : CheckMail(check)) verdicts.push_back(VerdictOf(seen));
+  if (postfix) {
+    verdicts.push_back(JudgeRoom());
+    verdicts.push_back(JudgePam());
   }
   if (check.postfix) {
     const bool ended = RunProgram({master, "-c", kEtc, "-t"}).status == 0;
     verdicts.push_back(Judge("rehearsal: postfix goes on", !ended, {}));
     verdicts.push_back(JudgeLog(log));
   }
+  ExcuseSandbox(verdicts);
   return verdicts;
 }

@@ -144,10 +144,11 @@ void LayOut() {
 
 }  // namespace
 
-int InSandbox(const std::function<int()>& work) {
+int InSandbox(const std::function<int()>& work, const std::function<void()>& meanwhile) {
   signal(SIGCHLD, SIG_DFL);
   int alive[2];  // the writing end is this process's alone
   Need(pipe2(alive, O_CLOEXEC), "make a pipe");
+  const int own = Need(open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC), "open /proc/self/ns/pid");
   Need(unshare(CLONE_NEWPID), "make a process namespace");
   const pid_t first = Need(fork(), "start a process");
   if (first == 0) {
@@ -167,6 +168,9 @@ int InSandbox(const std::function<int()>& work) {
     std::cout.flush();
     _exit(status);
   }
+  Need(setns(own, CLONE_NEWPID), "start processes outside again");
+  close(own);
+  meanwhile();
   int status = 0;
   while (waitpid(first, &status, 0) < 0 && errno == EINTR) {
   }

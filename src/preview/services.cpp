@@ -11,6 +11,7 @@
 
 #include "mail_check/daemons.h"
 #include "mail_check/smtp_listeners.h"
+#include "preview/covers.h"
 #include "preview/sandbox.h"
 #include "preview/verdict.h"
 #include "system/files.h"
@@ -49,11 +50,7 @@ bool IsOurs(const std::string& path) {
   if (StartsWith(path, MainParameter("queue_directory") + "/p") &&
       Contains("\n" + ReadFile(kEtc + "/master.cf"), name))
     return true;
-  std::error_code none;
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kEtc + "/dovecot", none)) {
-    if (entry.path().extension() == ".conf" && Contains(ReadFile(entry.path()), path)) return true;
-  }
-  return false;
+  return Contains(DovecotFiles(), path);
 }
 
 }  // namespace
