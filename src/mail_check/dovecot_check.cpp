@@ -65,7 +65,7 @@ void AddService(std::vector<Question>& questions, const MailCheck& check, const 
     Dialogue login = {begin + place, service.command, startTls};
     login.user = "rehearsal";
     if (place == "127.0.0.1:" + port) login.from = "127.0.1." + std::to_string(questions.size());
-    questions.push_back([=] { return JudgeLogin(port, Converse(login)); });
+    questions.push_back([=] { return JudgeLogin(what, Converse(login)); });
   }
   std::vector<std::string> own = OwnAddresses();
   own.erase(std::remove_if(own.begin(), own.end(), [](const auto& one) { return Contains(one, ":"); }),

@@ -242,17 +242,17 @@ std::vector<Question> LoginQuestions(const std::vector<SmtpListener>& listeners)
     if (outside && !IsSix(listener.outside[0]))
       dialogue.from = Strangers::User(static_cast<int>(questions.size()) + 1);
     dialogue.user = "rehearsal";
-    const std::string port = listener.name;
-    questions.push_back([=] { return JudgeLogin(port, Converse(dialogue)); });
+    const std::string what = "Postfix, port " + listener.name;
+    questions.push_back([=] { return JudgeLogin(what, Converse(dialogue)); });
   }
   return questions;
 }
 
-MailObservation JudgeLogin(const std::string& port, const Answer& answer) {
-  const std::string what = "a login on port " + port;
+MailObservation JudgeLogin(const std::string& listener, const Answer& answer) {
+  const std::string what = listener + ", login";
   if (answer.denied) return {what, true, answer.said};
   if (answer.good)
     return {what, false, "a wrong password is not refused: " + answer.said,
-            "Nobody can log in on port " + port + ", or everybody can."};
-  return {what, false, answer.said, "Nobody can log in on port " + port + "."};
+            "Nobody can log in at " + listener + ", or everybody can."};
+  return {what, false, answer.said, "Nobody can log in at " + listener + "."};
 }

@@ -28,5 +28,5 @@ MailObservation JudgeNetworks(const Parameters& main, bool isolated);
 /// A login on each listener that offers it, with a password that is wrong.
 std::vector<Question> LoginQuestions(const std::vector<SmtpListener>& listeners);
 
-/// What an answer says of logins on a port.
-MailObservation JudgeLogin(const std::string& port, const Answer& answer);
+/// What an answer says of logins at a listener, such as "Postfix, port 587".
+MailObservation JudgeLogin(const std::string& listener, const Answer& answer);

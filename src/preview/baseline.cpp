@@ -22,13 +22,17 @@ namespace {
 
 const std::string kRehearsal = "rehearsal: ";
 
+/// The name of the daemon's program.
+std::string ProgramOf(const Daemon& daemon) {
+  return daemon.name == "Postfix" ? "master" : std::filesystem::path(daemon.program).filename().string();
+}
+
 /// The daemon that a verdict is about.
 const Daemon& DaemonOf(const std::string& verdict) {
-  for (const Daemon& daemon : Daemons()) {
-    const std::string program = std::filesystem::path(daemon.program).filename();
-    if (Contains(verdict, daemon.name) || (!program.empty() && Contains(verdict, program))) return daemon;
-  }
-  return DaemonNamed("Postfix");
+  const auto found = std::find_if(Daemons().begin(), Daemons().end(), [&](const Daemon& daemon) {
+    return Contains(verdict, daemon.name) || Contains(verdict, ProgramOf(daemon));
+  });
+  return found == Daemons().end() ? DaemonNamed("Postfix") : *found;
 }
 
 /// True for a question whose answer opens the machine, not one that closes it.
@@ -69,7 +73,7 @@ void Baseline::Serve() {
       const std::vector<TcpListener> all = TcpListeners();
       if (std::any_of(all.begin(), all.end(),
                       [&](const TcpListener& listener) { return Belongs(listener, daemon); }))
-        dprintf(result_, "live\t%s%s starts\n", kRehearsal.c_str(), daemon.name.c_str());
+        dprintf(result_, "live\t%s%s starts\n", kRehearsal.c_str(), ProgramOf(daemon).c_str());
     }
     for (const MailObservation& one : CheckMail({true, true, false, "", ""})) {
       if (one.state == MailObservation::kGood)

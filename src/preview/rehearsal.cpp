@@ -38,15 +38,11 @@ constexpr std::chrono::seconds kPatience(5);
 
 /// A daemon that goes into the background.
 struct Rehearsed {
-  Rehearsed(const Daemon& daemon, const std::vector<std::string>& command)
-      : name(daemon.name),
-        port(daemon.milterPort),
-        logName(fs::path(command[0]).filename()),
-        program(command) {}
+  Rehearsed(const std::vector<std::string>& command, const std::string& place)
+      : name(fs::path(command[0]).filename()), port(place), program(command) {}
 
-  std::string name;
+  std::string name;  ///< of its program
   std::string port;  ///< where it listens some time after it has gone into the background; may be empty
-  std::string logName;
   Program program;
 };
 
@@ -61,7 +57,7 @@ bool Runs(std::vector<Verdict>& verdicts, Rehearsed& daemon, std::vector<LogLine
   verdicts.push_back(Judge("rehearsal: " + daemon.name + " starts", runs, {}));
   if (!runs) {
     verdicts.back().said = Lines(ended.errors);
-    for (const std::string& line : SaidBy(daemon.logName, log)) verdicts.back().said.push_back(line);
+    for (const std::string& line : SaidBy(daemon.name, log)) verdicts.back().said.push_back(line);
   }
   return runs;
 }
@@ -174,17 +170,17 @@ std::vector<Verdict> Rehearse(const std::vector<Place>& taken) {
   for (const Daemon& daemon : Daemons()) {
     const bool milter = !daemon.milterPort.empty();
     const bool wanted = milter ? postfix && IsWanted(daemon, MainCf()) : fs::exists(daemon.configuration);
-    if (daemon.name != "Postfix" && wanted) daemons.emplace_back(daemon, daemon.start);
+    if (daemon.name != "Postfix" && wanted) daemons.emplace_back(daemon.start, daemon.milterPort);
   }
   for (Rehearsed& daemon : daemons) {
     const bool runs = Runs(verdicts, daemon, logged);
-    if (daemon.name == "Dovecot") check.dovecot = runs;
+    if (daemon.name == "dovecot") check.dovecot = runs;
   }
   const std::string log = MainParameter("maillog_file");
   const std::string master = MainParameter("daemon_directory") + "/master";
   if (postfix) {
     // Not by postfix(1), which would check all once more.
-    Rehearsed daemon(DaemonNamed("Postfix"), {master, "-c", kEtc, "-w"});
+    Rehearsed daemon({master, "-c", kEtc, "-w"}, "");
     check.postfix = Runs(verdicts, daemon, logged);
     if (!check.postfix && fs::exists(master)) verdicts.back().said = MasterSays(master);
   }
