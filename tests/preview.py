@@ -175,7 +175,7 @@ class Preview(ApplianceTest):
         status, said = preview("--no-rehearsal")
         self.assertEqual(status, 1, said)
         self.assertIn("master.conf: 600 root:root becomes 644 root:root\n", said)
-        self.assertIn("+relay.example:25 ********\n", said)
+        self.assertIn("+relay.example:25\t********\n", said)
         shutil.copytree(ETC, "/run/patched" + ETC)
         text = re.sub(r"(?ms)^--- \S+(\.db|\.json)\t.*?(?=^\n|\Z)", "", said)
         run("patch", "--directory=/run/patched", "-p1", text=text, check=True)
