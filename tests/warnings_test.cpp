@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
+#include "mail_check/certificate.h"
+
 TEST(Warnings, EachSettingHasItsLine) {
   Postfix smtp;
   MailScanner scanner;
@@ -57,4 +61,50 @@ TEST(Warnings, EachParameterHasItsLine) {
     for (const std::string& warning : warnings)
       EXPECT_NE(warning.find(row.said), std::string::npos) << warning;
   }
+}
+
+TEST(Certificates, EachFaultIsNamed) {
+  char directory[] = "/tmp/certificatesXXXXXX";
+  ASSERT_NE(mkdtemp(directory), nullptr);
+  const std::string make = "cd " + std::string(directory) +
+                           R"(; new="openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes"
+        exec 2>/dev/null; $new -x509 -subj /CN=self -keyout self.key -out self.crt -days 99
+        while read -r name days; do
+          $new -subj /CN=x -keyout $name.key -out csr; echo "subjectAltName=DNS:$name" >names
+          openssl x509 -req -in csr -CA self.crt -CAkey self.key -set_serial 1 -days $days -extfile names -out $name.crt
+        done <<END
+expired 0
+two.example 99
+*.example.com 99
+mail.example.com 9
+www.example 99
+END)";
+  ASSERT_EQ(std::system(make.c_str()), 0);
+  const struct {
+    std::string key;
+    std::string certificate;
+    bool usable;
+    const char* fault;
+  } kCases[] = {{"self", "self", true, ""},
+                {"two.example", "two.example", true, ""},
+                {"*.example.com", "*.example.com", true, ""},
+                {"mail.example.com", "mail.example.com", true, "expires in 8 days"},
+                {"www.example", "www.example", true, "is for www.example, and not for mail.example.com"},
+                {"self", "two.example", false, "is not the certificate of the key"},
+                {"expired", "expired", false, "has expired"}};
+  std::string files;
+  for (const auto& row : kCases) {
+    files += std::string(directory) + "/" + row.key + ".key " + directory + "/" + row.certificate + ".crt ";
+  }
+  const std::vector<Certificate> found = Certificates({{"smtpd_use_tls", "yes"},
+                                                       {"myhostname", "mail.example.com"},
+                                                       {"mydestination", "localhost, two.example"},
+                                                       {"smtpd_tls_chain_files", files}});
+  ASSERT_EQ(found.size(), std::size(kCases));
+  for (size_t i = 0; i < found.size(); ++i) {
+    EXPECT_EQ(found[i].usable, kCases[i].usable) << found[i].fault;
+    EXPECT_EQ(found[i].fault.empty(), *kCases[i].fault == '\0') << found[i].fault;
+    EXPECT_NE(found[i].fault.find(kCases[i].fault), std::string::npos) << found[i].fault;
+  }
+  ASSERT_EQ(std::system(("rm -r " + std::string(directory)).c_str()), 0);
 }

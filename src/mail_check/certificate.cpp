@@ -62,7 +62,7 @@ void AddDovecot(std::vector<Certificate>& found) {
   command.emplace_back("-P");
   const std::string text = RunProgram(command).output;
   if (std::regex_search(text, std::regex("(^|\n)ssl = no"))) return;
-  const std::regex form("(?:^|\n) *ssl_(?:server_)?(cert|key)(?:_file)? = <?([^\n]*)");
+  const std::regex form("(?:^|\n) *ssl_(?:server_)?(cert|key)(?:_file)? = \"?<?([^\n\"]*)");
   std::string certificate;
   for (std::sregex_iterator line(text.begin(), text.end(), form), end; line != end; ++line) {
     if ((*line)[1] == "cert") {
@@ -123,7 +123,7 @@ void Examine(Certificate& certificate, Parameters& mainCf) {
     return unusable("is not the certificate of the key " + certificate.key + ", so TLS does not work");
   }
   if (TimeAfter(text, "notBefore") > now) return unusable("is not valid yet, so mail programs refuse it");
-  if (left < 0) return unusable("has expired, so mail programs refuse it");
+  if (left <= 0) return unusable("has expired, so mail programs refuse it");
   if (certificate.days < kFewDays) {
     certificate.fault = "expires in " + std::to_string(certificate.days) + " days";
   }

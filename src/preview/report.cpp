@@ -43,10 +43,10 @@ std::string Consequence(const Verdict& verdict) {
        "Mail would wait (451): install opendkim, or switch enable_dkim off."},
       {"opendmarc", "Mail would wait, since OpenDMARC would not answer (451).",
        "Mail would wait (451): install opendmarc, or switch enable_dmarc off."},
-      {"dovecot", "Nobody could read mail or log in to send, since Dovecot would not run.",
+      {"dovec", "Nobody could read mail or log in to send, since Dovecot would not run.",
        "Nobody can read mail or log in to send: install dovecot-imapd and dovecot-pop3d."},
       {"spamassassin", "Spam would not be recognised.", "Spam is not recognised: install spamassassin."},
-      {"log", "Mail that needs this part of Postfix would wait.", ""},
+      {"'s log", "Mail that needs this part of Postfix would wait.", ""},
       {"", "Nobody could send or receive mail, since Postfix would not run.",
        "Nobody can send or receive mail: install postfix."},
   };
