@@ -22,7 +22,7 @@ TEST(Masks, HideWhatAFileHolds) {
        "smtp unix - - n - - smtp\n  -o my_password=********\n# end"},
       {"aliases", "password = shown\n", "password = shown\n"},
   };
-  for (const auto& row : kCases) EXPECT_EQ(Masks::File(row.file, row.text), row.shown);
+  for (const auto& row : kCases) EXPECT_EQ(Masks::MaskFile(row.file, row.text), row.shown);
 }
 
 TEST(Masks, HideWhatProgramsRepeat) {
@@ -30,8 +30,8 @@ TEST(Masks, HideWhatProgramsRepeat) {
   masks.Learn("sasl_passwd.db", "relay:25\tuser:a b:c\xe9 secret \n");
   masks.Learn("domain-aliases.cf", "bind_pw=short\nbind_pw=longer\n");
   masks.Learn("main.cf", "smtp_sasl_password_maps = inline:{ {relay.example = user:in line} }\n");
-  EXPECT_EQ(masks.Said("x a b:c\xe9 secret longer short"), "x ******** ******** short");
-  EXPECT_EQ(masks.Said("sasl_passwd, line 1: \"user:a b"), "sasl_passwd, line 1: ********");
-  EXPECT_EQ(masks.Said("relay.example user:in line in line my_bind_pw=x"),
+  EXPECT_EQ(masks.MaskLine("x a b:c\xe9 secret longer short"), "x ******** ******** short");
+  EXPECT_EQ(masks.MaskLine("sasl_passwd, line 1: \"user:a b"), "sasl_passwd, line 1: ********");
+  EXPECT_EQ(masks.MaskLine("relay.example user:in line in line my_bind_pw=x"),
             "relay.example user:******** ******** my_bind_pw=********");
 }

@@ -18,8 +18,8 @@ namespace fs = std::filesystem;
 
 constexpr const char* kKeptPamConfig = "/usr/nubo/etc/pam-config/Brindlecot.json";
 
-/// The text of a file. For a compiled table, its entries without the one with the time of compilation.
-std::string Shown(const fs::path& path) {
+// The text of a file; of a compiled table, its entries without the one that has the time of compilation.
+std::string EntriesOrText(const fs::path& path) {
   if (path.extension() != ".db" || !fs::exists(path)) return ReadFile(path);
   std::vector<std::string> entries =
       Lines(RunProgram({kPostmap, "-s", "hash:" + fs::path(path).replace_extension().string()}).output);
@@ -31,7 +31,7 @@ std::string Shown(const fs::path& path) {
   return text;
 }
 
-/// Mode and owner of each file below a folder, by its path there.
+// Mode and owner of each file below a directory, by its path from there.
 std::map<std::string, std::string> FilesBelow(const std::string& folder) {
   std::map<std::string, std::string> files;
   for (const std::string& line :
@@ -41,19 +41,20 @@ std::map<std::string, std::string> FilesBelow(const std::string& folder) {
   return files;
 }
 
-/// Completes the difference of two files, of which one may be missing, and adds it if there is one.
+// Adds the difference between two files, of which one may be missing, unless they are the same. `difference`
+// has its path, modes and owners already.
 void Compare(std::vector<Difference>& found, Masks& masks, Difference difference, const fs::path& before,
              const fs::path& after) {
   const std::string name = fs::path(difference.path).filename();
   const bool sameAccess = difference.before == difference.after;
   const bool sameBytes = ReadFile(before) == ReadFile(after);
-  if (sameBytes && sameAccess && !Masks::HoldsSecrets(name)) return;
-  const std::string texts[] = {Shown(before), sameBytes ? "" : Shown(after)};
+  if (sameBytes && sameAccess && !Masks::MayHaveSecrets(name)) return;
+  const std::string texts[] = {EntriesOrText(before), sameBytes ? "" : EntriesOrText(after)};
   for (const std::string& text : texts) masks.Learn(name, text);
   const bool same = sameBytes || texts[0] == texts[1];
   if (same && sameAccess) return;
   if (!same) {
-    const std::string shown[] = {Masks::File(name, texts[0]), Masks::File(name, texts[1])};
+    const std::string shown[] = {Masks::MaskFile(name, texts[0]), Masks::MaskFile(name, texts[1])};
     const std::string files[] = {std::string(kWork) + "/shown.before", std::string(kWork) + "/shown.after"};
     for (const int i : {0, 1}) std::ofstream(files[i], std::ios::binary) << shown[i];
     difference.diff = RunProgram({"diff", "-u", "--label", difference.path + "\tinstalled", "--label",

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr size_t kShortestKnown = 6;
+constexpr size_t kShortestLearned = 6;
 constexpr const char* kBlanks = " \t\r\v\f";
 constexpr const char* kBlanksAndBraces = " \t\r\v\f{}";
 
@@ -19,8 +19,8 @@ std::string Trimmed(const std::string& text, const std::string& dropped) {
   return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(dropped) + 1 - begin);
 }
 
-/// Where the secret begins in an entry: the text of a parameter with the lines that continue it. npos when it
-/// holds none. All that follows is taken for the secret, because a password may hold any character.
+// The position of the secret in an entry; npos when it has none. An entry is a line with the lines that
+// continue it. The secret is the whole rest of the entry, because a password may have any character.
 size_t SecretIn(const std::string& entry, bool passwordMap) {
   if (passwordMap) return std::min(entry.find_first_of(kBlanks), entry.size() - 1) + 1;
   static const std::regex password("(bind_pw|passw(or)?d|dnpass)[ \t]*=");
@@ -40,8 +40,8 @@ size_t SecretIn(const std::string& entry, bool passwordMap) {
   return begin;
 }
 
-/// The entries of a file. In other files than the password map, a line that begins with a blank continues the
-/// entry above it, past empty lines and comments.
+// The entries of a file. Each line of the password map is one. In other files, a line that begins with a
+// blank continues the entry above it; empty lines and comments between do not matter.
 std::vector<std::string> Entries(const std::string& text, bool passwordMap) {
   std::vector<std::string> entries;
   std::vector<std::string> between;
@@ -66,17 +66,17 @@ std::vector<std::string> Entries(const std::string& text, bool passwordMap) {
 
 }  // namespace
 
-bool Masks::HoldsSecrets(const std::string& name) {
+bool Masks::MayHaveSecrets(const std::string& name) {
   return IsPasswordMap(name) || name.find(".cf") != std::string::npos ||
          name.find(".conf") != std::string::npos;
 }
 
 void Masks::Learn(const std::string& name, const std::string& text) {
-  if (!HoldsSecrets(name)) return;
+  if (!MayHaveSecrets(name)) return;
   const auto learn = [&](const std::string& secret) {
     for (const std::string& known : {secret, secret.substr(secret.find(':') + 1)}) {  // USER:PASSWORD
       for (const std::string& trimmed : {Trimmed(known, kBlanks), Trimmed(known, kBlanksAndBraces)}) {
-        if (trimmed.size() >= kShortestKnown) secrets_.insert(trimmed);
+        if (trimmed.size() >= kShortestLearned) secrets_.insert(trimmed);
       }
     }
   };
@@ -92,8 +92,8 @@ void Masks::Learn(const std::string& name, const std::string& text) {
   }
 }
 
-std::string Masks::File(const std::string& name, const std::string& text) {
-  if (!HoldsSecrets(name)) return text;
+std::string Masks::MaskFile(const std::string& name, const std::string& text) {
+  if (!MayHaveSecrets(name)) return text;
   std::string shown;
   for (const std::string& entry : Entries(text, IsPasswordMap(name))) {
     const size_t begin = SecretIn(entry, IsPasswordMap(name));
@@ -103,7 +103,7 @@ std::string Masks::File(const std::string& name, const std::string& text) {
   return shown;
 }
 
-std::string Masks::Said(std::string line) const {
+std::string Masks::MaskLine(std::string line) const {
   const size_t map = line.find("sasl_passwd");
   const size_t quote = map == std::string::npos ? map : line.find('"', map);
   const size_t begin = std::min(quote, SecretIn(line, false));

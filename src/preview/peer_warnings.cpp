@@ -40,7 +40,7 @@ bool Connects(const Peer& peer) {
   return curl_easy_perform(curl.get()) == CURLE_OK;
 }
 
-/// The directories of alias_maps: "ldap:/path" names a file with `server_host`.
+// Each "ldap:/path" in alias_maps names a file, and `server_host` in this file the servers of a directory.
 void CheckDirectories(Warnings& warnings, Parameters& mainCf) {
   const std::regex server(R"((?:^|\n)\s*server_host\s*=\s*(.*))");
   const std::regex uri(R"((?:(ldaps?)://)?\[?([A-Za-z0-9._-]+|[0-9a-fA-F:]+:[0-9a-fA-F:]*)\]?(?::(\d+))?/?)");
@@ -67,7 +67,7 @@ void CheckDirectories(Warnings& warnings, Parameters& mainCf) {
   }
 }
 
-/// True when somebody listens on the path: proc_pid_net(5), /proc/net/unix.
+// True when somebody listens on the path: proc_pid_net(5), /proc/net/unix.
 bool IsSocket(const std::string& path) {
   const std::string place = StartsWith(path, "/var/run/") ? path.substr(4) : path;
   for (const std::string& line : Lines(ReadFile("/proc/thread-self/net/unix"))) {
@@ -77,8 +77,7 @@ bool IsSocket(const std::string& path) {
   return false;
 }
 
-/// Filters, policy services and milters that others run. One that Postfix runs itself has a line in
-/// `services`.
+// Filters, policy services and milters of others. Those that Postfix runs itself have a line in `services`.
 void CheckFilters(Warnings& warnings, const Parameters& parameters, const std::string& services) {
   const std::regex filter(
       R"((?:^|[\s:,{])(?:unix:(/[^\s,}]+)|\[?([A-Za-z0-9_.-]+|[0-9a-fA-F:]+)\]?:(\d+))(?=[\s,}]|$))");
@@ -106,7 +105,7 @@ void CheckFilters(Warnings& warnings, const Parameters& parameters, const std::s
 
 // ---- The DKIM key in DNS -----------------------------------------------------------------------------
 
-/// The TXT records of a name. None when there is no answer.
+// The TXT records of a name. None when there is no answer.
 std::optional<std::vector<std::string>> TextRecords(const std::string& name) {
   struct __res_state state = {};
   if (res_ninit(&state) != 0) return std::nullopt;
@@ -133,7 +132,7 @@ std::optional<std::vector<std::string>> TextRecords(const std::string& name) {
   return texts;
 }
 
-/// The public key as a DKIM record has it: base64 in one piece (RFC 6376, section 3.6.1).
+// The public key as a DKIM record has it: base64 in one piece (RFC 6376, section 3.6.1).
 std::string PublicKey(const std::string& privateKey) {
   std::string key;
   for (const std::string& line :
@@ -143,7 +142,7 @@ std::string PublicKey(const std::string& privateKey) {
   return key;
 }
 
-/// The order, the record first, is that of docs/pitfalls.md.
+// The record comes before the setting: docs/pitfalls.md, "A new DKIM key".
 void CheckDkimKeys(Warnings& warnings, Parameters& mainCf) {
   if (!Contains(mainCf["smtpd_milters"], ":8891")) return;
   std::string missing;

@@ -11,8 +11,8 @@ namespace {
 
 const std::string kMain = kEtc + "/main.cf";
 
-/// The network of the address, "192.0.2.0/24" for "192.0.2.7/24" and "[2001:db8::]/32" for
-/// "[2001:db8::1]/32"; empty when it is none, or already written so.
+// "192.0.2.0/24" for "192.0.2.7/24", and "[2001:db8::]/32" for "[2001:db8::1]/32". Empty for a network
+// without host bits, and for anything else.
 std::string NetworkOf(const std::string& text) {
   static const std::regex form(R"(!?(\[?)([0-9a-fA-F.:]+)\]?/(\d{1,3}))");
   std::smatch match;
@@ -33,7 +33,7 @@ std::string NetworkOf(const std::string& text) {
   return family == AF_INET ? network + ("/" + match[3].str()) : "[" + (network + ("]/" + match[3].str()));
 }
 
-/// True when the port that other servers send to takes no mail without TLS.
+// True when port 25, to which other servers send, takes no mail without TLS.
 bool DemandsTls(Parameters& mainCf, const std::string& services, const std::string& options) {
   const std::string port25 = "(^|\n)([^ \n]*:)?(25|smtp)";
   if (!std::regex_search(services, std::regex(port25 + " +inet "))) return false;
@@ -49,8 +49,8 @@ bool IsLoopback(const std::string& interface) {
          interface == "::1" || interface == "[::1]";
 }
 
-/// The recipient access tables that discard mail for postmaster, which every mail system has to take (RFC
-/// 5321, section 4.5.1).
+// Every mail system has to take mail for postmaster: RFC 5321, section 4.5.1. An access table may discard it,
+// with the answer that it was taken.
 void CheckPostmaster(Warnings& warnings, Parameters& mainCf) {
   const std::string host = mainCf["myhostname"];
   const std::regex named(

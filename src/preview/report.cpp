@@ -31,7 +31,7 @@ std::string Counted(size_t number, const std::string& thing) {
   return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
 }
 
-/// The sentence for a question that brings none of its own: the first row whose part stands in its name.
+// The sentence of a verdict. One that has none gets that of the first row whose part its name contains.
 std::string Consequence(const Verdict& verdict) {
   if (verdict.word == Verdict::kGood || !verdict.consequence.empty()) return verdict.consequence;
   static const struct {
@@ -56,8 +56,9 @@ std::string Consequence(const Verdict& verdict) {
   return verdict.word == Verdict::kNotInstalled ? row->notInstalled : "";
 }
 
-/// What programs said, for the reader: paths as they are outside the sandbox, no secrets, nothing without a
-/// reason in it. `known` are warnings that were told before, or that are about lines that are always written.
+// The lines of a program as the reader needs them: with the paths of the machine, not of the sandbox; without
+// secrets, and without lines that give no reason. With `known`, also without the warnings in it, to which the
+// new ones are added, and without those about lines that nubo_set_config always writes.
 Texts Told(const Preview& preview, const Texts& said, std::set<std::string>* known = nullptr) {
   static const std::regex sandbox(std::string(kWork) + "/(old|master)\\b");
   static const std::regex empty("|\\S+: *|.*fatal: daemon initialization failure.*|exit status \\d+");
@@ -70,12 +71,12 @@ Texts Told(const Preview& preview, const Texts& said, std::set<std::string>* kno
         (std::regex_search(line, always) || !known->insert(line.substr(warning)).second)) {
       continue;
     }
-    if (!std::regex_match(line, empty)) told.push_back(preview.masks.Said(line));
+    if (!std::regex_match(line, empty)) told.push_back(preview.masks.MaskLine(line));
   }
   return told.empty() && !said.empty() && known == nullptr ? Texts{said[0]} : told;
 }
 
-/// The runs with the words of those that ended alike together: one fault in the settings ends all of them.
+// Puts the runs with the same end together, with all their words: one fault in the settings ends every run.
 std::vector<std::pair<std::string, Run>> Together(const Preview& preview) {
   std::vector<std::pair<std::string, Run>> groups;
   for (const Run& run : preview.runs) {
@@ -97,7 +98,7 @@ Json::Value ToJson(const Texts& lines) {
   return array;
 }
 
-/// Prints text, in colours or without.
+// Prints parts of the report, in colours if they are wanted.
 class Printer {
  public:
   Printer(std::ostream& stream, bool colour) : out(stream), colour_(colour) {}
@@ -194,7 +195,7 @@ void PrintText(std::ostream& stream, const Preview& preview, bool colour) {
   };
   show(false);
   for (const std::string& warning : preview.warnings) {
-    stream << printer.Painted(kYellow, "Warning: ") << preview.masks.Said(warning) << '\n';
+    stream << printer.Painted(kYellow, "Warning: ") << preview.masks.MaskLine(warning) << '\n';
   }
   if (preview.verdicts.size() > Count(preview, Verdict::kGood) || !preview.warnings.empty()) stream << '\n';
   for (const Difference& file : preview.files) printer.Show(file);
@@ -234,7 +235,7 @@ void PrintJson(std::ostream& out, const Preview& preview) {
     all["verdicts"].append(object);
   }
   for (const InstalledVersion& one : preview.versions) all["versions"][one.program] = one.version;
-  for (const std::string& warning : preview.warnings) all["warnings"].append(preview.masks.Said(warning));
+  for (const std::string& warning : preview.warnings) all["warnings"].append(preview.masks.MaskLine(warning));
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   out << Json::writeString(builder, all) << '\n';

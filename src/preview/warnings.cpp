@@ -31,7 +31,7 @@ void Warn(Warnings& warnings, const std::string& file, const std::string& key, c
   warnings.push_back(file + ": " + key + ": " + text);
 }
 
-/// A name in DNS has to be ASCII. (RFC 5890 says how other names are written.)
+// A name in DNS has to be ASCII. (RFC 5890 says how other names are written.)
 void CheckDomain(Warnings& warnings, const std::string& key, const std::string& name) {
   static const std::regex form("[A-Za-z0-9_-]+(\\.[A-Za-z0-9_-]+)*|.*\\$.*|");
   if (std::any_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) >= 0x80; })) {
@@ -46,7 +46,7 @@ void CheckDomain(Warnings& warnings, const std::string& key, const std::string& 
   }
 }
 
-/// In a value of main.cf, `$` begins a parameter's name.
+// In a value of main.cf, `$` begins the name of a parameter.
 void CheckMainCfValue(Warnings& warnings, const std::string& key, const std::string& value) {
   static const std::regex wellFormed(R"(\$(\$|\w+|\{\w[^}]*\}|\(\w[^)]*\)))");
   if (std::regex_replace(value, wellFormed, "").find('$') != std::string::npos) {
@@ -74,8 +74,8 @@ std::string Lower(std::string text) {
   return text;
 }
 
-/// The local name that a recipient leads to and that neither a user nor an alias has; empty when there is
-/// none, or when it cannot be known: a directory, or a customisation, may know the name.
+// The local name of a recipient, if neither a user nor an alias has it. Empty otherwise, and where a
+// directory or a customisation may know the name.
 std::string UnknownName(const std::string& recipient, Postfix& smtp, const Json::Value& aliases) {
   static const std::regex plain(R"(\\?([A-Za-z0-9._+-]+)(?:@([A-Za-z0-9.-]+))?)");
   std::smatch match;
