@@ -241,8 +241,10 @@ class Apply(ApplianceTest):
     def test_check(self):
         """For programs: mail is well while a file differs; then a listener shows another certificate than its file."""
         write(CUSTOM, "biff = no\n")
+        run("sendmail", "-C", ETC, "carol@far.example", text="It waits: there is no network.\n", check=True)
         seen = json.loads(self.apply("check", "--json", "--no-message", status=5))
-        self.assertEqual((seen["differing"], seen["queue"]["messages"]), ([CUSTOM], 0))
+        self.assertEqual(seen["differing"], [CUSTOM])
+        self.assertGreater(seen["queue"]["messages"], 0)
         self.assertNotIn("a message from this machine", [one["what"] for one in seen["mail"]])
         run("cp", "-a", SSL, "/run/ssl", check=True)
         self.addCleanup(run, "cp", "-a", "/run/ssl/.", SSL, check=True)
