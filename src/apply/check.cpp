@@ -43,7 +43,7 @@ void AddStrangers(std::vector<MailObservation>& mail) {
         detail += ", process " + std::to_string(owner.pid) + " (" + owner.program + ") of user " +
                   std::to_string(owner.uid);
       }
-      mail.emplace_back(asked.what + ", program", false, detail,
+      mail.emplace_back(asked.what + ", program at " + listener.address, false, detail,
                         "Mail and passwords go to another program than " + DaemonOf(asked) + ".");
     }
   }
@@ -149,7 +149,8 @@ int Check(const Request& request) {
   const std::vector<InstalledVersion> versions = DaemonVersions();
   for (const InstalledVersion& one : versions) {
     all["versions"][one.program] = one.version;
-    if (!one.warning.empty()) mail.emplace_back(one.program, MailObservation::kWarning, one.warning);
+    if (!one.warning.empty())
+      mail.emplace_back("version of " + one.program, MailObservation::kWarning, one.warning);
   }
   const bool well =
       std::none_of(mail.begin(), mail.end(), [](const MailObservation& one) { return one.Bad(); });
