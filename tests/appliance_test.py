@@ -1,5 +1,7 @@
-"""What the suites of a whole appliance share. Each is run as root of a private machine: SUITE.py STAGED-PACKAGE
-[TEST... or other arguments of unittest]; scripts/test does so."""
+"""What the suites of a whole appliance share. scripts/test runs them, as root of a private machine. A single test:
+
+    lab/private_root $PWD python3 $PWD/tests/apply.py STAGED-PACKAGE Apply.test_undo
+"""
 
 import difflib
 import os

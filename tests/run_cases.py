@@ -9,7 +9,7 @@
 #     smtp JSON                 keys of a settings file; likewise the other names in SETTINGS
 #     file PATH CONTENT         a file (\n, \t, \r, \xHH and \\ as in C; \{9 c} is nine times c); secret: with mode 0600
 #     script PATH COMMAND       a program; postmap and postalias copy the table, nubopkghelper does nothing
-#     dir PATH... / remove PATH...    a directory in the file's place / no file
+#     dir PATH... / remove PATH... / link PATH TARGET    a directory in the file's place / no file / a symbolic link
 #     closed                    descriptors 0, 1 and 2 are closed
 #     run WORD...               the program's arguments
 #     base                      the later cases start from this one
@@ -37,7 +37,7 @@ import sys
 from appliance import ETC, PACKAGE, POSTMAP, listen, read, write
 
 SETTINGS = ("smtp", "scanner", "imap_pop3", "aliases", "sender_quotas", "attachment_filter")
-VERBS = (*SETTINGS, "file", "secret", "script", "dir", "remove", "closed", "run", "base")
+VERBS = (*SETTINGS, "file", "secret", "script", "dir", "remove", "link", "closed", "run", "base")
 SUFFIX = re.compile(r"((?:\.cf|\.conf|_checks|Table|Hosts|aliases|_map|ad_info))[A-Za-z0-9]{6}\b")
 OWN = re.compile(r"^<11>.{15} nubo_set_config: ")  # LOG_USER and LOG_ERR
 EMULATOR = os.environ.get("EMULATOR", "").split()  # runs a program of another architecture
@@ -73,7 +73,7 @@ def tree():
     """Mode and content of every file, by path."""
     paths = [os.path.join(folder, name) for top in (PACKAGE, "/usr/nubo", "/tmp") for folder, _, names in os.walk(top)
              for name in names]
-    return {path: (f"{os.stat(path).st_mode & 0o7777:o}", read(path)) for path in paths}
+    return {path: (f"{os.stat(path).st_mode & 0o7777:o}", read(path)) for path in filter(os.path.exists, paths)}
 
 
 def in_scene(line):
@@ -118,6 +118,9 @@ def set_scene(lines):
         elif verb == "remove":
             for path in rest.split():
                 shutil.rmtree(path) if os.path.isdir(path) else os.unlink(path)
+        elif verb == "link":
+            os.makedirs(os.path.dirname(path), exist_ok=True)
+            os.symlink(content, path)
         elif verb == "run":
             argv = shlex.split(rest)
         else:
@@ -193,7 +196,7 @@ def render(blocks, base, known):
 def main(program, *paths):
     os.umask(0o022)
     shutil.copy(program, "/run/nubo_set_config")
-    texts = {path: read(path) for path in paths}
+    texts = {path: read(path) for path in filter(os.path.exists, paths)}
     cover()
     write("/etc/nsswitch.conf", "passwd: files\n")
     take_log = listen()
