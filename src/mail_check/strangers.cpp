@@ -198,6 +198,11 @@ std::vector<Question> StrangerQuestions(const std::vector<SmtpListener>& listene
     AddRelay(questions, listener, first ? "" : "port " + listener.name + ": ", main, check);
     if (first) AddArrival(questions, listener, main, check);
     open = open || first;
+    if (first && IsSix(listener.outside[0]))
+      questions.push_back([] {
+        return MailObservation("a stranger's mail to postmaster, IPv4", MailObservation::kWarning,
+                               "no port is open to IPv4", "Hosts without IPv6 cannot send mail to this one.");
+      });
   }
   if (!open) {
     const std::string why =

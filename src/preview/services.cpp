@@ -35,6 +35,13 @@ std::set<std::string> Endpoints(const std::string& kinds) {
   return found;
 }
 
+/// True for the port of a milter that is rehearsed.
+bool IsOurMilter(const std::string& port) {
+  return std::any_of(Daemons().begin(), Daemons().end(), [&](const Daemon& daemon) {
+    return daemon.milterPort == port && IsWanted(daemon, MainCf());
+  });
+}
+
 std::string InQueue(const std::string& path) {
   return path[0] == '/' ? path : MainParameter("queue_directory") + "/" + path;
 }
@@ -65,7 +72,7 @@ std::vector<Service> TcpServices(const std::vector<Place>& taken) {
     const std::string port = match[2];
     for (const std::string& address : AddressesOf(host)) {
       const bool local = IsLoopback(address) || Contains(OwnAddresses(), address);
-      if (local && !RunsOutside(address + ":" + port, taken)) continue;
+      if (local && (IsOurMilter(port) || !RunsOutside(address + ":" + port, taken))) continue;
       services.push_back({host, {address, port}, local});
     }
   }
