@@ -24,10 +24,5 @@ const std::vector<Daemon>& Daemons();
 /// The one of this name.
 const Daemon& DaemonNamed(const std::string& name);
 
-/// The command that starts a second one of a milter, on [::1]. Postfix looks for the milter at "localhost",
-/// and there asks [::1] first, where any user could answer while the first one listens on 127.0.0.1 alone.
-/// (Under systemd, a socket unit holds the place.)
-std::vector<std::string> StartOnIpv6(const Daemon& milter);
-
 /// True unless it is a milter that this main.cf does not name.
 bool IsWanted(const Daemon& daemon, const Parameters& mainCf);
