@@ -6,9 +6,9 @@
 
 namespace {
 
-// Postfix looks for a milter at "localhost", and there asks [::1] first. Where the milter listened on 127.0.0.1
-// alone, any user could answer in its place, so a second one listens there; in vain where there is no IPv6.
-// (Under systemd, a socket unit holds the place.)
+// Postfix looks for a milter at "localhost", and there asks [::1] first. Where the milter listened on
+// 127.0.0.1 alone, any user could answer in its place, so a second one listens there; in vain where there is
+// no IPv6. (Under systemd, a socket unit holds the place.)
 std::vector<std::string> StartMilter(const std::string& command, const std::string& port) {
   return {"sh", "-c",
           command + " -p 'inet6:" + port + "@[::1]' -P /run/brindlecot-milter-" + port +

@@ -33,7 +33,7 @@ struct Preview {
 
 /// The conclusion; what was refused and why; warnings; the differences; what is good. In colours for a
 /// terminal.
-void PrintText(std::ostream& out, const Preview& preview, bool colour);
+void PrintText(std::ostream& stream, const Preview& preview, bool colour);
 
 /// One object, as nubo_config_preview(8) describes it.
 void PrintJson(std::ostream& out, const Preview& preview);
