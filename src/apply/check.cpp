@@ -108,17 +108,9 @@ Json::Value ToJson(const MailObservation& one) {
 void Print(const std::vector<MailObservation>& mail, const std::vector<InstalledVersion>& versions,
            const Json::Value& all) {
   for (const MailObservation& one : mail) {
-    std::cout << std::left << std::setw(9) << (one.Bad() ? "BAD" : kWords[one.state]) << one.what << ": "
+    std::cout << std::left << std::setw(10) << (one.Bad() ? "BAD" : kWords[one.state]) << one.what << ": "
               << one.detail << '\n';
-    if (!one.consequence.empty()) std::cout << std::setw(9) << "" << one.consequence << '\n';
-  }
-  for (const Json::Value& one : all["seen"]) {
-    const std::string status = one["status"].asString();
-    std::cout << std::left << std::setw(6)
-              << (status == "bad"       ? "BAD"
-                  : status == "warning" ? "warn"
-                                        : status)
-              << one["what"].asString() << ": " << one["detail"].asString() << '\n';
+    if (!one.consequence.empty()) std::cout << std::setw(10) << "" << one.consequence << '\n';
   }
   const int waiting = all["queue"]["messages"].asInt();
   std::cout << "queue: " << waiting << (waiting == 1 ? " message waits" : " messages wait");
