@@ -111,7 +111,7 @@ void Print(const Record& record) {
 // In small letters, with one blank between the parts and around them.
 std::string Comparable(const std::string& value) {
   std::string text = " ";
-  for (const char c : value + ' ') {
+  for (const unsigned char c : value + ' ') {
     const bool part = c != ' ' && c != ';';
     if (part || text.back() != ' ') text += part ? static_cast<char>(std::tolower(c)) : ' ';
   }
