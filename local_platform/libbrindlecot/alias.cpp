@@ -1,6 +1,7 @@
 // The alias table: an object of alias names, each with its recipients, exported in the format of aliases(5).
 //
 //     {"postmaster": ["root"], "sales": ["alice", "bob@example.com"]}
+#include <cstdio>
 #include <map>
 #include <vector>
 
@@ -62,5 +63,7 @@ int Alias::ExportAlias(const std::string& path) {
     }
     lines += '\n';
   }
-  return WriteFile(path.c_str(), lines);
+  const int result = WriteFile(path.c_str(), lines);
+  if (result < 0) (void)std::remove(path.c_str());  // half a table is of no use
+  return result;
 }
