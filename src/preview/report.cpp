@@ -6,6 +6,7 @@
 #include <map>
 #include <regex>
 #include <set>
+#include <sstream>
 
 #include "preview/sandbox.h"
 #include "system/text.h"
@@ -236,6 +237,9 @@ void PrintJson(std::ostream& out, const Preview& preview) {
   }
   for (const InstalledVersion& one : preview.versions) all["versions"][one.program] = one.version;
   for (const std::string& warning : preview.warnings) all["warnings"].append(preview.masks.MaskLine(warning));
+  std::ostringstream report;
+  PrintText(report, preview, false);
+  all["report"] = report.str();
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "  ";
   out << Json::writeString(builder, all) << '\n';
