@@ -8,18 +8,22 @@ import os
 import re
 import shutil
 import signal
+import smtplib
 import socket
 import subprocess
 import sys
+import time
 import unittest
 
-from appliance import ETC, HERE, PACKAGE, SBIN, command, daemon, generate, lay_out, read, run, settings, wait_for, write
+from appliance import (DOVECOT, ETC, HERE, PACKAGE, SBIN, answers, command, daemon, generate, lay_out, read, run,
+                       settings, wait_for, write)
 from appliance_test import CUSTOM, FOLDERS, ApplianceTest, files
 
 APPLY = PACKAGE + "/target/bin/nubo_config_apply"
 STATES = PACKAGE + "/target/var/lib/apply/"
 SETTINGS = PACKAGE + "/etc/settings"
 SSL = PACKAGE + "/etc/ssl"
+ACCESS = ETC + "/access/client_access"
 SMTP = {"smtp_hostname": "mail.example.com", "smtp_ssl_enabled": True, "message_limit": 20}
 GOOD = {"smtp": SMTP, "aliases": {"postmaster": ["alice"]}}
 # Makes the daemons load the files.
@@ -114,11 +118,12 @@ class Apply(ApplianceTest):
     # Changes that go wrong on the live machine only.
 
     def assert_taken_back(self, reason, word, port=None, **new):
-        """The change says the reason, all is as before, and the settings are kept. `port` is taken by another program
-        from when the preview is over; it is bound, and refused to those who connect."""
-        before = files()
+        """The change says the reason, and all is as when the command began: the new settings, and an access table that
+        was edited before. `port` is taken by another program from when the preview is over; it is bound, and refused
+        to those who connect."""
         settings(**{**GOOD, **new})
-        refused = files(SETTINGS)
+        write(ACCESS, "192.0.2.99 REJECT\n")
+        before = files()
         with self.running(word) as process, socket.socket() as other:
             if port:
                 other.bind(("", port))
@@ -126,8 +131,7 @@ class Apply(ApplianceTest):
         self.assertEqual(process.returncode, 3, process.printed)
         self.assertRegex(process.printed, reason)
         self.assert_same(before, files())
-        self.apply("check")
-        self.assertCountEqual(files(STATES + "refused/in" + SETTINGS).values(), refused.values())
+        self.apply("check", status=5)
 
     def test_port_is_taken(self):
         self.assert_taken_back("Postfix", "smtp", port=587, smtp={**SMTP, "smtp_tls_enabled": True})
@@ -136,64 +140,146 @@ class Apply(ApplianceTest):
         self.assert_taken_back("Dovecot does not start", "dovecot", port=993, imap_pop3={"imaps_enabled": True})
 
     def test_local_delivery_is_dead(self):
+        """Who does not read the changed file goes on: Dovecot, and somebody who is sending a message."""
+        dovecot = run("pgrep", "-x", "dovecot").stdout
         write("/home/bob/Maildir", "")
-        self.assert_taken_back("from this machine: status=bounced", "alias", aliases={"postmaster": ["bob"]})
+        with smtplib.SMTP(HERE, 25, "client.far.example") as client:
+            client.mail("carol@far.example")
+            client.rcpt("alice@mail.example.com")
+            client.docmd("DATA")
+            self.assert_taken_back("from this machine: status=bounced", "alias", aliases={"postmaster": ["bob"]})
+            client.send("Subject: long\r\n.\r\n")
+            self.assertEqual(client.getreply()[0], 250)
+        self.assertEqual(run("pgrep", "-x", "dovecot").stdout, dovecot)
 
-    def test_account_type_without_its_directory(self):
-        self.assert_taken_back("from this machine", "smtp", smtp={**SMTP, "account_type": "ldap"})
+    # What a command finds that fails, or others do meanwhile.
 
-    # Mail that is not well before.
+    def test_half_edited(self):
+        """A daemon that runs is stopped only when its files are good, and goes on with those that it had loaded."""
+        pair = certificate("new")
+        master = read(ETC + "/master.cf")
+        write(ETC + "/master.cf", master + "submission inet n")
+        before = run("pgrep", "-x", "master|dovecot").stdout
+        self.apply("renew", *pair, status=1)
+        self.assertEqual(run("pgrep", "-x", "master|dovecot").stdout, before)
+        write(ETC + "/master.cf", master)
+        settings(**GOOD, imap_pop3={"imaps_enabled": True})
+        with socket.socket() as other:
+            other.bind(("", 993))
+            command("dovecot")
+            self.apply("renew", *pair, status=3)
+            self.assertTrue(answers(143, "127.0.0.1", True))
 
-    def test_preview_refuses(self):
-        """Nothing is touched."""
+    def test_not_well_before(self):
+        """It is not held against a change; a change mends it."""
         write(CUSTOM, "smtpd_helo_restrictions = hostname\n")
         before = files()
         self.apply("smtp", status=1)
         self.assert_same(before, files())
-        self.assertFalse(is_pending())
-
-    def test_mended_by_a_change(self):
-        write(CUSTOM, "smtpd_helo_restrictions = hostname\n")
         command("smtp")
         run("postfix", "-c", ETC, "reload")
         os.unlink(CUSTOM)
         self.assertIn("not well", self.apply("smtp"))
         self.apply("check")
 
+    def test_mail_of_others(self):
+        """A copy for an archive that nobody takes, and a line in the log that anybody can write, decide nothing."""
+        change(always_bcc="archive@[127.0.0.9]")
+        with self.running("smtp") as process:
+            while process.poll() is None:
+                run("postlog", "-c", ETC, "-p", "fatal", "of somebody else")
+        self.assertEqual(process.returncode, 0, process.printed)
+
+    def test_another_process(self):
+        """A user's process that looks like Dovecot is not Dovecot: it runs the program, and was started so."""
+        run(SBIN + "/dovecot", "stop")
+        settings(**GOOD, imap_pop3={"pop3_enabled": True})
+        other = subprocess.Popen(("setpriv", "--reuid=nobody", "--clear-groups", "strace", "-qqo", "/dev/null", "-e",
+                                  "inject=openat:delay_enter=60s", "/usr/sbin/dovecot", "-F", "-c", DOVECOT))
+        self.addCleanup(other.wait)
+        self.addCleanup(other.kill)
+        wait_for(lambda: run("pgrep", "-u", "nobody", "-x", "dovecot").stdout, "a process")
+        self.assertIn("nothing to do", self.apply("dovecot"))
+
+    def test_state_is_what_was_tried(self):
+        """Settings that are saved while the daemons load are not in the state."""
+        change(message_limit=21)
+        tried = files(SETTINGS)
+        with self.running("smtp") as process:
+            wait_for(lambda: os.path.exists(STATES + "pending/touched"), "the daemons")
+            change(message_limit=22)
+        self.assertEqual(process.returncode, 0, process.printed)
+        self.assertCountEqual(files(f"{STATES}{last_state()}/in" + SETTINGS).values(), tried.values())
+
+    def test_full_disk(self):
+        """Without room for going back nothing is touched."""
+        change(message_limit=21)
+        before = files()
+        run("mount", "-t", "tmpfs", "-o", "size=300k", "tmpfs", STATES, check=True)
+        self.assertIn("No space left", self.apply("smtp", status=1))
+        run("umount", STATES, check=True)
+        self.assert_same(before, files())
+
     # Confirming, and going back on purpose.
 
     def test_not_confirmed(self):
-        """It outlives its session, nobody else changes anything, and it is taken back."""
-        before = files()
+        """It outlives its session and its killed timer, nobody else changes anything, and it is taken back; files that
+        others have written stay or are kept."""
         change(message_limit=22)
-        asked = files(SETTINGS)
+        before = files()
         with self.running("-t", "0.3", "smtp") as session:
             os.killpg(session.pid, signal.SIGHUP)
         self.assertEqual((session.returncode, limit()), (0, 22), session.printed)
+        for process in run("pgrep", "-f", APPLY + " wait").stdout.split():
+            os.kill(int(process), signal.SIGKILL)
+            time.sleep(1.5)
         self.apply("smtp", status=1)
+        write(ETC + "/mine", "")
+        write(ETC + "/main.cf", read(ETC + "/main.cf") + "# mine\n")
         wait_for(lambda: not is_pending(), "the old state")
-        self.assert_same(before, files())
+        self.assert_same({**before, ETC + "/mine": files()[ETC + "/mine"]}, files())
         self.assertEqual(limit(), 20)
-        self.apply("check")
-        self.assertCountEqual(files(STATES + "refused/in" + SETTINGS).values(), asked.values())
+        self.assertIn("# mine", "".join(files(STATES + "kept").values()))
 
-    def test_confirmed(self):
+    def test_confirm(self):
+        """It takes a change that is in force as a whole, and none that going back has begun with."""
         change(message_limit=23)
         self.apply("-t", "5", "smtp")
         self.apply("confirm")
+        self.assertEqual((limit(), is_pending()), (23, False))
+        change(message_limit=24)
+        self.apply("-t", "5", "smtp")
+        os.unlink(ETC + "/main.cf")
+        os.makedirs(ETC + "/main.cf/directory")
+        self.apply("recover", status=4)
+        self.apply("confirm", status=1)
+        shutil.rmtree(ETC + "/main.cf")
+        self.apply("recover", status=3)
         self.assertEqual(limit(), 23)
-        self.assertFalse(is_pending())
 
     def test_undo(self):
-        """The settings are those of before, and the history shows what has changed."""
-        before = files(SETTINGS)
+        """The settings are those of before, also where they are links, and what was not applied is kept."""
         change(message_limit=23)
+        shutil.move(SETTINGS + "/smtp.json", "/srv/smtp.json")
+        os.symlink("/srv/smtp.json", SETTINGS + "/smtp.json")
         self.apply("smtp")
-        self.apply("undo")
-        self.assert_same(before, files(SETTINGS))
+        with open("/srv/smtp.json", "a", encoding="utf-8") as file:
+            file.write("// not applied\n")
+        kept = re.search("kept as (.*)", self.apply("undo"))[1]
+        self.assertIn("not applied", read(kept))
+        self.assertTrue(os.path.islink(SETTINGS + "/smtp.json"))
+        self.assertEqual(read("/srv/smtp.json"), read(f"{STATES}2/in{SETTINGS}/smtp.json"))
         self.assertEqual(limit(), 20)
         self.assertIn("-message_size_limit = 24117248\n+message_size_limit = 20971520",
                       self.apply("history", str(last_state())))
+
+    def test_undo_as_found(self):
+        """Where that has no main.cf, the daemons go on."""
+        os.unlink(f"{STATES}1/out{ETC}/main.cf")
+        before = files()
+        self.assertIn("Postfix are not good", self.apply("undo", "1", status=3))
+        self.assert_same(before, files())
+        self.apply("check")
 
     # A process or a machine that ends in the midst of a change.
 
@@ -215,7 +301,7 @@ class Apply(ApplianceTest):
                 new = {path.removeprefix(kept): what for path, what in files(kept + ETC).items()}
                 now = files(ETC)
                 self.assert_same(old if last_state() == 2 else now | new, now)
-                self.apply("check")
+                self.apply("check", status=0 if last_state() == 3 else 5)
 
     def test_power_cut(self):
         """What must be on the disk is synced before it is renamed, in this order."""
@@ -226,7 +312,7 @@ class Apply(ApplianceTest):
                  f"fsync\\(\\d+<{STATES[:-1]}>",
                  f'rename\\(".*", "{ETC}/main.cf"\\)',
                  f"fsync\\(\\d+<{ETC}/main.cf>",
-                 f'rename\\("{STATES}pending/next", "{STATES}{last_state()}"')
+                 f'rename\\("{STATES}pending/tried", "{STATES}{last_state()}"')
         self.assertRegex(read("/run/trace"), "(?s)" + ".*?".join(order))
 
     # The other commands.
@@ -235,7 +321,12 @@ class Apply(ApplianceTest):
         made, key = certificate("new")
         self.apply("renew", made, certificate("other")[1], status=1)
         self.apply("renew", *certificate("old", "-1"), status=1)
+        shutil.move(SSL, "/srv/ssl")
+        os.symlink("/srv/ssl", SSL)
+        self.addCleanup(shutil.move, "/srv/ssl", SSL)
+        self.addCleanup(os.unlink, SSL)
         self.apply("renew", made, key)
+        self.assertEqual(read("/srv/ssl/server.crt"), read(made))
         self.assertIn("CN = new", run("openssl", "s_client", "-connect", "localhost:465").stdout)
 
     def test_check(self):

@@ -12,30 +12,24 @@
 #include <fstream>
 #include <iostream>
 
-#include "apply/basics.h"
-#include "apply/state.h"
+#include "apply/daemons.h"
+#include "apply/timer.h"
 #include "core/config_generator.h"
-#include "mail_check/configuration.h"
-#include "system/program.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-const std::string kNext = kPending + "/next";
-const std::string kKeptSsl = kPending + "/ssl";
-const std::string kRefused = kStates + "/refused";
 constexpr size_t kStatesKept = 10;
-constexpr size_t kMostShown = 100'000;  // bytes of a difference in a message
+constexpr size_t kMostShown = 100'000;         // bytes of a difference in a message
+constexpr std::chrono::seconds kThrottle(61);  // service_throttle_time: postconf(5)
+constexpr off_t kRoom = 64 * 1024;             // for directories that grow when files are put back
 
 volatile std::sig_atomic_t interrupted = 0;
 
-void GoOn() {
+void ThrowIfInterrupted() {
   if (interrupted != 0) throw Fault("it was interrupted");
 }
-
-// This boot of the machine: random(4).
-std::string ThisBoot() { return ReadFile("/proc/sys/kernel/random/boot_id"); }
 
 // The time of day so many seconds from now.
 std::string TimeOfDay(const char* format, long seconds) {
@@ -46,80 +40,108 @@ std::string TimeOfDay(const char* format, long seconds) {
   return text;
 }
 
-// Throws Fault with all that is not good now and was good before the change.
-void CheckAgain(const Change& change, const std::string& subject, const std::string& text) {
-  const Step step("Mail is checked");
-  std::list<std::string> worse;
-  for (const MailObservation& one : AskMail(change.running, subject, change.what + text)) {
-    if (one.Bad() && change.unwell.count(one.what) == 0) worse.push_back(one.what + ": " + one.detail);
-  }
-  if (!worse.empty()) throw Fault(JoinList(worse, "; "));
+Json::Value Array(const std::set<std::string>& names) {
+  Json::Value array(Json::arrayValue);
+  for (const std::string& name : names) array.append(name);
+  return array;
 }
 
-// Writes the way back to the disk. From here on, whatever happens, the change ends confirmed or taken back.
-void Arm(const Change& change, Sort sort) {
+std::set<std::string> Names(const Json::Value& array) {
+  std::set<std::string> names;
+  for (const Json::Value& name : array) names.insert(name.asString());
+  return names;
+}
+
+// From here on, whatever happens, the change ends committed or rolled back.
+void SaveRollback(const Change& change, ChangeKind kind) {
   const Step step("The way back is written");
   const std::string tree = kPending + ".new";
-  const std::string base = StateDirectory(change.base);
-  Keep(Kind::kOutput, tree, base);
-  if (sort == Sort::kRenew) {
-    RunOrThrow({"cp", "-aT", kSsl, tree + "/ssl"}, "cannot copy " + kSsl);
-  } else if (sort != Sort::kApply) {
-    Keep(Kind::kInput, tree, base);
-  } else if (Holds(base, Kind::kInput)) {
-    // The settings that are there are those of the change.
-    LinkTree(base + "/in", tree + "/in");
-  }
+  SaveFiles(FileKind::kOutput, tree);
+  SaveFiles(FileKind::kInput, tree);
+  if (kind == ChangeKind::kRenew) RunOrThrow({"cp", "-aT", fs::canonical(kSsl), tree + "/ssl"}, kSsl);
   Json::Value about;
   about["base"] = change.base;
   about["what"] = change.what;
   about["user"] = change.user;
   about["boot"] = change.boot;
   about["deadline"] = static_cast<Json::Int64>(change.deadline);
-  for (const std::string& name : change.running) about["running"].append(name);
-  for (const std::string& what : change.unwell) about["unwell"].append(what);
+  about["source"] = change.source;
+  about["concerned"] = Array(change.concerned);
+  about["running"] = Array(change.running);
+  about["unwell"] = Array(change.unwell);
   WriteFile(tree + "/about", about.toStyledString());
+  ReserveRoom(tree + "/room", kRoom);
   Install(tree, kPending);
 }
 
-// Starts the one that takes the change back when its time is over.
-void StartWaiting() {
-  // It has to outlive the session, and where systemd ends a session's processes, their group too.
-  const std::string self = fs::read_symlink("/proc/self/exe");
-  if (!fs::exists("/run/systemd/system") ||
-      RunProgram({"systemd-run", "--quiet", "--collect", self, "wait"}).status != 0) {
-    RunOrThrow({"setsid", "--fork", self, "wait"}, "nobody would take the change back");
-  }
+void SaveTried(const Change& change, const std::string& shown) {
+  SaveFiles(FileKind::kOutput, kTried + ".new", StateDirectory(change.base));
+  const std::string time = TimeOfDay("%Y-%m-%d %H:%M:%S %z", 0);
+  WriteFile(kTried + ".new/preview", time + "  " + change.user + "  " + change.what + "\n\n" + shown);
+  Install(kTried + ".new", kTried);
 }
 
-// Writes the state that the change makes.
-void KeepNext(const Change& change, Sort sort, const std::string& shown) {
-  if (sort == Sort::kRenew) return;
-  const std::string tree = kNext + ".new";
+// The daemons that read what is not as it was found, or not as in the last state.
+std::set<std::string> Readers(const Change& change, ChangeKind kind) {
+  if (kind == ChangeKind::kRenew) return ReadersOf({kSsl});
+  Paths written = Differing(FileKind::kOutput, kPending);
+  written.merge(Differing(FileKind::kInput, kPending));
+  std::set<std::string> readers = ReadersOf(written);
   const std::string base = StateDirectory(change.base);
-  Keep(Kind::kOutput, tree, base);
-  if (sort != Sort::kAsFound) Keep(Kind::kInput, tree, base);
-  WriteFile(tree + "/preview",
-            TimeOfDay("%Y-%m-%d %H:%M:%S %z", 0) + "  " + change.user + "  " + change.what + "\n\n" + shown);
-  Install(tree, kNext);
-}
-
-void KeepRefused() {
-  const std::string refused = kPending + "/refused";
-  if (fs::exists(refused)) return;
-  fs::remove_all(refused + ".new");
-  Keep(Kind::kInput, refused + ".new", kPending);
-  Install(refused + ".new", refused);
-}
-
-// The package helper was told the account type of the refused settings.
-void TellHelper() {
-  const std::string settings = "/in/var/packages/Brindlecot/etc/settings/smtp.json";
-  if (ReadFile(kPending + settings) == ReadFile(kPending + "/refused" + settings)) return;
-  ConfigGenerator generator;
-  if (generator.LoadAllSettings() < 0 || generator.UpdatePamConfig() < 0) {
-    throw Fault("the package helper was not told the account type, see the system log");
+  // Nobody knows what the daemons have loaded of files as found.
+  Paths stale = Differing(FileKind::kOutput, HasFiles(base, FileKind::kInput) ? base : "/nowhere");
+  stale.merge(Differing(FileKind::kInput, base));
+  for (const std::string& name : ReadersOf(stale)) {
+    if (change.concerned.count(name) != 0) readers.insert(name);
   }
+  written.merge(stale);
+  Sync(written);
+  return readers;
+}
+
+// Has the daemons load the files: what did not run stays off, except for a milter that was switched on. One
+// that was switched off stops last. Returns a phrase for each thing done.
+std::list<std::string> LoadChange(const Change& change, ChangeKind kind) {
+  const std::set<std::string> readers = Readers(change, kind);
+  const std::string found = kPending + "/out" + kEtc;
+  const std::string base = StateDirectory(change.base) + "/out" + kEtc;
+  const std::set<std::string> wanted = WantedMilters(kEtc);
+  std::set<std::string> before = WantedMilters(found);
+  if (HasFiles(StateDirectory(change.base), FileKind::kInput)) {
+    const std::set<std::string> last = WantedMilters(base);
+    for (const std::string& name : wanted) {
+      if (last.count(name) == 0) before.erase(name);
+    }
+  }
+  std::list<std::string> done;
+  std::ofstream touched(kPending + "/touched");
+  const auto touch = [&](const std::string& name) {
+    touched << name << std::endl;
+    Sync({kPending + "/touched"});
+  };
+  for (const Daemon& daemon : Daemons()) {
+    const bool off = !daemon.milterPort.empty() && wanted.count(daemon.name) == 0;
+    const bool runs = change.running.count(daemon.name) != 0;
+    const bool starts =
+        !daemon.milterPort.empty() && change.running.count("Postfix") != 0 && before.count(daemon.name) == 0;
+    if (off || !(runs ? readers.count(daemon.name) != 0 : starts)) continue;
+    touch(daemon.name);
+    done.push_back(daemon.name + " " + LoadFiles(daemon.name, {found, base}));
+  }
+  if (readers.count(kMailScanner) != 0) {
+    touch(kMailScanner);
+    done.push_back(kMailScanner + " " + LoadFiles(kMailScanner, {}));
+  }
+  for (const Daemon& daemon : Daemons()) {
+    if (daemon.milterPort.empty() || wanted.count(daemon.name) != 0 ||
+        change.running.count(daemon.name) == 0) {
+      continue;
+    }
+    touch(daemon.name);
+    StopDaemon(daemon);
+    done.push_back(daemon.name + " stopped");
+  }
+  return done;
 }
 
 }  // namespace
@@ -130,17 +152,18 @@ Change ReadPending() {
   if (!IsPending()) throw Fault("no change is pending");
   Json::Value about;
   std::ifstream(kPending + "/about") >> about;
-  Change change = {about["base"].asInt(),
-                   about["what"].asString(),
-                   about["user"].asString(),
-                   about["boot"].asString(),
-                   static_cast<long>(about["deadline"].asInt64()),
-                   {},
-                   {}};
-  for (const Json::Value& name : about["running"]) change.running.insert(name.asString());
-  for (const Json::Value& what : about["unwell"]) change.unwell.insert(what.asString());
-  return change;
+  return {about["base"].asInt(),
+          about["what"].asString(),
+          about["user"].asString(),
+          about["boot"].asString(),
+          static_cast<long>(about["deadline"].asInt64()),
+          about["source"].asInt(),
+          Names(about["concerned"]),
+          Names(about["running"]),
+          Names(about["unwell"])};
 }
+
+std::string ThisBoot() { return ReadFile("/proc/sys/kernel/random/boot_id"); }
 
 long Now() {
   timespec now = {};
@@ -148,7 +171,7 @@ long Now() {
   return static_cast<long>(now.tv_sec);  // of 64 bits on 32-bit machines from Debian 13 on
 }
 
-void OutliveSession() {
+void IgnoreHangup() {
   std::signal(SIGHUP, SIG_IGN);
   std::signal(SIGPIPE, SIG_IGN);
   for (const int number : {SIGINT, SIGTERM}) std::signal(number, [](int) { interrupted = 1; });
@@ -156,21 +179,59 @@ void OutliveSession() {
 
 std::vector<MailObservation> AskMail(const std::set<std::string>& daemons, const std::string& subject,
                                      const std::string& text) {
-  return CheckMail({daemons.count("Postfix") != 0, daemons.count("Dovecot") != 0, false, subject, text});
+  const bool postfix = daemons.count("Postfix") != 0;
+  std::vector<MailObservation> seen =
+      CheckMail({postfix, daemons.count("Dovecot") != 0, false, subject, text});
+  if (!postfix) return seen;
+  for (const std::string& name : WantedMilters(kEtc)) {
+    const bool serves = IsServing(DaemonNamed(name));
+    seen.emplace_back(name, serves, serves ? "runs" : "main.cf names it, and it does not run");
+  }
+  return seen;
 }
 
-Change Begin(const std::string& command, const Request& request) {
-  if (IsPending()) throw Fault("a change is pending: confirm it, or take it back by recover");
+std::string CheckAgain(const Change& change, const std::string& subject, const std::string& text) {
+  const Step step("Mail is checked");
+  std::list<std::string> worse;
+  std::list<std::string> asBefore;
+  const auto ask = [&] {
+    worse.clear();
+    asBefore.clear();
+    for (const MailObservation& one : AskMail(change.running, subject, change.what + text)) {
+      if (!one.Bad()) continue;
+      (change.unwell.count(one.what) == 0 ? worse : asBefore).push_back(one.what + ": " + one.detail);
+    }
+    return worse.empty();
+  };
+  // Where Dovecot is down, a question about STARTTLS ends the server that is asked, and Postfix starts no
+  // other one for a minute.
+  const bool throttled = std::any_of(change.unwell.begin(), change.unwell.end(), [](const std::string& what) {
+    return StartsWith(what, "Postfix, port");
+  });
+  if (!ask() && throttled) {
+    WaitFor([] { return interrupted != 0; }, kThrottle);
+    ask();
+  }
+  if (!worse.empty()) throw Fault(JoinList(worse, "; "));
+  return JoinList(asBefore, "; ");
+}
+
+Change Begin(const std::string& command, const Request& request, const std::set<std::string>& concerned) {
+  if (IsPending()) {
+    throw Fault(
+        "a change is pending; confirm it by: nubo_config_apply confirm\n"
+        "or take it back by: nubo_config_apply recover");
+  }
   if (States().empty()) {
     const std::string tree = StateDirectory(1) + ".new";
-    Keep(Kind::kOutput, tree, kLive);
+    SaveFiles(FileKind::kOutput, tree);
     WriteFile(tree + "/preview", "As found\n");
     Install(tree, StateDirectory(1));
   }
   std::string what = command + (request.message.empty() ? "" : ": " + request.message);
   std::replace_if(
       what.begin(), what.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, ' ');
-  Change change = {*States().rbegin(), what, request.user, ThisBoot(), 0, RunningDaemons(), {}};
+  Change change = {*States().rbegin(), what, request.user, ThisBoot(), 0, 0, concerned, RunningDaemons(), {}};
   Step step("Mail as it is");
   for (const MailObservation& one :
        AskMail(change.running, "Mail before a change of its configuration",
@@ -185,48 +246,58 @@ Change Begin(const std::string& command, const Request& request) {
   return change;
 }
 
-int BringAbout(Change change, Sort sort, double minutes, const std::function<std::string()>& write) {
-  GoOn();
+int RunChange(Change change, ChangeKind kind, double minutes, const std::function<std::string()>& write) {
+  ThrowIfInterrupted();
   if (minutes > 0) change.deadline = Now() + std::lround(60 * minutes);
-  Arm(change, sort);
-  const std::string base = StateDirectory(change.base);
+  SaveRollback(change, kind);
+  std::string unwell;
   try {
-    if (minutes > 0) StartWaiting();
+    if (minutes > 0) StartTimer();
     const std::string shown = write();
-    GoOn();
-    // Nobody knows what the daemons have loaded of files as found.
-    Paths changed = Differing(Kind::kOutput, Holds(base, Kind::kInput) ? base : "/nowhere");
-    changed.merge(Differing(Kind::kInput, base));
-    if (sort == Sort::kRenew) changed.insert(kSsl);
-    Sync(changed);
+    ThrowIfInterrupted();
+    if (kind != ChangeKind::kRenew) SaveTried(change, shown);
     {
-      Step step("The daemons follow");
-      const std::list<std::string> done = Follow(changed, base + "/out" + kEtc);
+      Step step("The daemons load the files");
+      const std::list<std::string> done = LoadChange(change, kind);
       step.Say(done.empty() ? "nothing to do" : JoinList(done, ", "));
     }
-    GoOn();
+    ThrowIfInterrupted();
     // Postfix takes no message of any size.
     const std::string more = shown.size() > kMostShown ? "\n(More: nubo_config_apply history)\n" : "";
-    CheckAgain(change, "The configuration of mail has changed", "\n\n" + shown.substr(0, kMostShown) + more);
-    GoOn();
-    KeepNext(change, sort, shown);
-    if (change.deadline == 0) return Settle(change);
-  } catch (const Refused&) {
-    EndPending();
-    throw;
+    unwell = CheckAgain(change, "The configuration of mail has changed",
+                        "\n\n" + shown.substr(0, kMostShown) + more);
+    ThrowIfInterrupted();
+    WriteFile(kGood, "");
   } catch (const std::exception& error) {
-    return GoBack(change, error.what());
+    return RollBack(change, error.what());
   }
-  std::cout << "In force. Until " << TimeOfDay("%H:%M:%S", change.deadline - Now())
-            << " confirm it by: nubo_config_apply confirm\nOtherwise it is taken back." << std::endl;
+  if (change.deadline == 0) {
+    Commit(change);
+  } else {
+    std::cout << "In force. Until " << TimeOfDay("%H:%M:%S", change.deadline - Now())
+              << " confirm it by: nubo_config_apply confirm\nOtherwise it is taken back." << std::endl;
+  }
+  if (!unwell.empty()) std::cout << "Not well, as before: " << unwell << std::endl;
+  if (!change.running.empty()) return 0;
+  std::cout << "No daemon runs on these files yet." << std::endl;
+  for (const std::string& step : FirstSteps()) std::cout << step << std::endl;
   return 0;
 }
 
-int Settle(const Change& pending) {
+void SavePlan(const Paths& paths) { WriteFile(kPlan, JoinList({paths.begin(), paths.end()}, "\n")); }
+
+void SaveTriedInputs(const Change& change) {
+  SaveFiles(FileKind::kInput, kTried + ".new", StateDirectory(change.base));
+}
+
+void Commit(const Change& pending) {
   const int number = pending.base + 1;
-  const bool state = fs::exists(kNext);
-  if (state) fs::rename(kNext, StateDirectory(number));
-  std::string said = "in force" + (state ? ", as state " + std::to_string(number) : "");
+  const bool state = fs::exists(kTried);
+  if (state) {
+    fs::rename(kTried, StateDirectory(number));
+    Sync({StateDirectory(number)});
+  }
+  std::string said = "n force" + (state ? ", as state " + std::to_string(number) : "");
   try {  // whatever happens from here on, it is confirmed
     EndPending();
     for (std::set<int> states = States(); states.size() > kStatesKept; states = States()) {
@@ -236,70 +307,8 @@ int Settle(const Change& pending) {
   } catch (const std::exception& error) {
     said += std::string("; but ") + error.what();
   }
-  syslog(LOG_MAIL | LOG_NOTICE, "%s: %s", pending.what.c_str(), said.c_str());
-  std::cout << 'I' << said.substr(1) << std::endl;
-  return 0;
-}
-
-int GoBack(const Change& pending, const std::string& reason) {
-  std::signal(SIGINT, SIG_IGN);  // one more must not end the programs that put things back
-  std::cout << "Taken back: " << reason << std::endl;
-  std::list<std::string> failed;
-  const auto attempt = [&](const std::function<void()>& work) {
-    try {
-      work();
-    } catch (const std::exception& error) {
-      failed.emplace_back(error.what());
-    }
-  };
-  const bool renew = fs::exists(kKeptSsl);
-  const bool settings = Holds(kPending, Kind::kInput);
-  attempt([&] {
-    const Step step("The settings are put back");
-    fs::remove_all(kNext + ".new");  // it may have filled the disk
-    renew ? InstallSsl(kKeptSsl) : KeepRefused();
-    if (settings) Mirror(Kind::kInput, kPending, kLive);
-  });
-  attempt([] {
-    const Step step("The files are put back");
-    Mirror(Kind::kOutput, kPending, kLive);
-  });
-  const bool files = failed.empty();
-  if (settings) attempt(TellHelper);
-  Change before = pending;
-  if (pending.boot != ThisBoot()) before.running = RunningDaemons();  // none, when this is done at boot
-  if (pending.boot == ThisBoot() || !before.running.empty()) {
-    attempt([&] {
-      const Step step("The daemons are restarted");
-      StartAnew(before.running);
-    });
-    attempt([&] {
-      CheckAgain(before, "A change of the mail system was taken back", " was taken back.\n" + reason + "\n");
-    });
-  }
-  if (files) {
-    attempt([&] {
-      if (!renew) {
-        LinkTree(kPending + "/refused", kRefused + ".new");
-        Install(kRefused + ".new", kRefused);
-      }
-      EndPending();
-    });
-  }
-  syslog(LOG_MAIL | LOG_WARNING, "%s was taken back: %s", pending.what.c_str(), reason.c_str());
-  for (const std::string& one : failed) {
-    std::cout << "Not as before: " << one << std::endl;
-    syslog(LOG_MAIL | LOG_ERR, "not as before: %s", one.c_str());
-  }
-  if (IsPending()) {
-    std::cout << "Mend what is named, then run: nubo_config_apply recover" << std::endl;
-    return 4;
-  }
-  std::cout << (failed.empty() ? "All is as before" : "The files are as before")
-            << (settings ? "; the settings that were refused are in " + kRefused
-                         : "; your settings are as you wrote them")
-            << std::endl;
-  return failed.empty() ? 3 : 4;
+  syslog(LOG_MAIL | LOG_NOTICE, "%s: i%s", pending.what.c_str(), said.c_str());
+  std::cout << 'I' << said << std::endl;
 }
 
 void EndPending() {
@@ -309,8 +318,8 @@ void EndPending() {
 }
 
 void InstallSsl(const std::string& directory) {
-  const std::string beside = kSsl + ".new";
-  fs::remove_all(beside);
-  RunOrThrow({"cp", "-aT", directory, beside}, "cannot copy " + directory);
-  Install(beside, kSsl);
+  const std::string place = fs::canonical(kSsl);  // it may be a link
+  fs::remove_all(place + ".new");
+  RunOrThrow({"cp", "-aT", directory, place + ".new"}, "cannot copy " + directory);
+  Install(place + ".new", place);
 }

@@ -152,8 +152,8 @@ int Check(const Request& request) {
   if (!States().empty()) {
     const int last = *States().rbegin();
     all["state"] = last;
-    for (const Kind kind : {Kind::kInput, Kind::kOutput}) {
-      if (!Holds(StateDirectory(last), kind)) continue;
+    for (const FileKind kind : {FileKind::kInput, FileKind::kOutput}) {
+      if (!HasFiles(StateDirectory(last), kind)) continue;
       for (const std::string& path : Differing(kind, StateDirectory(last))) differing.append(path);
     }
   }

@@ -12,7 +12,6 @@
 
 namespace {
 
-using std::chrono::seconds;
 using Arguments = std::vector<std::string>;
 
 bool None(const Arguments& arguments) { return arguments.empty(); }
@@ -37,51 +36,33 @@ bool AnyWord(const Arguments& arguments) {
   return arguments.empty() || (arguments.size() == 1 && Contains(CommandWords(), arguments[0]));
 }
 
-// How a command takes the lock of the states: not at all, or how long it waits while another one has it;
-// kSettled waits for the end of a pending change, too.
-enum class Lock { kNone, kAtOnce, kMinute, kSettled };
+// How many seconds a command waits for the lock of the states. A certificate comes by a timer, which will not
+// try again soon; it waits for the end of a pending change, too.
+constexpr int kNoLock = -1;
+constexpr int kUntilSettled = 3600;
 
 struct Command {
   std::string_view word;
   std::string_view shown;  // its arguments, in the usage
   bool (*valid)(const Arguments& arguments);
   bool timed;  // takes -t and -m
-  Lock lock;
+  int patience;
   int (*run)(const Request& request);
 };
 
 // The first one needs no word of its own.
 constexpr Command kCommands[] = {
-    {"", "[smtp|dovecot|mailscanner|alias|domain_alias|sender_quota_map]", AnyWord, true, Lock::kAtOnce,
-     Apply},
-    {"check", " [--json] [--no-message]", CheckOptions, false, Lock::kNone, Check},
-    {"confirm", "", None, false, Lock::kAtOnce, Confirm},
-    {"undo", " [STATE]", AnyNumber, true, Lock::kAtOnce, Undo},
-    {"history", " [--json | STATE [STATE]]", HistoryArguments, false, Lock::kNone, History},
-    {"recover", "", None, false, Lock::kMinute, Recover},
-    // A certificate comes by a timer, which will not try again soon.
-    {"renew", " CERTIFICATE KEY", Two, false, Lock::kSettled, Renew},
-    {"restart", "", None, false, Lock::kNone, Restart},
-    {"dns", " [check]", MayCheck, false, Lock::kNone, Dns},
-    {"wait", "", None, false, Lock::kNone, Wait},  // run by -t, so not in the usage
+    {"", "[smtp|dovecot|mailscanner|alias|domain_alias|sender_quota_map]", AnyWord, true, 0, Apply},
+    {"check", " [--json] [--no-message]", CheckOptions, false, kNoLock, Check},
+    {"confirm", "", None, false, 0, Confirm},
+    {"undo", " [STATE]", AnyNumber, true, 0, Undo},
+    {"history", " [--json | STATE [STATE]]", HistoryArguments, false, kNoLock, History},
+    {"recover", "", None, false, 60, Recover},
+    {"renew", " CERTIFICATE KEY", Two, false, kUntilSettled, Renew},
+    {"restart", "", None, false, kNoLock, Restart},
+    {"dns", " [check]", MayCheck, false, kNoLock, Dns},
+    {"wait", "", None, false, kNoLock, Wait},  // run by -t, so not in the usage
 };
-
-void Take(Lock lock) {
-  switch (lock) {
-    case Lock::kNone:
-      return;
-    case Lock::kAtOnce:
-      LockStates(seconds(0), false);
-      break;
-    case Lock::kMinute:
-      LockStates(seconds(60), false);
-      break;
-    case Lock::kSettled:
-      LockStates(seconds(3600), true);
-      break;
-  }
-  OutliveSession();
-}
 
 }  // namespace
 
@@ -107,6 +88,9 @@ int RunCommandLine(const std::vector<std::string>& words, Request request) {
   request.arguments = {words.begin() + (other ? 0 : 1), words.end()};
   const bool options = request.minutes > 0 || !request.message.empty();
   if (!command.valid(request.arguments) || (options && !command.timed)) return Usage();
-  Take(command.lock);
+  if (command.patience != kNoLock) {
+    LockStates(std::chrono::seconds(command.patience), command.patience == kUntilSettled);
+    IgnoreHangup();
+  }
   return command.run(request);
 }

@@ -1,13 +1,16 @@
 #include <filesystem>
 
-#include "apply/basics.h"
 #include "apply/change.h"
 #include "apply/commands.h"
-#include "apply/state.h"
 
 int Confirm(const Request&) {
   const Change pending = ReadPending();
-  if (!std::filesystem::exists(kPending + "/next"))
-    throw Fault("the change was not finished; take it back by: nubo_config_apply recover");
-  return Settle(pending);
+  if (!std::filesystem::exists(kGood)) {
+    throw Fault("the change is not whole; take it back by: nubo_config_apply recover");
+  }
+  if (pending.boot != ThisBoot() || (pending.deadline > 0 && Now() >= pending.deadline)) {
+    throw Fault("the time of the change is over; take it back by: nubo_config_apply recover");
+  }
+  Commit(pending);
+  return 0;
 }

@@ -1,15 +1,17 @@
 #include "apply/daemons.h"
 
+#include <pwd.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <optional>
 #include <thread>
-#include <vector>
 
 #include "apply/basics.h"
 #include "core/config_generator.h"
-#include "mail_check/daemons.h"
 #include "mail_check/listeners.h"
 
 namespace {
@@ -19,19 +21,18 @@ using std::chrono::seconds;
 
 constexpr const char* kMailScannerPid = "/run/MailScanner.pid";
 
-// Those that read the file.
-std::set<std::string> ReadersOf(const std::string& path) {
-  std::set<std::string> readers;
-  if (StartsWith(path, kEtc + "/MailScanner/") || StartsWith(path, kEtc + "/spamassassin/"))
-    return {"MailScanner"};
-  for (const Daemon& daemon : Daemons()) {
-    for (const std::string& begin : daemon.files) {
-      if (!StartsWith(path, begin)) continue;
-      if (!StartsWith(path, kSsl)) return {daemon.name};
-      readers.insert(daemon.name);
-    }
-  }
-  return readers;
+// The user that runs a process; -1 when it has gone. (Any process can have another owner put on its files in
+// /proc.)
+uid_t UserOf(pid_t process) {
+  const std::string status = ReadFile("/proc/" + std::to_string(process) + "/status");
+  const size_t place = status.find("\nUid:");
+  return place == std::string::npos ? static_cast<uid_t>(-1)
+                                    : static_cast<uid_t>(std::stoul(status.substr(place + 5)));
+}
+
+bool IsOwner(uid_t user, const Daemon& daemon) {
+  const passwd* account = daemon.account.empty() ? nullptr : getpwnam(daemon.account.c_str());
+  return user == 0 || (account != nullptr && account->pw_uid == user);
 }
 
 // Its processes on this machine, and not in a container or a rehearsal. While a daemon starts there may be
@@ -43,89 +44,135 @@ std::vector<pid_t> ProcessesOf(const Daemon& daemon) {
   for (const fs::directory_entry& entry : fs::directory_iterator("/proc")) {
     const std::string process = entry.path();
     const pid_t id = std::atoi(entry.path().filename().c_str());
-    if (id > 0 && fs::read_symlink(process + "/exe", gone).string().rfind(daemon.program, 0) == 0 &&
-        (ReadFile(process + "/cmdline") + ReadFile(process + "/environ")).find(daemon.configuration + '\0') !=
-            std::string::npos &&
-        fs::read_symlink(process + "/ns/pid", gone) == here) {
+    if (id > 0 && StartsWith(fs::read_symlink(process + "/exe", gone), daemon.program) &&
+        Contains(ReadFile(process + "/cmdline") + ReadFile(process + "/environ"),
+                 daemon.configuration + '\0') &&
+        IsOwner(UserOf(id), daemon) && fs::read_symlink(process + "/ns/pid", gone) == here) {
       found.push_back(id);
     }
   }
   return found;
 }
 
-// The parameters of a directory's main.cf; none when Postfix cannot read it.
-Parameters MainCf(const std::string& etc) {
+bool HasMaster() {
+  Daemon master = DaemonNamed("Postfix");
+  master.program += "sbin/master";
+  return !ProcessesOf(master).empty();
+}
+
+// True when systemd has started the daemons, and has to start them again.
+bool IsManaged() {
+  return RunProgram({"systemctl", "is-active", "--quiet", "brindlecot-mail.target"}).status == 0;
+}
+
+bool HasSystemd() { return fs::exists("/run/systemd/system"); }
+
+// The processes that listen on a port, and are the daemon's or not.
+std::vector<Owner> Holders(const std::string& port, const Daemon& daemon, bool own) {
+  const std::vector<pid_t> processes = ProcessesOf(daemon);
+  std::vector<Owner> holders;
+  for (const TcpListener& listener : TcpListeners()) {
+    if (listener.port != port) continue;
+    for (const Owner& owner : OwnersOf(listener)) {
+      if (own == (std::count(processes.begin(), processes.end(), owner.pid) != 0)) holders.push_back(owner);
+    }
+  }
+  return holders;
+}
+
+// For each process of others that listens on a port, what it is and how it is stopped.
+std::set<std::string> Foreigners(const std::string& port, const Daemon& daemon) {
+  std::set<std::string> lines;
+  for (const Owner& owner : Holders(port, daemon, false)) {
+    const std::string process = std::to_string(owner.pid);
+    const std::string group = fs::path(ReadFile("/proc/" + process + "/cgroup")).filename();
+    const size_t unit = group.find(".service");
+    lines.insert(
+        "Port " + port + " is held by " + owner.program + ", process " + process + "; stop it by: " +
+        (unit == std::string::npos ? "kill " + process : "systemctl disable --now " + group.substr(0, unit)));
+  }
+  return lines;
+}
+
+// Throws Fault.
+void StartDaemon(const Daemon& daemon) {
+  std::vector<std::string> command = daemon.start;
+  if (IsManaged()) {
+    // systemd does not start what has failed a few times in a row.
+    RunProgram({"systemctl", "reset-failed", daemon.unit});
+    command = {"systemctl", "start", daemon.unit};
+  } else if (HasSystemd()) {
+    // Otherwise systemd would end it together with the service that this program runs in.
+    command.insert(command.begin(), {"systemd-run", "--quiet", "--scope"});
+  }
+  const mode_t mask = umask(022);
+  const ProgramResult result = RunProgram(command);
+  umask(mask);
+  if (result.status != 0) throw Fault(daemon.name + " does not start: " + result.output + result.errors);
+  if (!WaitFor([&] { return IsServing(daemon); }, seconds(5))) {
+    const std::set<std::string> others = Foreigners(daemon.milterPort, daemon);
+    throw Fault(daemon.name + " does not listen. " + JoinList({others.begin(), others.end()}, ". "));
+  }
+}
+
+// MailScanner's user can write the file with the number of its process. So that process is signalled only if
+// it is this user's own, who could do it himself.
+bool ReloadMailScanner() {
+  const pid_t process = std::atoi(ReadFile(kMailScannerPid).c_str());
+  struct stat file = {};
+  if (process <= 0 || lstat(kMailScannerPid, &file) != 0 || !S_ISREG(file.st_mode)) return false;
+  const std::string place = "/proc/" + std::to_string(process);
+  return (file.st_uid == 0 || file.st_uid == UserOf(process)) &&
+         Contains(ReadFile(place + "/cmdline"), kMailScanner) && kill(process, SIGHUP) == 0;
+}
+
+// What Postfix reads at its start only. Nothing when the main.cf in the directory cannot be read.
+std::optional<std::vector<std::string>> FixedParameters(const std::string& etc) {
   try {
-    return PostfixParameters(etc);
+    Parameters mainCf = PostfixParameters(etc);
+    return std::vector{mainCf["inet_interfaces"], mainCf["inet_protocols"], mainCf["queue_directory"]};
   } catch (const Fault&) {
     return {};
   }
 }
 
-// True when systemd has started the daemons, and has to start them again.
-bool Managed() {
-  return RunProgram({"systemctl", "is-active", "--quiet", "brindlecot-mail.target"}).status == 0;
-}
-
-// Throws Fault.
-void Start(const Daemon& daemon) {
-  std::vector<std::string> command = daemon.start;
-  if (Managed()) {
-    // systemd does not start what has failed a few times in a row.
-    RunProgram({"systemctl", "reset-failed", daemon.unit});
-    command = {"systemctl", "start", daemon.unit};
-  } else if (fs::exists("/run/systemd/system")) {
-    // Otherwise systemd would end it together with the service that this program runs in.
-    command.insert(command.begin(), {"systemd-run", "--quiet", "--scope"});
-  }
-  RunOrThrow(command, daemon.name + " does not start");
-  if (!daemon.milterPort.empty() && !WaitFor([&] { return IsListening(daemon.milterPort); }, seconds(5))) {
-    throw Fault(daemon.name + " does not listen on port " + daemon.milterPort);
-  }
-}
-
-// What a dead master of Postfix has left behind is ended too: it would share the ports with the next one.
-void Stop(const Daemon& daemon) {
-  if (Managed()) RunProgram({"systemctl", "stop", daemon.unit});
-  for (const int number : {SIGTERM, SIGKILL}) {
-    for (const pid_t process : ProcessesOf(daemon)) kill(process, number);
-    if (WaitFor([&] { return ProcessesOf(daemon).empty(); }, seconds(10))) return;
-  }
-}
-
-// False when it does not run. Its file may be of an earlier boot, and the number another program's by now.
-bool ReloadMailScanner() {
-  const pid_t process = std::atoi(ReadFile(kMailScannerPid).c_str());
-  return process > 0 &&
-         ReadFile("/proc/" + std::to_string(process) + "/cmdline").find("MailScanner") != std::string::npos &&
-         kill(process, SIGHUP) == 0;
-}
-
-// Has a daemon load its files. Returns how. Throws Fault.
-std::string Load(const Daemon& daemon, const std::string& before) {
-  const auto fixed = [](const std::string& etc) {  // what Postfix reads at its start only
-    Parameters mainCf = MainCf(etc);
-    return std::vector{mainCf["inet_interfaces"], mainCf["inet_protocols"], mainCf["queue_directory"]};
-  };
-  Daemon master = daemon;
-  master.program += "sbin/master";
-  const bool postfix = daemon.name == "Postfix";
-  const bool reload = postfix && fixed(before) == fixed(kEtc) && !ProcessesOf(master).empty();
+std::string LoadPostfix(const Daemon& postfix, const std::vector<std::string>& earlier) {
+  CheckFiles(postfix);
+  const auto now = FixedParameters(kEtc);
+  const bool reload = HasMaster() && std::all_of(earlier.begin(), earlier.end(), [&](const std::string& etc) {
+                        const auto then = FixedParameters(etc);
+                        return !then || then == now;
+                      });
   if (reload) {
     RunOrThrow({"postfix", "-c", kEtc, "reload"}, "Postfix does not take the new files");
   } else {
-    Stop(daemon);
-    Start(daemon);
+    RestartDaemon(postfix);
   }
-  if (postfix) {
-    // A master that cannot go on says so to nobody, and ends after a second.
-    std::this_thread::sleep_for(seconds(2));
-    if (ProcessesOf(master).empty()) throw Fault("Postfix has ended on the new files");
-  }
-  return reload ? " reloaded" : " restarted";
+  // A master that cannot go on says so to nobody, and ends after a second.
+  std::this_thread::sleep_for(seconds(2));
+  if (!HasMaster()) throw Fault("Postfix has ended on the new files");
+  return reload ? "reloaded" : "restarted";
 }
 
 }  // namespace
+
+std::set<std::string> ReadersOf(const std::set<std::string>& paths) {
+  std::set<std::string> readers;
+  for (const std::string& path : paths) {
+    if (StartsWith(path, kEtc + "/MailScanner/") || StartsWith(path, kEtc + "/spamassassin/")) {
+      readers.insert(kMailScanner);
+      continue;
+    }
+    for (const Daemon& daemon : Daemons()) {
+      if (!std::any_of(daemon.files.begin(), daemon.files.end(),
+                       [&](const std::string& begin) { return StartsWith(path, begin); }))
+        continue;
+      readers.insert(daemon.name);
+      if (!StartsWith(path, kSsl)) break;  // of E's files, the first daemon's
+    }
+  }
+  return readers;
+}
 
 std::set<std::string> RunningDaemons() {
   std::set<std::string> running;
@@ -135,44 +182,71 @@ std::set<std::string> RunningDaemons() {
   return running;
 }
 
-std::list<std::string> Follow(const std::set<std::string>& changed, const std::string& before) {
-  std::set<std::string> concerned;
-  for (const std::string& path : changed) concerned.merge(ReadersOf(path));
-  const std::set<std::string> running = RunningDaemons();
-  const Parameters mainCf = MainCf(kEtc);
-  const Parameters earlier = MainCf(before);
-  std::list<std::string> done;
-  for (const Daemon& daemon : Daemons()) {
-    const bool load = running.count(daemon.name) != 0
-                          ? concerned.count(daemon.name) != 0
-                          : running.count("Postfix") != 0 && !IsWanted(daemon, earlier);
-    if (load && IsWanted(daemon, mainCf)) done.push_back(daemon.name + Load(daemon, before));
-  }
-  if (concerned.count("MailScanner") != 0 && ReloadMailScanner()) done.emplace_back("MailScanner reloaded");
-  for (const Daemon& daemon : Daemons()) {
-    if (running.count(daemon.name) == 0 || IsWanted(daemon, mainCf)) continue;
-    Stop(daemon);
-    done.push_back(daemon.name + " stopped");
-  }
-  return done;
+bool IsServing(const Daemon& daemon) {
+  if (daemon.name == "Postfix") return HasMaster();
+  return daemon.milterPort.empty() ? !ProcessesOf(daemon).empty()
+                                   : !Holders(daemon.milterPort, daemon, true).empty();
 }
 
-void StartAnew(const std::set<std::string>& wanted) {
-  ReloadMailScanner();
-  std::for_each(Daemons().rbegin(), Daemons().rend(), Stop);
-  std::list<std::string> failed;
-  for (const Daemon& daemon : Daemons()) {
-    if (wanted.count(daemon.name) == 0) continue;
-    for (int triesLeft = 2; triesLeft > 0; --triesLeft) {
-      try {
-        Start(daemon);
-        break;
-      } catch (const Fault& fault) {
-        // A change that was killed may have left a start behind, which has come first.
-        Stop(daemon);
-        if (triesLeft == 1) failed.emplace_back(fault.what());
-      }
+std::set<std::string> WantedMilters(const std::string& etc) {
+  std::set<std::string> wanted;
+  try {
+    const Parameters mainCf = PostfixParameters(etc);
+    for (const Daemon& daemon : Daemons()) {
+      if (!daemon.milterPort.empty() && IsWanted(daemon, mainCf)) wanted.insert(daemon.name);
     }
+  } catch (const Fault&) {
   }
-  if (!failed.empty()) throw Fault(JoinList(failed, "; "));
+  return wanted;
+}
+
+void CheckFiles(const Daemon& daemon) {
+  RunOrThrow(daemon.check, "the files of " + daemon.name + " are not good");
+}
+
+std::string LoadFiles(const std::string& name, const std::vector<std::string>& earlier) {
+  if (name == kMailScanner) return ReloadMailScanner() ? "reloaded" : "not running";
+  const Daemon& daemon = DaemonNamed(name);
+  if (name == "Postfix") return LoadPostfix(daemon, earlier);
+  RestartDaemon(daemon);
+  return "restarted";
+}
+
+void RestartDaemon(const Daemon& daemon) {
+  CheckFiles(daemon);
+  StopDaemon(daemon);
+  StartDaemon(daemon);
+}
+
+void StopDaemon(const Daemon& daemon) {
+  if (IsManaged()) RunProgram({"systemctl", "stop", daemon.unit});
+  for (const int number : {SIGTERM, SIGKILL}) {
+    for (const pid_t process : ProcessesOf(daemon)) kill(process, number);
+    if (WaitFor([&] { return ProcessesOf(daemon).empty(); }, seconds(10))) return;
+  }
+}
+
+std::string StartCommand(const Daemon& daemon) {
+  return IsManaged() ? "systemctl start " + daemon.unit
+                     : JoinList({daemon.start.begin(), daemon.start.end()}, " ");
+}
+
+std::set<std::string> FirstSteps() {
+  std::set<std::string> steps;
+  for (const std::string& line : Lines(ReadFile(kEtc + "/master.cf"))) {
+    const std::vector<std::string> words = Words(line);
+    if (words.size() > 7 && words[1] == "inet") steps.merge(Foreigners(words[0], DaemonNamed("Postfix")));
+  }
+  const std::vector<std::string> listeners = Words(ReadFile(kEtc + "/dovecot/conf.d/10-master.conf"));
+  for (size_t i = 2; i < listeners.size(); ++i) {
+    if (listeners[i - 2] == "port") steps.merge(Foreigners(listeners[i], DaemonNamed("Dovecot")));
+  }
+  if (HasSystemd()) {
+    steps.insert("Start the daemons now and with the machine: systemctl enable --now brindlecot-mail.target");
+    return steps;
+  }
+  for (const Daemon& daemon : Daemons()) {
+    if (daemon.milterPort.empty()) steps.insert("Start " + daemon.name + ": " + StartCommand(daemon));
+  }
+  return steps;
 }

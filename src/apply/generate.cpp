@@ -1,13 +1,12 @@
 #include "apply/generate.h"
 
-#include <iostream>
-#include <list>
-#include <sstream>
+#include <json/json.h>
 
-#include "apply/basics.h"
-#include "apply/change.h"
-#include "apply/state.h"
+#include <iostream>
+#include <memory>
+
 #include "core/config_generator.h"
+#include "mail_check/configuration.h"
 
 namespace {
 
@@ -15,36 +14,61 @@ const std::string kBin = "/var/packages/Brindlecot/target/bin/";
 
 }  // namespace
 
-ProgramResult Preview(const std::vector<std::string>& words) {
-  std::vector<std::string> command = {kBin + "nubo_config_preview"};
+Preview RunPreview(const std::vector<std::string>& words) {
+  std::vector<std::string> command = {kBin + "nubo_config_preview", "--json"};
   if (words.size() == 1) command.push_back(words[0]);
-  ProgramResult preview;
+  ProgramResult result;
   {
     const Step step("Preview and rehearsal");
-    preview = RunProgram(command);
+    result = RunProgram(command);
   }
-  preview.output += preview.errors;
-  if (preview.status == 0 || preview.status == 1) return preview;
-  std::cout << preview.output << std::flush;
-  throw Refused("refused by the preview; nothing was touched");
+  Json::Value said;
+  std::string fault;
+  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  if (!reader->parse(result.output.data(), result.output.data() + result.output.size(), &said, &fault)) {
+    throw Fault("the preview failed: " + result.errors);
+  }
+  if (result.status != 0 && result.status != 1) {
+    std::cout << said["report"].asString() << std::flush;
+    throw Fault("refused by the preview");
+  }
+  Preview preview = {result.status == 1, said["report"].asString(), {}};
+  for (const Json::Value& file : said["files"]) preview.files.insert(file["path"].asString());
+  return preview;
 }
 
-void Generate(const std::vector<std::string>& words, const std::string& shown) {
+std::set<std::string> DaemonsOf(const std::vector<std::string>& words) {
+  std::set<std::string> daemons;
+  for (const std::string& word : words) {
+    if (word == "dovecot") {
+      daemons.insert("Dovecot");
+    } else if (word == "mailscanner") {
+      daemons.insert("MailScanner");
+    } else {
+      daemons.insert("Postfix");
+    }
+    if (word == "smtp") daemons.insert({"OpenDKIM", "OpenDMARC"});
+  }
+  return daemons;
+}
+
+void Generate(const std::vector<std::string>& words, const Preview& preview) {
   const Step step("The files are written");
+  SavePlan(preview.files);
   for (const std::string& word : words) {
     // In a session of its own: Ctrl-C would end it, and not the compiler of tables that it runs.
     RunOrThrow({"setsid", "--wait", "flock", kRunLock, kBin + "nubo_set_config", word},
                "nubo_set_config " + word + " failed, see the system log");
   }
-  const Paths written = Differing(Kind::kOutput, kPending);
+  const Paths edited = Differing(FileKind::kInput, kTried + ".new");
+  if (!edited.empty()) {
+    throw Fault("edited while the files were written: " + JoinList({edited.begin(), edited.end()}, ", "));
+  }
+  const Paths written = Differing(FileKind::kOutput, kPending);
   if (written.count(kEtc + "/main.cf") != 0) SkipSettleTime(kEtc + "/main.cf");
   std::list<std::string> unwritten;
-  std::istringstream lines(shown);
-  for (std::string line; std::getline(lines, line);) {
-    const std::string path = line.substr(0, line.find(": "));
-    // Other lines begin with the command of a checker, which may be a path, too.
-    const bool file = StartsWith(path, kEtc + "/") || StartsWith(path, "/usr/nubo/");
-    if (file && written.count(path) == 0) unwritten.push_back(path);
+  for (const std::string& path : preview.files) {
+    if (written.count(path) == 0) unwritten.push_back(path);
   }
   if (!unwritten.empty()) throw Fault("not written, see the system log: " + JoinList(unwritten, ", "));
 }

@@ -1,15 +1,26 @@
 /// Runs the preview and nubo_set_config for a change.
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
-#include "system/program.h"
+#include "apply/change.h"
 
-/// What the preview shows. Throws Refused (change.h), and prints it, unless the change can be tried. Nothing
-/// would change when the status is 0.
-ProgramResult Preview(const std::vector<std::string>& words);
+/// What nubo_config_preview says.
+struct Preview {
+  bool changes = false;  ///< something would change
+  std::string report;    ///< for people
+  Paths files;           ///< that would change
+};
 
-/// Runs nubo_set_config. Throws Fault when a run fails, or when a file is still what it was that the preview
-/// has named. (The exit status of "nubo_set_config smtp" does not tell.)
-void Generate(const std::vector<std::string>& words, const std::string& shown);
+/// Runs the preview, with its rehearsal. Throws Fault, and prints the report, when the settings are refused.
+Preview RunPreview(const std::vector<std::string>& words);
+
+/// The daemons whose files these words of nubo_set_config write.
+std::set<std::string> DaemonsOf(const std::vector<std::string>& words);
+
+/// Runs nubo_set_config for the pending change, after SaveTriedInputs. Throws Fault when a run fails, when
+/// somebody changes the settings meanwhile, or when a file that the preview listed did not change. (The exit
+/// status of "nubo_set_config smtp" does not tell.)
+void Generate(const std::vector<std::string>& words, const Preview& preview);

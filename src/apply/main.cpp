@@ -55,7 +55,7 @@ int main(int argc, char* argv[]) {
   clearenv();
   setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);
   setenv("LC_ALL", "C", 1);
-  umask(022);
+  umask(077);  // the relay password is in files that nubo_set_config makes and removes
   openlog("nubo_config_apply", 0, LOG_MAIL);
   try {
     return RunCommandLine({argv + optind, argv + argc}, request);

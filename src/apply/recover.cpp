@@ -1,10 +1,8 @@
 #include <filesystem>
 #include <iostream>
 
-#include "apply/basics.h"
 #include "apply/change.h"
 #include "apply/commands.h"
-#include "apply/state.h"
 
 int Recover(const Request&) {
   if (!IsPending()) {
@@ -13,8 +11,7 @@ int Recover(const Request&) {
   }
   const Change pending = ReadPending();
   if (States().count(pending.base + 1) == 0) {
-    const bool finished = std::filesystem::exists(kPending + "/next");
-    return GoBack(pending, finished ? "it was not confirmed" : "it was not finished");
+    return RollBack(pending, std::filesystem::exists(kGood) ? "it was not confirmed" : "it was not finished");
   }
   EndPending();  // it was killed before it could say so
   std::cout << "The change was confirmed." << std::endl;

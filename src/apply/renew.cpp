@@ -4,16 +4,23 @@
 #include <cstring>
 #include <filesystem>
 
-#include "apply/basics.h"
 #include "apply/change.h"
 #include "apply/commands.h"
-#include "apply/state.h"
+#include "apply/daemons.h"
+
+namespace fs = std::filesystem;
 
 int Renew(const Request& request) {
   const std::string& certificate = request.arguments[0];
   const std::string& key = request.arguments[1];
   for (const std::string& file : request.arguments) {
     if (access(file.c_str(), R_OK) != 0) throw Fault(file + ": " + std::strerror(errno));
+  }
+  for (const char* name : {"/server.crt", "/server.key"}) {
+    if (!fs::is_symlink(kSsl + name)) continue;
+    throw Fault(kSsl + name +
+                " is a link, and would be replaced. Put a copy of the file in its place, or have the " +
+                "daemons load what it leads to");
   }
   RunOrThrow({"openssl", "x509", "-in", certificate, "-noout", "-checkend", "0"},
              certificate + " is no valid certificate, or has expired");
@@ -23,14 +30,18 @@ int Renew(const Request& request) {
                  key + " is no private key without a password")) {
     throw Fault(key + " is not the key of " + certificate);
   }
-  return BringAbout(Begin("nubo_config_apply renew", request), Sort::kRenew, 0, [&] {
+  // A new certificate would take a daemon down whose files are being edited.
+  const Change change = Begin("nubo_config_apply renew", request, {});
+  for (const std::string& name : ReadersOf({kSsl})) {
+    if (change.running.count(name) != 0) CheckFiles(DaemonNamed(name));
+  }
+  return RunChange(change, ChangeKind::kRenew, 0, [&] {
     const Step step("The certificate is put in place");
     const std::string fresh = kPending + "/ssl.new";
-    RunOrThrow({"cp", "-aT", kSsl, fresh}, "cannot copy " + kSsl);
+    RunOrThrow({"cp", "-aT", fs::canonical(kSsl), fresh}, "cannot copy " + kSsl);
     const auto put = [&](const std::string& name, const std::string& source, int mode) {
-      std::filesystem::remove(fresh + name);  // may be a link
       WriteFile(fresh + name, ReadFile(source));
-      std::filesystem::permissions(fresh + name, std::filesystem::perms(mode));
+      fs::permissions(fresh + name, fs::perms(mode));
     };
     put("/server.crt", certificate, 0644);
     put("/server.key", key, 0600);

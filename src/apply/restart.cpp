@@ -1,11 +1,23 @@
+#include "apply/basics.h"
 #include "apply/commands.h"
 #include "apply/daemons.h"
 #include "apply/state.h"
+#include "core/config_generator.h"
 
 int Restart(const Request&) {
   // A machine on which none runs needs no states.
-  if (RunningDaemons().empty()) return 0;
+  const std::set<std::string> running = RunningDaemons();
+  if (running.empty()) return 0;
   LockStates(std::chrono::seconds(60), false);
-  StartAnew(RunningDaemons());
+  std::list<std::string> failed;
+  for (const Daemon& daemon : Daemons()) {
+    if (running.count(daemon.name) == 0) continue;
+    try {
+      RestartDaemon(daemon);
+    } catch (const Fault& fault) {
+      failed.emplace_back(fault.what());
+    }
+  }
+  if (!failed.empty()) throw Fault(JoinList(failed, "; "));
   return 0;
 }

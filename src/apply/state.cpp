@@ -3,12 +3,16 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <list>
+#include <regex>
+#include <vector>
 
 #include "apply/basics.h"
 #include "core/config_generator.h"
@@ -31,53 +35,67 @@ constexpr const char* kInputs[] = {
     "/var/packages/Brindlecot/target/etc/template/header_checks.template",
 };
 
-std::string Folder(Kind kind, const std::string& tree) {
-  return tree == kLive ? "" : tree + (kind == Kind::kInput ? "/in" : "/out");
+std::string Folder(FileKind kind, const std::string& tree) {
+  return tree == kLive ? "" : tree + (kind == FileKind::kInput ? "/in" : "/out");
 }
 
-// The regular files at and below `top` in a folder, without the folder's name.
-Paths FilesAt(const std::string& folder, const std::string& top) {
+// The path of the file that a temporary name belongs to: six letters and digits follow it, as mkstemp(3)
+// makes them, or a directory of such a name in which a table is compiled. Empty for other names, such as
+// main.cfbackup.
+std::string FileOfTemporary(const std::string& path) {
+  static const std::regex name(R"((.*?)\.?(?=[^/]*[A-Z])(?=[^/]*[a-z0-9])[A-Za-z0-9]{6}(/[^/]+)?)");
+  std::smatch match;
+  return std::regex_match(path, match, name) ? match[1].str() : "";
+}
+
+bool IsTemporary(const std::string& folder, const std::string& path) {
+  const std::string file = FileOfTemporary(path);
+  return !file.empty() && fs::is_regular_file(folder + file);
+}
+
+// Calls `add` for a file, or for all below a directory. Links to directories are followed. What goes away
+// meanwhile was somebody else's.
+void Walk(const fs::path& path, const std::function<void(const fs::path&)>& add) {
+  std::error_code gone;
+  if (!fs::is_directory(path, gone)) return add(path);
+  for (const fs::directory_entry& entry : fs::directory_iterator(path, gone)) Walk(entry.path(), add);
+}
+
+// The files at and below `top` in a folder, without the folder's name.
+Paths FilesAt(const std::string& folder, const std::string& top, bool followed) {
   Paths found;
-  const auto add = [&](const std::string& path) {
-    if (fs::is_regular_file(fs::symlink_status(path))) found.insert(path.substr(folder.size()));
-  };
-  add(folder + top);
-  std::error_code noDirectory;
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder + top, noDirectory)) {
-    add(entry.path());
-  }
+  Walk(folder + top, [&](const fs::path& path) {
+    std::error_code gone;
+    const bool file = fs::is_regular_file(path, gone);
+    const bool link = fs::is_symlink(path, gone);
+    if (followed && link && !fs::exists(path, gone)) {
+      throw Fault(path.string() + " is a link to nothing: remove it, or make the file that it leads to");
+    }
+    if (file || link) found.insert(path.string().substr(folder.size()));
+  });
   return found;
 }
 
-Paths Files(Kind kind, const std::string& tree) {
-  const std::string folder = Folder(kind, tree);
-  Paths inputs;
-  for (const char* input : kInputs) inputs.merge(FilesAt(folder, input));
-  if (kind == Kind::kInput) return inputs;
-  Paths all = FilesAt(folder, kEtc);
-  all.merge(FilesAt(folder, kPamConfig));
-  Paths outputs;
-  for (const std::string& path : all) {
-    if (inputs.count(path) == 0 && path.rfind(kTemplates, 0) != 0) outputs.insert(path);
-  }
-  return outputs;
+// By a hard link if both are on one file system, else a copy with mode, owner and time.
+void LinkOrCopy(const std::string& source, const std::string& target) {
+  fs::create_directories(fs::path(target).parent_path());
+  fs::remove(target);
+  if (link(source.c_str(), target.c_str()) == 0) return;
+  RunOrThrow({"cp", "-aT", source, target}, "not copied");
 }
 
-bool Same(const std::string& one, const std::string& other) {
-  struct stat a = {};
-  struct stat b = {};
-  return lstat(one.c_str(), &a) == 0 && lstat(other.c_str(), &b) == 0 && a.st_size == b.st_size &&
-         a.st_mode == b.st_mode && a.st_uid == b.st_uid && a.st_gid == b.st_gid &&
-         ReadFile(one) == ReadFile(other);
-}
-
-// With mode, owner and time, by a rename.
-void Copy(const std::string& source, const std::string& target) {
+// Replaces an installed file by one rename.
+void Replace(const std::string& source, const std::string& target, bool byLink) {
   const std::string temp = target + ".apply";
   try {
     fs::create_directories(fs::path(target).parent_path());
-    RunOrThrow({"cp", "-aT", source, temp}, "not copied");
-    Sync({temp});
+    fs::remove(temp);
+    if (byLink) {
+      LinkOrCopy(source, temp);
+    } else {
+      RunOrThrow({"cp", "-aT", source, temp}, "not copied");
+    }
+    if (!fs::is_symlink(temp)) Sync({temp});
     fs::rename(temp, target);
   } catch (const std::exception&) {
     fs::remove(temp);
@@ -85,11 +103,18 @@ void Copy(const std::string& source, const std::string& target) {
   }
 }
 
+// Where an installed file of the kind is written. Throws Fault when it must go, and is a link.
+std::string TargetOf(FileKind kind, const std::string& path, bool wanted) {
+  if (kind == FileKind::kOutput || !fs::is_symlink(path)) return path;
+  if (!wanted) throw Fault(path + " is a link, and the state has no such file: remove the link first");
+  return fs::canonical(path);
+}
+
 }  // namespace
 
 void LockStates(std::chrono::seconds patience, bool settled) {
-  fs::create_directories(fs::path(kStates).parent_path());
-  mkdir(kStates.c_str(), 0700);
+  fs::create_directories(kStates);
+  fs::permissions(kStates, fs::perms::owner_all);
   const int file = open((kStates + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (file < 0) throw Fault("cannot lock " + kStates + ": " + std::strerror(errno));
   const auto lock = [&] {
@@ -117,54 +142,129 @@ std::set<int> States() {
   return numbers;
 }
 
-bool Holds(const std::string& tree, Kind kind) { return fs::exists(Folder(kind, tree)); }
+bool HasFiles(const std::string& tree, FileKind kind) { return fs::exists(Folder(kind, tree)); }
 
-Paths Differing(Kind kind, const std::string& tree, const std::string& other) {
+std::string PlaceOf(FileKind kind, const std::string& tree, const std::string& path) {
+  return Folder(kind, tree) + path;
+}
+
+Paths Files(FileKind kind, const std::string& tree) {
+  const std::string folder = Folder(kind, tree);
+  const bool followed = kind == FileKind::kInput;
+  Paths inputs;
+  for (const char* input : kInputs) inputs.merge(FilesAt(folder, input, followed));
+  if (followed) return inputs;
+  Paths all = FilesAt(folder, kEtc, followed);
+  all.merge(FilesAt(folder, kPamConfig, followed));
+  Paths outputs;
+  for (const std::string& path : all) {
+    if (inputs.count(path) == 0 && !StartsWith(path, kTemplates) && !IsTemporary(folder, path)) {
+      outputs.insert(path);
+    }
+  }
+  return outputs;
+}
+
+bool IsSame(FileKind kind, const std::string& path, const std::string& tree, const std::string& other) {
+  const auto look = kind == FileKind::kInput ? stat : lstat;
+  const std::string one = PlaceOf(kind, tree, path);
+  const std::string two = PlaceOf(kind, other, path);
+  struct stat a = {};
+  struct stat b = {};
+  const bool first = look(one.c_str(), &a) == 0;
+  const bool second = look(two.c_str(), &b) == 0;
+  if (!first || !second) return first == second;
+  if (a.st_size != b.st_size || a.st_mode != b.st_mode || a.st_uid != b.st_uid || a.st_gid != b.st_gid) {
+    return false;
+  }
+  return S_ISLNK(a.st_mode) ? fs::read_symlink(one) == fs::read_symlink(two) : ReadFile(one) == ReadFile(two);
+}
+
+Paths Differing(FileKind kind, const std::string& tree, const std::string& other) {
   Paths all = Files(kind, tree);
   all.merge(Files(kind, other));
   Paths differing;
   for (const std::string& path : all) {
-    if (!Same(Folder(kind, tree) + path, Folder(kind, other) + path)) differing.insert(path);
+    if (!IsSame(kind, path, tree, other)) differing.insert(path);
   }
   return differing;
 }
 
-void Mirror(Kind kind, const std::string& from, const std::string& to) {
-  const Paths wanted = Files(kind, from);
+void SaveFiles(FileKind kind, const std::string& tree, const std::string& earlier) {
+  const std::string folder = Folder(kind, tree);
+  fs::create_directories(folder);
+  std::vector<std::string> copied;
+  for (const std::string& path : Files(kind, kLive)) {
+    if (earlier != kLive && IsSame(kind, path, earlier)) {
+      LinkOrCopy(PlaceOf(kind, earlier, path), folder + path);
+    } else {
+      copied.push_back(path);
+    }
+  }
+  if (copied.empty()) return;
+  std::vector<std::string> command = {"cp", kind == FileKind::kInput ? "-aL" : "-a", "--parents", "-t",
+                                      folder};
+  command.insert(command.end(), copied.begin(), copied.end());
+  const ProgramResult result = RunProgram(command);
+  for (const std::string& path : copied) {  // one that has gone meanwhile was somebody else's
+    if (!fs::exists(fs::symlink_status(folder + path)) && fs::exists(path)) throw Fault(result.errors);
+  }
+}
+
+void RestoreFiles(FileKind kind, const Paths& paths, const std::string& tree) {
   Paths changed;
   std::list<std::string> failed;
-  for (const std::string& path : Differing(kind, from, to)) {
-    const std::string target = Folder(kind, to) + path;
+  for (const std::string& path : paths) {
+    if (IsSame(kind, path, tree)) continue;
+    const std::string source = PlaceOf(kind, tree, path);
+    const bool wanted = fs::exists(fs::symlink_status(source));
     try {
-      if (wanted.count(path) != 0) {
-        Copy(Folder(kind, from) + path, target);
-      } else {
-        fs::remove(target);
-      }
+      const std::string target = TargetOf(kind, path, wanted);
+      wanted ? Replace(source, target, tree == kPending) : (void)fs::remove(target);
       changed.insert(target);
     } catch (const std::exception& error) {
       failed.emplace_back(error.what());
     }
   }
-  Sync(changed);
+  try {
+    Sync(changed);
+  } catch (const std::exception& error) {
+    failed.emplace_back(error.what());
+  }
   if (!failed.empty()) throw Fault(JoinList(failed, "; "));
 }
 
-void LinkTree(const std::string& from, const std::string& to) {
-  fs::copy(from, to, fs::copy_options::recursive | fs::copy_options::create_hard_links);
+void SetAside(FileKind kind, const Paths& paths, const std::string& tree) {
+  for (const std::string& path : paths) {
+    if (fs::exists(path)) LinkOrCopy(path, PlaceOf(kind, tree, path));
+  }
 }
 
-void Keep(Kind kind, const std::string& tree, const std::string& earlier) {
-  const std::string folder = Folder(kind, tree);
-  fs::create_directories(folder);
-  if (Holds(earlier, kind)) LinkTree(Folder(kind, earlier), folder);
-  Mirror(kind, kLive, tree);
+void RemoveLeftovers(const std::string& since) {
+  struct stat begin = {};
+  stat(since.c_str(), &begin);
+  for (const std::string& path : FilesAt("", kEtc, false)) {
+    struct stat status = {};
+    if (!IsTemporary("", path) || lstat(path.c_str(), &status) != 0 || status.st_ctime < begin.st_mtime)
+      continue;
+    fs::remove(path);
+    const fs::path directory = fs::path(path).parent_path();
+    std::error_code notEmpty;
+    if (directory != fs::path(FileOfTemporary(path)).parent_path()) fs::remove(directory, notEmpty);
+  }
+}
+
+void ReserveRoom(const std::string& path, off_t bytes) {
+  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  const int error = file < 0 ? errno : posix_fallocate(file, 0, bytes);
+  close(file);
+  if (error != 0) throw Fault("no room on the disk for going back: " + std::string(std::strerror(error)));
 }
 
 void Install(const std::string& directory, const std::string& name) {
   Paths all = {directory};
   for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
-    all.insert(entry.path());
+    if (!entry.is_symlink()) all.insert(entry.path());
   }
   Sync(all);
   const unsigned how = fs::exists(name) ? RENAME_EXCHANGE : 0;

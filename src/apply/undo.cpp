@@ -1,8 +1,6 @@
-#include "apply/basics.h"
 #include "apply/change.h"
 #include "apply/commands.h"
 #include "apply/generate.h"
-#include "apply/state.h"
 #include "core/commands.h"
 
 int Undo(const Request& request) {
@@ -11,24 +9,24 @@ int Undo(const Request& request) {
   if (state == 0 && states.size() > 1) state = *std::next(states.rbegin());
   if (states.count(state) == 0) throw Fault("there is no such state, see: nubo_config_apply history");
   const std::string tree = StateDirectory(state);
-  const Change change = Begin("nubo_config_apply undo " + std::to_string(state), request);
-  if (!Holds(tree, Kind::kInput)) {
-    return BringAbout(change, Sort::kAsFound, request.minutes, [&] {
+  const std::vector<std::string> words = CommandWords();
+  Change change = Begin("nubo_config_apply undo " + std::to_string(state), request, DaemonsOf(words));
+  if (!HasFiles(tree, FileKind::kInput)) {
+    return RunChange(change, ChangeKind::kAsFound, request.minutes, [&] {
       const Step step("The files are put back");
-      Mirror(Kind::kOutput, tree, kLive);
+      Paths paths = Files(FileKind::kOutput, tree);
+      paths.merge(Files(FileKind::kOutput, StateDirectory(change.base)));
+      SavePlan(paths);
+      RestoreFiles(FileKind::kOutput, paths, tree);
       return "The files of state " + std::to_string(state) + ".\n";
     });
   }
-  return BringAbout(change, Sort::kUndo, request.minutes, [&] {
-    Mirror(Kind::kInput, tree, kLive);
-    ProgramResult preview;
-    try {
-      preview = Preview(CommandWords());
-    } catch (const Refused&) {
-      Mirror(Kind::kInput, kPending, kLive);
-      throw;
-    }
-    Generate(CommandWords(), preview.output);
-    return preview.output;
+  change.source = state;
+  return RunChange(change, ChangeKind::kUndo, request.minutes, [&] {
+    ReplaceInputs(change);
+    SaveTriedInputs(change);
+    const Preview preview = RunPreview(words);
+    Generate(words, preview);
+    return preview.report;
   });
 }

@@ -32,7 +32,7 @@ const std::vector<Daemon>& Daemons() {
       {"Dovecot", "brindlecot-dovecot", "/usr/sbin/dovecot", dovecot,
        {kSbin + "/dovecot"}, {kSbin + "/doveconf", "-n"}, "", "", {kEtc + "/dovecot/", kSsl}},
       {"Postfix", "brindlecot-postfix", "/usr/lib/postfix/", kEtc,
-       {"postfix", "-c", kEtc, "start"}, {"postfix", "-c", kEtc, "check"}, "", "", {kEtc + "/", kSsl}}};
+       {"postfix", "-c", kEtc, "start"}, {"postfix", "-c", kEtc, "check"}, "", "postfix", {kEtc + "/", kSsl}}};
   return daemons;
 }
 // clang-format on
