@@ -55,14 +55,14 @@ void AddPostfix(std::vector<Certificate>& found, Parameters& mainCf) {
   }
 }
 
-// "ssl_cert = </path" of Dovecot 2.3, "ssl_server_cert_file = /path" of 2.4; also in a block for one name.
+// "ssl_cert = </path" of Dovecot 2.3, "cert_file = /path" in a block of 2.4; also in a block for one name.
 // The key comes after it.
 void AddDovecot(std::vector<Certificate>& found) {
   std::vector<std::string> command = DaemonNamed("Dovecot").check;
   command.emplace_back("-P");
   const std::string text = RunProgram(command).output;
   if (std::regex_search(text, std::regex("(^|\n)ssl = no"))) return;
-  const std::regex form("(?:^|\n) *ssl_(?:server_)?(cert|key)(?:_file)? = \"?<?([^\n\"]*)");
+  const std::regex form("(?:^|\n) *(?:ssl_)?(?:server_)?(cert|key)(?:_file)? = \"?<?([^\n\"]*)");
   std::string certificate;
   for (std::sregex_iterator line(text.begin(), text.end(), form), end; line != end; ++line) {
     if ((*line)[1] == "cert") {

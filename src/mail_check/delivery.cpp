@@ -163,8 +163,8 @@ bool Delivery::IsHere(const std::string& line) const {
 }
 
 void Delivery::FindInInbox(Message& message) const {
-  const ProgramResult found = RunProgram({"doveadm", "-c", DaemonNamed("Dovecot").configuration, "mailbox",
-                                          "status", "-u", message.user, "messages", "INBOX"});
+  const ProgramResult found =
+      RunProgram({kSbin + "/doveadm", "mailbox", "status", "-u", message.user, "messages", "INBOX"});
   if (found.status == 0 && !Contains(found.output, "messages=0")) return;
   message.seen.state = MailObservation::kBad;
   message.seen.detail = found.status == 0

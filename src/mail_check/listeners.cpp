@@ -26,6 +26,15 @@ std::string AddressOf(const std::string& hex) {
   return text;
 }
 
+// Path of its executable, as the process itself sees it. From another mount namespace, the path of one in a
+// chroot begins with its root.
+std::string ProgramOf(const fs::path& process) {
+  std::error_code gone;
+  const std::string program = fs::read_symlink(process / "exe", gone);
+  const std::string root = fs::read_symlink(process / "root", gone);
+  return root.size() > 1 && StartsWith(program, root + "/") ? program.substr(root.size()) : program;
+}
+
 // True for a socket that root, or the daemon's own account, has made.
 bool IsTrusted(uid_t uid, const std::string& account) {
   if (uid == 0) return true;
@@ -64,7 +73,7 @@ std::vector<Owner> OwnersOf(const TcpListener& listener) {
     });
     struct stat status = {};
     if (!open || stat(process.path().c_str(), &status) != 0) continue;
-    owners.push_back({pid, status.st_uid, fs::read_symlink(process.path() / "exe", gone)});
+    owners.push_back({pid, status.st_uid, ProgramOf(process.path())});
   }
   return owners;
 }
