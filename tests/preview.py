@@ -41,7 +41,7 @@ class Case(typing.NamedTuple):
     scanner: dict = {}
     files: dict = {}
     word: tuple = ("smtp",)
-    says: str = ""
+    says: str = "."
 
 
 def main_cf(says, text):
@@ -75,7 +75,7 @@ FAULTS = {
     "nobody checks passwords": Case(
         TLS, says="fatal: no SASL authentication mechanisms",
         files={DOVECOT: lambda text: text.replace("private/auth ", "private/other ")}),
-    "a filter that does not run": main_cf("message from this machine: ref", "content_filter = smtp:[127.0.0.1]:10026\n"),
+    "a filter that does not run": main_cf("from this machine: refused", "content_filter = smtp:[127.0.0.1]:10026\n"),
     "another machine's address": main_cf("no local interface found for 203.0.113.5", "inet_interfaces = 203.0.113.5\n"),
     "a misspelt setting of Dovecot": Case(
         HOST, files={DOVECOT_CUSTOM: "mail_locatoin = maildir:~/M\n"}, word=("dovecot",),
@@ -102,12 +102,12 @@ GOOD = {
     "accounts of a Windows domain": Case({**HOST, "account_type": "win", "win_domain_short_name": "CORP"}),
     "messages of any size": Case({"message_limit": 0}),
     "no relaying for the network": Case({**HOST, "smtp_ignore_lan_auth": True}),
-    "the network is trusted": main_cf("", "mynetworks = 127.0.0.0/8, [::1]/128, 192.168.0.0/16\n"),
-    "addresses in brackets are refused": main_cf("", "smtpd_helo_restrictions = check_helo_access regexp:/etc/helo\n"),
-    "a policy service": main_cf("", "smtpd_client_restrictions = check_policy_service unix:/run/policy/socket\n"),
-    "another milter": main_cf("", "smtpd_milters = inet:localhost:8899\nnon_smtpd_milters = inet:localhost:8899\n"),
+    "the network is trusted": main_cf(".", "mynetworks = 127.0.0.0/8, [::1]/128, 192.168.0.0/16\n"),
+    "addresses in brackets are refused": main_cf(".", "smtpd_helo_restrictions = check_helo_access regexp:/etc/helo\n"),
+    "a policy service": main_cf(".", "smtpd_client_restrictions = check_policy_service unix:/run/policy/socket\n"),
+    "another milter": main_cf(".", "smtpd_milters = inet:localhost:8899\nnon_smtpd_milters = inet:localhost:8899\n"),
     "a filter": main_cf("message from this machine: not asked", "content_filter = smtp:[127.0.0.1]:8899\n"),
-    "a log elsewhere": main_cf("", "maillog_file = /srv/log/mail\nmaillog_file_prefixes = /srv\n"),
+    "a log elsewhere": main_cf(".", "maillog_file = /srv/log/mail\nmaillog_file_prefixes = /srv\n"),
     "mail elsewhere": Case(
         HOST, word=(), files={CUSTOM: "home_mailbox =\nmail_spool_directory = /srv/mail/\n",
                               DOVECOT_CUSTOM: "mail_location = maildir:/srv/mail/%u\n"}),
@@ -141,7 +141,7 @@ class Policy(socketserver.StreamRequestHandler):
 
 
 def serve_others():
-    """What an administrator has beside the package: a milter, a policy service, folders; and what a user has laid."""
+    """What an administrator has beside the package: a milter, a policy service, folders."""
     write("/run/milter.conf", "Mode v\nSocket inet:8899@127.0.0.1\nUserID opendkim\nPidFile /run/milter.pid\n")
     run("opendkim", "-x", "/run/milter.conf", check=True)
     os.makedirs("/run/policy")
@@ -152,7 +152,6 @@ def serve_others():
     write("/srv/log/mail", "")
     os.makedirs("/srv/mail")
     os.chmod("/srv/mail", 0o1777)
-    os.symlink("/", PACKAGE + "/target/var/lib/postfix/link")
 
 
 def tearDownModule():
@@ -172,6 +171,7 @@ def preview_apart(case):
     the generated files stayed as they were."""
     copy = tempfile.mkdtemp(dir="/run")
     run("cp", "-aT", PACKAGE, copy, check=True)
+    os.symlink("/", copy + "/target/var/lib/postfix/link")  # which any user of that folder may make
     write(copy + "/etc/settings/smtp.json", json.dumps(case.smtp))
     write(copy + "/etc/settings/scanner.json", json.dumps(case.scanner))
     for path, text in case.files.items():
