@@ -90,7 +90,7 @@ void Replace(const std::string& source, const std::string& target, bool byLink) 
   try {
     fs::create_directories(fs::path(target).parent_path());
     fs::remove(temp);
-    if (byLink) {
+    if (byLink && !fs::is_symlink(source) && fs::hard_link_count(source) == 1) {
       LinkOrCopy(source, temp);
     } else {
       RunOrThrow({"cp", "-aT", source, temp}, "not copied");
