@@ -1,19 +1,17 @@
 /// A change of the mail system as a whole: files, and the daemons that run on them.
 ///
 /// 1. Snapshot, before the first write: kPending gets copies of the inputs and outputs as they are found
-/// (`in`, `out`,
-///    for a certificate `ssl`), and in `about` which daemons run and what is not well. The copies, and a file
-///    that only takes room, are the room that going back needs.
+///    (`in`, `out`; for a certificate `ssl`). `about` names the daemons that run, and what is not well. The
+///    copies, and a file that only takes room, are the room that a rollback needs.
 /// 2. The files are written. `tried` gets the inputs that they were made from, and the outputs.
-/// 3. Plan: the daemons that read a file which is not as it was found; of the daemons that the command
-/// concerns, also
-///    those that read a file which is not as in the last state. `touched` gets each name before the daemon
-///    loads. A daemon that runs is stopped only when its own checkers accept its files.
+/// 3. Plan: each daemon that reads a file which is not as it was found; of the daemons that the command
+///    concerns, also those that read a file which is not as in the last state. `touched` gets each name
+///    before the daemon loads. A daemon that runs is stopped only when its checkers accept its files.
 /// 4. Mail is checked. What was not well before is not held against the change. `good` is made.
 /// 5. Commit: `tried` becomes the next state by one rename. Or rollback: `good` is removed, so that nobody
-/// can confirm
-///    any more; the files that the change wrote are put back as they were found; the touched daemons load
-///    again.
+///    can confirm any more; the files that the change wrote are put back as they were found; the touched
+///    daemons load again.
+///
 /// Whatever interrupts this, the next command finds either no kPending, or what a rollback needs.
 #pragma once
 

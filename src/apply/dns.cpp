@@ -9,6 +9,7 @@
 #include "apply/basics.h"
 #include "apply/commands.h"
 #include "core/config_generator.h"
+#include "mail_check/certificate.h"
 
 namespace {
 
@@ -22,16 +23,6 @@ struct Record {
   std::vector<std::string> needed;  // words of it without which a record is of no use
   bool elsewhere = false;           // or an "include:" of the provider that sends the mail
 };
-
-// The public key as a DKIM record has it: base64 in one piece (RFC 6376, section 3.6.1).
-std::string PublicKey() {
-  std::istringstream lines(RunOrThrow({"openssl", "pkey", "-in", kKey, "-pubout"}, kKey));
-  std::string key;
-  for (std::string line; std::getline(lines, line);) {
-    if (line[0] != '-') key += line;
-  }
-  return key;
-}
 
 // The hosts that send mail: this machine, or the relay (RFC 7208).
 Record SpfRecord(const std::string& domain, const std::string& relay) {
@@ -74,7 +65,8 @@ std::vector<Record> Records(Postfix& smtp, ImapPop3& imapPop3, const std::string
   if (host.empty()) throw Fault("smtp_hostname is empty: the records need the name of this machine");
   const bool sign = GetBool(smtp, "enable_dkim");
   const std::string selector = GetString(smtp, "dkim_selector");
-  const std::string key = sign ? PublicKey() : "";
+  const std::string key = sign ? PublicKey(kKey) : "";
+  if (sign && key.empty()) throw Fault(std::string(kKey) + ": expected a private key without a password");
   std::list<std::string> domains = smtp.GetAdditionDomain();
   domains.push_front(host);
   std::vector<Record> records;

@@ -153,3 +153,12 @@ std::string ServedFingerprint(const std::string& place, const std::string& start
   const size_t sign = said.find('=');
   return sign == std::string::npos ? "" : Lines(said.substr(sign + 1))[0];
 }
+
+std::string PublicKey(const std::string& privateKey) {
+  std::string key;
+  for (const std::string& line :
+       Lines(RunProgram({"openssl", "pkey", "-in", privateKey, "-pubout"}).output)) {
+    if (line[0] != '-') key += line;
+  }
+  return key;
+}

@@ -30,3 +30,7 @@ std::vector<Certificate> Certificates(Parameters mainCf);
 /// "imap" or "pop3" where TLS begins by STARTTLS, and empty where it begins at once. Empty when the listener
 /// shows none within five seconds.
 std::string ServedFingerprint(const std::string& place, const std::string& startTls);
+
+/// The public key of a private key's file, as a DKIM record has it: base64 in one piece (RFC 6376, section
+/// 3.6.1). Empty when the file cannot be read.
+std::string PublicKey(const std::string& privateKey);

@@ -8,6 +8,7 @@
 #include <optional>
 #include <regex>
 
+#include "mail_check/certificate.h"
 #include "mail_check/mail_check.h"
 #include "preview/sandbox.h"
 #include "preview/warnings.h"
@@ -130,16 +131,6 @@ std::optional<std::vector<std::string>> TextRecords(const std::string& name) {
     texts.push_back(text);
   }
   return texts;
-}
-
-// The public key as a DKIM record has it: base64 in one piece (RFC 6376, section 3.6.1).
-std::string PublicKey(const std::string& privateKey) {
-  std::string key;
-  for (const std::string& line :
-       Lines(RunProgram({"openssl", "pkey", "-in", privateKey, "-pubout"}).output)) {
-    if (line[0] != '-') key += line;
-  }
-  return key;
 }
 
 // The record comes before the setting: docs/pitfalls.md, "A new DKIM key".
