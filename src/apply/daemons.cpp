@@ -72,7 +72,8 @@ std::vector<Owner> Holders(const std::string& port, const Daemon& daemon, bool o
   const std::vector<pid_t> processes = ProcessesOf(daemon);
   std::vector<Owner> holders;
   for (const TcpListener& listener : TcpListeners()) {
-    if (listener.port != port) continue;
+    // A milter's place on ::1 is held by another process, of systemd or of the milter.
+    if (listener.port != port || listener.address == "::1") continue;
     for (const Owner& owner : OwnersOf(listener)) {
       if (own == (std::count(processes.begin(), processes.end(), owner.pid) != 0)) holders.push_back(owner);
     }
