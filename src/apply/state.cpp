@@ -236,7 +236,8 @@ void RestoreFiles(FileKind kind, const Paths& paths, const std::string& tree) {
 
 void SetAside(FileKind kind, const Paths& paths, const std::string& tree) {
   for (const std::string& path : paths) {
-    if (fs::exists(path)) LinkOrCopy(path, PlaceOf(kind, tree, path));
+    if (!fs::exists(path)) continue;
+    LinkOrCopy(kind == FileKind::kInput ? fs::canonical(path) : fs::path(path), PlaceOf(kind, tree, path));
   }
 }
 
