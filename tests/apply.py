@@ -117,39 +117,43 @@ class Apply(ApplianceTest):
 
     # Changes that go wrong on the live machine only.
 
-    def assert_taken_back(self, reason, word, port=None, **new):
+    def assert_taken_back(self, reason, word, breaks, **new):
         """The change says the reason, and all is as when the command began: the new settings, and an access table that
-        was edited before. `port` is taken by another program from when the preview is over; it is bound, and refused
-        to those who connect."""
+        was edited before. `breaks` is called once the preview is over."""
         settings(**{**GOOD, **new})
         write(ACCESS, "192.0.2.99 REJECT\n")
         before = files()
-        with self.running(word) as process, socket.socket() as other:
-            if port:
-                other.bind(("", port))
-            process.wait()
+        with self.running(word) as process:
+            breaks()
         self.assertEqual(process.returncode, 3, process.printed)
         self.assertRegex(process.printed, reason)
         self.assert_same(before, files())
-        self.apply("check", status=5)
+
+    def take(self, port):
+        """Another program has the port; it is bound, and refused to those who connect."""
+        other = socket.socket()
+        self.addCleanup(other.close)
+        other.bind(("", port))
 
     def test_port_is_taken(self):
-        self.assert_taken_back("Postfix", "smtp", port=587, smtp={**SMTP, "smtp_tls_enabled": True})
+        self.assert_taken_back("Postfix", "smtp", lambda: self.take(587), smtp={**SMTP, "smtp_tls_enabled": True})
 
     def test_daemon_does_not_start(self):
-        self.assert_taken_back("Dovecot does not start", "dovecot", port=993, imap_pop3={"imaps_enabled": True})
+        self.assert_taken_back("Dovecot does not start", "dovecot", lambda: self.take(993),
+                               imap_pop3={"imaps_enabled": True})
 
     def test_local_delivery_is_dead(self):
         """Who does not read the changed file goes on: Dovecot, and somebody who is sending a message."""
         dovecot = run("pgrep", "-x", "dovecot").stdout
-        write("/home/bob/Maildir", "")
-        with smtplib.SMTP(HERE, 25, "client.far.example") as client:
-            client.mail("carol@far.example")
-            client.rcpt("alice@mail.example.com")
-            client.docmd("DATA")
-            self.assert_taken_back("from this machine: status=bounced", "alias", aliases={"postmaster": ["bob"]})
-            client.send("Subject: long\r\n.\r\n")
-            self.assertEqual(client.getreply()[0], 250)
+        client = smtplib.SMTP(HERE, 25, "client.far.example", timeout=60)
+        self.addCleanup(client.close)
+        client.mail("carol@far.example")
+        client.rcpt("alice@mail.example.com")
+        client.docmd("DATA")
+        self.assert_taken_back("from this machine: status=bounced", "alias", lambda: write("/home/bob/Maildir", ""),
+                               aliases={"postmaster": ["bob"]})
+        client.send("Subject: long\r\n\r\n.\r\n")
+        self.assertEqual(client.getreply()[0], 250)
         self.assertEqual(run("pgrep", "-x", "dovecot").stdout, dovecot)
 
     # What a command finds that fails, or others do meanwhile.
@@ -164,11 +168,10 @@ class Apply(ApplianceTest):
         self.assertEqual(run("pgrep", "-x", "master|dovecot").stdout, before)
         write(ETC + "/master.cf", master)
         settings(**GOOD, imap_pop3={"imaps_enabled": True})
-        with socket.socket() as other:
-            other.bind(("", 993))
-            command("dovecot")
-            self.apply("renew", *pair, status=3)
-            self.assertTrue(answers(143, "127.0.0.1", True))
+        self.take(993)
+        command("dovecot")
+        self.apply("renew", *pair, status=3)
+        self.assertTrue(answers(143, "127.0.0.1", True))
 
     def test_not_well_before(self):
         """It is not held against a change; a change mends it."""
@@ -193,6 +196,7 @@ class Apply(ApplianceTest):
     def test_another_process(self):
         """A user's process that looks like Dovecot is not Dovecot: it runs the program, and was started so."""
         run(SBIN + "/dovecot", "stop")
+        self.addCleanup(run, "postfix", "-c", ETC, "stop")
         settings(**GOOD, imap_pop3={"pop3_enabled": True})
         other = subprocess.Popen(("setpriv", "--reuid=nobody", "--clear-groups", "strace", "-qqo", "/dev/null", "-e",
                                   "inject=openat:delay_enter=60s", "/usr/sbin/dovecot", "-F", "-c", DOVECOT))
