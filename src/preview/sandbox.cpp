@@ -116,9 +116,6 @@ void ProtectMachine() {
 }
 
 void LayOut() {
-  clearenv();  // cron's PATH has no sbin, and MAIL_CONFIG would lead Postfix elsewhere
-  setenv("PATH", "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", 1);
-  setenv("LC_ALL", "C", 1);
   setenv("HOME", kWork, 1);
   Need(mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr), "mount /proc");
   // As large as any queue or disk: what has room on the machine has room here.
@@ -146,6 +143,9 @@ void LayOut() {
 
 int InSandbox(const std::function<int()>& work, const std::function<void()>& meanwhile) {
   signal(SIGCHLD, SIG_DFL);
+  clearenv();  // cron's PATH has no sbin, and MAIL_CONFIG would lead Postfix elsewhere
+  setenv("PATH", "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", 1);
+  setenv("LC_ALL", "C", 1);
   int alive[2];  // the writing end is this process's alone
   Need(pipe2(alive, O_CLOEXEC), "make a pipe");
   const int own = Need(open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC), "open /proc/self/ns/pid");

@@ -19,7 +19,7 @@ inline constexpr const char* kInstalled = "/tmp/preview/old";  ///< the generate
 inline constexpr const char* kToldPamConfig =
     "/tmp/preview/pam-config";  ///< what the package helper was told
 
-/// Runs `work` in a new sandbox, with an environment of its own, and `meanwhile` outside. The result of
+/// Runs `work` in a new sandbox, and `meanwhile` outside. The process gets a new environment. The result of
 /// `work`; -1 when it died of a signal. Throws std::runtime_error where there can be no sandbox. To be called
 /// by a process of one thread.
 int InSandbox(
