@@ -75,9 +75,9 @@ build() {
   )
 }
 
-# stage: installs the build of the preset "release" below $scratch/stage.
+# stage: builds the programs with the preset "release", and installs them below $scratch/stage.
 stage() {
-  build release &&
+  build release nubo_set_config nubo_config_preview nubo_config_apply &&
     DESTDIR=$scratch/stage cmake --install "$top/build/release"
 }
 
