@@ -56,7 +56,7 @@ FAULTS = {
     "a feature of the appliance's Postfix": Case(
         {"reject_sasl_sender_rate_exceed": True}, says="451 4.3.5 Server configuration error"),
     "a relay without a name": Case({**HOST, "smtp_relay_enabled": True}, says="missing host information"),
-    "DMARC without a host name": Case({"enable_dmarc": True}, says="OpenDMARC starts: refused"),
+    "DMARC without a host name": Case({"enable_dmarc": True}, says="opendmarc starts: refused"),
     "a restriction that is unknown": main_cf("451 4.3.5 Server config", "smtpd_helo_restrictions = hostname\n"),
     "a table that is missing": main_cf("error: open database /etc/none.db", "transport_maps = hash:/etc/none\n"),
     "a small mailbox": main_cf("mailbox_size_limit is smaller", "mailbox_size_limit = 1000\n"),
@@ -83,7 +83,7 @@ FAULTS = {
     "a certificate that is none": Case(
         TLS, files={PACKAGE + "/etc/ssl/server.crt": "no certificate\n"}, says="port 587, STARTTLS: refused"),
     "OpenDKIM's other port": Case(
-        {**HOST, "enable_dkim": True}, says="OpenDKIM starts: refused",
+        {**HOST, "enable_dkim": True}, says="opendkim starts: refused",
         files={ETC + "/template/opendkim.template": lambda text: text.replace("8891", "8899")}),
     "OpenDKIM's key is missing": Case(
         {**HOST, "enable_dkim": True}, says="a message from this machine: ref",

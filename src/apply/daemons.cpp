@@ -97,17 +97,20 @@ std::set<std::string> Foreigners(const std::string& port, const Daemon& daemon) 
 
 // Throws Fault.
 void StartDaemon(const Daemon& daemon) {
-  std::vector<std::string> command = daemon.start;
-  if (IsManaged()) {
-    // systemd does not start what has failed a few times in a row.
-    RunProgram({"systemctl", "reset-failed", daemon.unit});
-    command = {"systemctl", "start", daemon.unit};
-  } else if (HasSystemd()) {
+  const bool managed = IsManaged();
+  const auto start = [&](std::vector<std::string> command) {
     // Otherwise systemd would end it together with the service that this program runs in.
-    command.insert(command.begin(), {"systemd-run", "--quiet", "--scope"});
-  }
+    if (HasSystemd() && !managed) command.insert(command.begin(), {"systemd-run", "--quiet", "--scope"});
+    return RunProgram(command);
+  };
+  // systemd does not start what has failed a few times in a row.
+  if (managed) RunProgram({"systemctl", "reset-failed", daemon.unit});
   const mode_t mask = umask(022);
-  const ProgramResult result = RunProgram(command);
+  const ProgramResult result =
+      start(managed ? std::vector<std::string>{"systemctl", "start", daemon.unit} : daemon.start);
+  if (!managed && !daemon.milterPort.empty() && result.status == 0) {
+    start(StartOnIpv6(daemon));  // in vain where there is no IPv6
+  }
   umask(mask);
   if (result.status != 0) throw Fault(daemon.name + " does not start: " + result.output + result.errors);
   if (!WaitFor([&] { return IsServing(daemon); }, seconds(5))) {

@@ -24,5 +24,10 @@ const std::vector<Daemon>& Daemons();
 /// The one of this name.
 const Daemon& DaemonNamed(const std::string& name);
 
+/// The command that starts a second one of a milter, on [::1]. Postfix looks for the milter at "localhost",
+/// and asks [::1] there first, where any user could answer while the milter listens on 127.0.0.1 alone.
+/// (Under systemd, a socket unit holds the address.)
+std::vector<std::string> StartOnIpv6(const Daemon& milter);
+
 /// True unless it is a milter that this main.cf does not name.
 bool IsWanted(const Daemon& daemon, const Parameters& mainCf);

@@ -95,7 +95,6 @@ std::vector<TcpListener> StrangersOn(const std::string& port, const std::string&
 
 bool IsListening(const std::string& port) {
   const std::vector<TcpListener> all = TcpListeners();
-  return std::any_of(all.begin(), all.end(), [&](const TcpListener& listener) {
-    return listener.port == port && listener.address != "::1";
-  });
+  return std::any_of(all.begin(), all.end(),
+                     [&](const TcpListener& listener) { return listener.port == port; });
 }

@@ -36,6 +36,5 @@ bool Belongs(const TcpListener& listener, const Daemon& daemon);
 /// Those who listen on the port and are neither root's nor this account's.
 std::vector<TcpListener> StrangersOn(const std::string& port, const std::string& account);
 
-/// True when somebody listens on the port in this network namespace, and not only on [::1]: there, another
-/// one listens for each milter.
+/// True when somebody listens on the port in this network namespace.
 bool IsListening(const std::string& port);
