@@ -106,9 +106,9 @@ def scenarios(everything):
     yield "The preview: what would a run change, and would the daemons accept it?"
     relay = {"smtp_relay_enabled": True, "smtp_relay_account": "company", "smtp_relay_password": "s3cret"}
     yield "a fresh machine again", None, accepted, "^accepted$"
-    yield "... nothing would change", None, previewed, "0 files would change.*exit 0$"
+    yield "... nothing would change", None, previewed, "^Good: nothing would change.*exit 0$"
     yield ("a relay host", None, lambda: previewed(smtp_relay_server="relay.example", **relay),
-           r"^(?!.*s3cret).*\+relayhost = relay.example:25.*2 files would change.*exit 1$")
+           r"^(?!.*s3cret)Good: 2 files would change.*\+relayhost = relay.example:25.*exit 1$")
     yield "a relay without a name", None, lambda: previewed(**relay), "^(?!.*s3cret).*missing host information.*exit 2$"
 
     yield "Bad input: every fault is named, nothing is changed"
