@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 constexpr size_t kStatesKept = 10;
 constexpr size_t kMostShown = 100'000;         // bytes of a difference in a message
 constexpr std::chrono::seconds kThrottle(61);  // service_throttle_time: postconf(5)
-constexpr off_t kRoom = 64 * 1024;             // for directories that grow when files are put back
+constexpr off_t kRoom = 65536;                 // for directories that grow when files are put back
 
 volatile std::sig_atomic_t interrupted = 0;
 

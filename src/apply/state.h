@@ -24,7 +24,7 @@ inline const std::string kPending = kStates + "/pending";
 inline const std::string kRunLock = kStates + "/run.lock";
 
 /// Pass this as a tree to mean the installed files.
-inline const std::string kLive = "";
+inline constexpr const char* kLive = "";
 
 /// Inputs are what the administrator writes, outputs what is generated. Templates belong to the package.
 enum class FileKind { kInput, kOutput };
