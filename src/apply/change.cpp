@@ -82,6 +82,17 @@ void SaveTried(const Change& change, const std::string& shown) {
   Install(kTried + ".new", kTried);
 }
 
+// True when no server of Postfix that starts from now on will speak TLS: it finds no Dovecot to ask about
+// logins. Those that run already may still do so.
+bool LacksLogins(const std::set<std::string>& running) {
+  if (running.count("Postfix") == 0 || running.count("Dovecot") != 0) return false;
+  try {
+    return PostfixParameters(kEtc)["smtpd_sasl_auth_enable"] == "yes";
+  } catch (const Fault&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 bool IsPending() { return fs::exists(kPending); }
@@ -171,11 +182,12 @@ Change Begin(const std::string& command, const Request& request, const std::set<
       what.begin(), what.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, ' ');
   Change change = {*States().rbegin(), what, request.user, ThisBoot(), 0, 0, concerned, RunningDaemons(), {}};
   Step step("Mail as it is");
+  const bool lacksLogins = LacksLogins(change.running);
   for (const MailObservation& one :
        AskMail(change.running, "Mail before a change of its configuration",
                "The configuration is about to change. This message shows that mail is "
                "delivered.\n")) {
-    if (one.Bad()) change.unwell.insert(one.what);
+    if (one.Bad() || (one.tls && lacksLogins)) change.unwell.insert(one.what);
   }
   step.Say(change.running.empty() ? "no daemon runs"
            : change.unwell.empty()
