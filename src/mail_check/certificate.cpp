@@ -108,7 +108,7 @@ void Examine(Certificate& certificate, Parameters& mainCf) {
   for (std::sregex_iterator one(text.begin(), text.end(), name), end; one != end; ++one) {
     certificate.names += (certificate.names.empty() ? "" : " ") + (*one)[1].str();
   }
-  if (certificate.names.empty() && std::regex_search(text, match, std::regex("subject=.*CN = ([^,\n]*)"))) {
+  if (certificate.names.empty() && std::regex_search(text, match, std::regex("subject=.*CN ?= ?([^,\n]*)"))) {
     certificate.names = match[1];  // of old certificates
   }
   const std::time_t now = std::time(nullptr);
