@@ -1,4 +1,4 @@
-/// nubo_config_apply: brings the settings into force in the mail system, or puts everything back.
+// nubo_config_apply: brings the settings into force in the mail system, or puts everything back.
 
 #include <pwd.h>
 #include <sys/stat.h>

@@ -22,12 +22,12 @@ namespace {
 
 const std::string kRehearsal = "rehearsal: ";
 
-/// The name of the daemon's program.
+// The name of the daemon's program.
 std::string ProgramOf(const Daemon& daemon) {
   return daemon.name == "Postfix" ? "master" : std::filesystem::path(daemon.program).filename().string();
 }
 
-/// The daemon that a verdict is about.
+// The daemon that a verdict is about.
 const Daemon& DaemonOf(const std::string& verdict) {
   const auto found = std::find_if(Daemons().begin(), Daemons().end(), [&](const Daemon& daemon) {
     return Contains(verdict, daemon.name) || Contains(verdict, ProgramOf(daemon));
@@ -35,7 +35,7 @@ const Daemon& DaemonOf(const std::string& verdict) {
   return found == Daemons().end() ? DaemonNamed("Postfix") : *found;
 }
 
-/// True for a question whose answer opens the machine, not one that closes it.
+// True for a question whose answer opens the machine, not one that closes it.
 bool IsOpening(const std::string& verdict) {
   return Contains(verdict, "no mail ") || Contains(verdict, "trusted networks");
 }

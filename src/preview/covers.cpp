@@ -24,7 +24,7 @@ struct Person {
   uid_t uid;
 };
 
-/// The people of /etc/passwd, and root.
+// The people of /etc/passwd, and root.
 std::vector<Person> People() {
   std::vector<Person> people;
   const std::unique_ptr<FILE, int (*)(FILE*)> users(std::fopen("/etc/passwd", "re"), std::fclose);
@@ -35,7 +35,7 @@ std::vector<Person> People() {
   return people;
 }
 
-/// Where mail may be in a home.
+// Where mail may be in a home.
 std::vector<std::string> MailPlaces() {
   std::vector<std::string> places = {"Maildir", "Mail", "mail", "mbox", "mdbox", "sdbox"};
   const std::string own = MainParameter("home_mailbox");
@@ -43,7 +43,7 @@ std::vector<std::string> MailPlaces() {
   return places;
 }
 
-/// The directories and log files, of Dovecot's configuration and Postfix's, outside the package.
+// The directories and log files, of Dovecot's configuration and Postfix's, outside the package.
 void CoverNamed() {
   std::vector<std::string> folders;
   std::vector<std::string> files = {MainParameter("maillog_file")};

@@ -1,6 +1,7 @@
-/// nubo_config_preview [--json] [--no-rehearsal] [WORD]: what `nubo_set_config WORD` would change, and what
-/// the daemons would say of it. See nubo_config_preview(8).
+// nubo_config_preview [--json] [--no-rehearsal] [WORD]: what `nubo_set_config WORD` would change, and what
+// the daemons would say of it. See nubo_config_preview(8).
 
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,11 +15,13 @@
 #include "mail_check/versions.h"
 #include "preview/baseline.h"
 #include "preview/covers.h"
+#include "preview/log.h"
 #include "preview/network.h"
 #include "preview/rehearsal.h"
 #include "preview/report.h"
 #include "preview/sandbox.h"
 #include "preview/warnings.h"
+#include "system/program.h"
 #include "system/text.h"
 
 namespace {
@@ -30,7 +33,7 @@ int Usage(std::ostream& out, int status) {
   return status;
 }
 
-/// True for a terminal, unless the environment says otherwise: https://no-color.org
+// True for a terminal, unless the environment says otherwise: https://no-color.org
 bool WantsColour() {
   const char* const none = std::getenv("NO_COLOR");
   const char* const terminal = std::getenv("TERM");
@@ -38,7 +41,24 @@ bool WantsColour() {
          terminal != std::string("dumb");
 }
 
-/// Inside the sandbox.
+// Runs the generators of one command in a new process.
+Run RunGenerators(const std::string& word) {
+  constexpr const char* kProgram = "nubo_set_config";
+  TakeLog();
+  const ProgramResult ended = Program([&] {
+                                openlog(kProgram, 0, LOG_USER);
+                                const char* const arguments[] = {kProgram, word.c_str(), nullptr};
+                                return RunCommand(2, arguments);
+                              }).Wait();
+  Run run = {word, ended.status, Lines(ended.output + ended.errors), ended.status != 0};
+  for (const std::string& line : SaidBy(kProgram, TakeLog())) {
+    run.said.push_back("log: " + line);
+    run.failed = true;
+  }
+  return run;
+}
+
+// Inside the sandbox.
 Preview Try(const std::vector<std::string>& words, bool rehearsal, const std::vector<Place>& taken) {
   Preview preview;
   std::list<Checker> lint;  // takes as long as all the rest

@@ -22,7 +22,7 @@
 
 namespace {
 
-/// A socket of the place, as `use` makes it: bind(2) or connect(2). Negative when that is impossible.
+// A socket of the place, as `use` makes it: bind(2) or connect(2). Negative when that is impossible.
 template <typename Use>
 int Open(const Place& place, int type, Use use) {
   addrinfo wanted = {};
@@ -42,8 +42,8 @@ int Open(const Place& place, int type, Use use) {
   return -1;
 }
 
-/// Answers every question of the DNS with "server failure" (RFC 1035, section 4.1.1). If nobody did, checks
-/// of a sender would wait some twenty seconds.
+// Answers every question of the DNS with "server failure" (RFC 1035, section 4.1.1). If nobody did, checks
+// of a sender would wait some twenty seconds.
 [[noreturn]] void AnswerNames(int names) {
   for (;;) {
     unsigned char message[512];
@@ -58,7 +58,7 @@ int Open(const Place& place, int type, Use use) {
   }
 }
 
-/// Passes bytes on, both ways, until one side ends.
+// Passes bytes on, both ways, until one side ends.
 [[noreturn]] void PassOn(int one, int other) {
   pollfd ends[] = {{one, POLLIN, 0}, {other, POLLIN, 0}};
   for (;;) {
@@ -72,7 +72,7 @@ int Open(const Place& place, int type, Use use) {
   }
 }
 
-/// Takes the connections of one listener, and connects each with the place on the machine's network.
+// Takes the connections of one listener, and connects each with the place on the machine's network.
 [[noreturn]] void Forward(int listener, int machine, const Place& place) {
   if (setns(machine, CLONE_NEWNET) != 0) _exit(1);
   signal(SIGCHLD, SIG_IGN);

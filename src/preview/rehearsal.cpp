@@ -36,18 +36,18 @@ const std::string kMain = kEtc + "/main.cf";
 
 constexpr std::chrono::seconds kPatience(5);
 
-/// A daemon that goes into the background.
+// A daemon that goes into the background.
 struct Rehearsed {
   Rehearsed(const std::vector<std::string>& command, const std::string& place)
       : name(fs::path(command[0]).filename()), port(place), program(command) {}
 
-  std::string name;  ///< of its program
-  std::string port;  ///< where it listens some time after it has gone into the background; may be empty
+  std::string name;  // of its program
+  std::string port;  // where it listens some time after it has gone into the background; may be empty
   Program program;
 };
 
-/// Waits until the daemon runs. False, with its verdict, when it does not; false without, when it is not
-/// installed, as a checker has said. `log` gets what was logged meanwhile.
+// Waits until the daemon runs. False, with its verdict, when it does not; false without, when it is not
+// installed, as a checker has said. `log` gets what was logged meanwhile.
 bool Runs(std::vector<Verdict>& verdicts, Rehearsed& daemon, std::vector<LogLine>& log) {
   const auto listens = [&] { return daemon.port.empty() || IsListening(daemon.port); };
   const ProgramResult ended = daemon.program.Wait();
@@ -62,8 +62,8 @@ bool Runs(std::vector<Verdict>& verdicts, Rehearsed& daemon, std::vector<LogLine
   return runs;
 }
 
-/// Why the master has ended at once: what it says goes to its own log socket, where nobody listened yet. Here
-/// it starts once more, with the system log for its log.
+// Why the master has ended at once: what it says goes to its own log socket, where nobody listened yet. Here
+// it starts once more, with the system log for its log.
 std::vector<std::string> MasterSays(const std::string& master) {
   RunProgram({"postconf", "-c", kEtc, "-e", "maillog_file="});
   SkipSettleTime(kMain);
@@ -72,7 +72,7 @@ std::vector<std::string> MasterSays(const std::string& master) {
   return SaidBy("", TakeLog());
 }
 
-/// What Postfix's daemons cannot work with, wherever they have met it.
+// What Postfix's daemons cannot work with, wherever they have met it.
 Verdict JudgeLog(const std::string& log) {
   std::vector<std::string> said;
   for (const LogLine& line : LogLines(Lines(ReadFile(log)))) {
@@ -91,7 +91,7 @@ Verdict VerdictOf(const MailObservation& seen) {
   return {"rehearsal: " + seen.what, kWords[seen.state], Lines(good ? "" : seen.detail), seen.consequence};
 }
 
-/// Whether Postfix takes mail at all with so much room on the queue's disk.
+// Whether Postfix takes mail at all with so much room on the queue's disk.
 Verdict JudgeRoom() {
   const std::string queue = kMachine + MainParameter("queue_directory");
   struct statvfs disk = {};
@@ -113,7 +113,7 @@ Verdict JudgeRoom() {
   return verdict;
 }
 
-/// Whether Dovecot asks the PAM services that the package helper is told for this type of account.
+// Whether Dovecot asks the PAM services that the package helper is told for this type of account.
 Verdict JudgePam() {
   Verdict verdict = Judge("rehearsal: PAM services", true, {});
   std::string told = ReadFile(kToldPamConfig);
@@ -134,7 +134,7 @@ Verdict JudgePam() {
   return verdict;
 }
 
-/// A file system that is read-only here, and not on the machine, decides nothing.
+// A file system that is read-only here, and not on the machine, decides nothing.
 void ExcuseSandbox(std::vector<Verdict>& verdicts) {
   for (Verdict& verdict : verdicts) {
     if (verdict.word == Verdict::kRefused &&

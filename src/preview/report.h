@@ -8,8 +8,15 @@
 #include "mail_check/versions.h"
 #include "preview/differences.h"
 #include "preview/masks.h"
-#include "preview/run.h"
 #include "preview/verdict.h"
+
+/// What `nubo_set_config WORD` does.
+struct Run {
+  std::string word;
+  int status;                     ///< its exit status
+  std::vector<std::string> said;  ///< what it prints, and with "log: " before it what it logs
+  bool failed;  ///< by its status or its log lines, since "smtp" ends with 0 once the settings are read
+};
 
 /// All that was found. Runs, verdicts and warnings may hold secrets; the report hides them.
 struct Preview {

@@ -32,7 +32,7 @@ constexpr int kDeepest = 5;  // a queue below target/var needs so many
 constexpr int kMostDirectories = 10'000;
 constexpr const char* kHelper = "/usr/nubo/sbin/nubopkghelper";
 
-/// `result`; throws when it is negative.
+// `result`; throws when it is negative.
 int Need(int result, const std::string& what) {
   if (result < 0) throw std::system_error(errno, std::generic_category(), "cannot " + what);
   return result;
@@ -40,19 +40,19 @@ int Need(int result, const std::string& what) {
 
 // ---- Files -------------------------------------------------------------------------------------------
 
-/// Puts a file or directory in the place of another, with the mounts in it.
+// Puts a file or directory in the place of another, with the mounts in it.
 void Bind(const std::string& source, const std::string& target) {
   Need(mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr), "cover " + target);
 }
 
-/// Gives the file or directory the mode and owner of another.
+// Gives the file or directory the mode and owner of another.
 void MakeLike(const struct stat& other, const fs::path& path) {
   Need(chown(path.c_str(), other.st_uid, other.st_gid), "keep the owner of " + path.string());
   Need(chmod(path.c_str(), other.st_mode & 07777), "keep the mode of " + path.string());
 }
 
-/// Copies what is below a directory, with owners, modes and times. Real runs make temporary files: when one
-/// goes away meanwhile, it is done again.
+// Copies what is below a directory, with owners, modes and times. Real runs make temporary files: when one
+// goes away meanwhile, it is done again.
 void Copy(const fs::path& from, const fs::path& to) {
   fs::create_directories(to);
   ProgramResult copied = {};
@@ -63,8 +63,8 @@ void Copy(const fs::path& from, const fs::path& to) {
   throw std::runtime_error(copied.errors);
 }
 
-/// Makes a directory as `from`, and in it directories as those below `from`. Links are not followed, and
-/// there are limits, since users make links and directories too.
+// Makes a directory as `from`, and in it directories as those below `from`. Links are not followed, and
+// there are limits, since users make links and directories too.
 void CopyDirectories(const fs::path& from, const fs::path& to, int depth, int& mostLeft) {
   struct stat status = {};
   if (lstat(from.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || --mostLeft < 0) return;
@@ -77,7 +77,7 @@ void CopyDirectories(const fs::path& from, const fs::path& to, int depth, int& m
   }
 }
 
-/// Puts the paths below a directory into its cover that stay as they are.
+// Puts the paths below a directory into its cover that stay as they are.
 void Keep(const std::string& directory, const std::vector<std::string>& kept) {
   for (const std::string& name : kept) {
     const fs::path path = fs::path(directory) / name;
@@ -95,7 +95,7 @@ void Keep(const std::string& directory, const std::vector<std::string>& kept) {
 
 // ---- The sandbox -------------------------------------------------------------------------------------
 
-/// Nothing of the machine can be changed through the mounts of this process from here on.
+// Nothing of the machine can be changed through the mounts of this process from here on.
 void ProtectMachine() {
   Need(unshare(CLONE_NEWNS | CLONE_NEWIPC), "make a mount namespace");
   // In a chroot, / may be no mount: the mounts are reached from the root of the namespace.

@@ -21,7 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// What follows "inet:", "unix:" and the like in main.cf and master.cf, but not the place of a mail server.
+// What follows "inet:", "unix:" and the like in main.cf and master.cf, but not the place of a mail server.
 std::set<std::string> Endpoints(const std::string& kinds) {
   std::string text = "\n" + ReadFile(kEtc + "/master.cf");
   for (const auto& [name, value] : MainCf()) text += "\n" + value;
@@ -35,7 +35,7 @@ std::set<std::string> Endpoints(const std::string& kinds) {
   return found;
 }
 
-/// True for the port of a milter that is rehearsed.
+// True for the port of a milter that is rehearsed.
 bool IsOurMilter(const std::string& port) {
   return std::any_of(Daemons().begin(), Daemons().end(), [&](const Daemon& daemon) {
     return daemon.milterPort == port && IsWanted(daemon, MainCf());
@@ -51,7 +51,7 @@ bool IsSocket(const std::string& path) {
   return stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
-/// True for a socket that Postfix or Dovecot makes anew in the sandbox.
+// True for a socket that Postfix or Dovecot makes anew in the sandbox.
 bool IsOurs(const std::string& path) {
   const std::string name = "\n" + fs::path(path).filename().string() + " ";
   if (StartsWith(path, MainParameter("queue_directory") + "/p") &&

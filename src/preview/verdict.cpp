@@ -12,8 +12,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// Which checker writes to the log under this name. Without a terminal, Postfix's programs do, each with a
-/// prefix and a slash before its name, and postfix(1) runs many of them.
+// Which checker writes to the log under this name. Without a terminal, Postfix's programs do, each with a
+// prefix and a slash before its name, and postfix(1) runs many of them.
 std::string CheckerOf(const std::string& name) {
   const size_t slash = name.rfind('/');
   if (slash == std::string::npos) return name;
