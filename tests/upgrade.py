@@ -104,7 +104,7 @@ class Upgrade(ApplianceTest):
             self.assertIn("Good night.", str(server.fetch("1", "(BODY[])")))
         self.assert_same(old_files, self.files())
         self.assertRegex(self.inside("nubo_config_preview --no-rehearsal dovecot"),
-                         f"{CUSTOM}:1: .*mail_driver = maildir(?s:.*){DOVECOT}:\\d+: .*ssl_server_cert_file = /etc/own/")
+                         f"{CUSTOM}:1: .*mail_driver = maildir(?s:.*){DOVECOT}:\\d+: .*_cert_file = /etc/own/")
 
     def test_in_the_same_run(self):
         self.inside(f"{APT} dist-upgrade /tmp/{os.path.basename(new)}")
