@@ -82,6 +82,27 @@ std::set<std::string> TouchedDaemons(const Change& change, const Paths& restored
   return touched;
 }
 
+// Says how the rollback went. Returns the exit status.
+int Tell(const Change& pending, const std::string& reason, const std::list<std::string>& failed) {
+  syslog(LOG_MAIL | LOG_WARNING, "%s was taken back: %s", pending.what.c_str(), reason.c_str());
+  for (const std::string& one : failed) {
+    std::cout << "Not as before: " << one << std::endl;
+    syslog(LOG_MAIL | LOG_ERR, "not as before: %s", one.c_str());
+  }
+  if (IsPending()) {
+    std::cout << "Mend what is named, then run: nubo_config_apply recover" << std::endl;
+    return 4;
+  }
+  std::cout << (failed.empty() ? "All is as before" : "The files are as before")
+            << "; your settings are as you wrote them." << std::endl;
+  if (HasFiles(StateDirectory(pending.base), FileKind::kInput) &&
+      !Differing(FileKind::kInput, StateDirectory(pending.base)).empty()) {
+    std::cout << "Those of state " << pending.base << " come back by: nubo_config_apply undo " << pending.base
+              << std::endl;
+  }
+  return failed.empty() ? 3 : 4;
+}
+
 }  // namespace
 
 void ReplaceInputs(const Change& change) {
@@ -170,21 +191,5 @@ int RollBack(const Change& pending, const std::string& reason) {
     });
   }
   if (whole) attempt(EndPending);
-  syslog(LOG_MAIL | LOG_WARNING, "%s was taken back: %s", pending.what.c_str(), reason.c_str());
-  for (const std::string& one : failed) {
-    std::cout << "Not as before: " << one << std::endl;
-    syslog(LOG_MAIL | LOG_ERR, "not as before: %s", one.c_str());
-  }
-  if (IsPending()) {
-    std::cout << "Mend what is named, then run: nubo_config_apply recover" << std::endl;
-    return 4;
-  }
-  std::cout << (failed.empty() ? "All is as before" : "The files are as before")
-            << "; your settings are as you wrote them." << std::endl;
-  if (HasFiles(StateDirectory(pending.base), FileKind::kInput) &&
-      !Differing(FileKind::kInput, StateDirectory(pending.base)).empty()) {
-    std::cout << "Those of state " << pending.base << " come back by: nubo_config_apply undo " << pending.base
-              << std::endl;
-  }
-  return failed.empty() ? 3 : 4;
+  return Tell(pending, reason, failed);
 }
