@@ -54,6 +54,11 @@ def timed(rounds, commands, old_file=""):
     return [([row[2 * i] / 1e6 for row in rows], [row[2 * i + 1] for row in rows]) for i in range(len(commands))]
 
 
+def typical(figures):
+    """The lower quartile: what else runs on the machine only adds to a run."""
+    return statistics.quantiles(figures, n=4, method="inclusive")[0]
+
+
 # ---- The floors of a command ----
 
 # System calls for memory and for signals that wait, and those that floor.c makes by itself when it starts a program.
@@ -132,8 +137,8 @@ def commands():
         for word in COMMANDS:
             own, (c, cxx) = [PROGRAM, word], floors(word)
             times = [time for time, _ in timed(200, [own, c, cxx])]
-            median = [statistics.median(time) for time in times]
-            rows.append([f"{word}, {name}", times[0], median[0] / median[1], median[0] / median[2]])
+            typically = [typical(time) for time in times]
+            rows.append([f"{word}, {name}", times[0], typically[0] / typically[1], typically[0] / typically[2]])
     return rows
 
 
@@ -213,7 +218,7 @@ def compare_rivals():
             check_rivals(found, files)
             # Postfix's programs wait after a change of main.cf.
             measured = timed(50, [[PROGRAM, word], *found.values()], ETC + "/main.cf")
-            times = dict(zip(("nubo_set_config", *found), (statistics.median(times) for times, _ in measured)))
+            times = dict(zip(("nubo_set_config", *found), (typical(times) for times, _ in measured)))
             for engine, row in rows.items():
                 time = times.get(engine)
                 row += [time, time / times["nubo_set_config"]] if time else [None, None]
@@ -240,7 +245,7 @@ def domain_users():
         if len(written) != 1 or written.pop().count("\n") != count:
             sys.exit("bench: the table of the users differs from its floor's")
         (times, peaks), (floor_times, _) = timed(max(9, min(200, 1000000 // max(count, 1))), [own, floor])
-        now = [statistics.median(figures) for figures in (times, floor_times, peaks)]
+        now = [typical(figures) for figures in (times, floor_times, peaks)]
         base = base or now
         user = [(figure - least) / count if count else None for figure, least in zip(now, base)]
         os.unlink(POSTALIAS)
@@ -248,7 +253,7 @@ def domain_users():
         (with_map, _), = timed(3 if count > 10000 else 20, [own])
         idle(POSTALIAS)
         rows.append([f"{count:,}", times, now[0] / now[1], user[0] and user[0] * 1e6, user[1] and user[1] * 1e6,
-                     user[2] and round(user[2] * 1024), now[2] / 1024, statistics.median(with_map)])
+                     user[2] and round(user[2] * 1024), now[2] / 1024, typical(with_map)])
     return rows
 
 
@@ -256,8 +261,7 @@ def domain_users():
 
 def cell(value):
     if isinstance(value, list):
-        low, median, high = statistics.quantiles(value, n=4)
-        return f"{median:.2f} ({low:.2f}-{high:.2f})"
+        return f"{typical(value):.2f} ({statistics.median(value):.2f})"
     if isinstance(value, float):
         return f"{value:.0f}" if value >= 100 else f"{value:.2f}"
     return "" if value is None else str(value)
@@ -332,15 +336,16 @@ def main():
     of_commands, of_rivals, of_users = commands(), compare_rivals(), domain_users()
     heads = [head for word in GROUPS for name in SETTINGS for head in (f"{word}, {name}: ms", "ratio")]
     text = "\n".join((
-        table(["command, settings", "ms (quartiles)", "/ C", "/ C++"], of_commands,
-              "defaults: without settings files; company: most settings on. All files are in memory. / C, / C++: as\n"
-              "a multiple of the time of a static C program, and of a C++ program linked to the same shared\n"
-              "libraries, that make the same system calls. In place of postmap, postalias and nubopkghelper runs a\n"
-              "program that does nothing, on all sides."),
+        table(["command, settings", "ms (median)", "/ C", "/ C++"], of_commands,
+              "defaults: without settings files; company: most settings on. All files are in memory. Times are lower\n"
+              "quartiles, since what else runs on the machine only adds to a run. / C, / C++: as a multiple of the time\n"
+              "of a static C program, and of a C++ program linked to the same shared libraries, that make the same\n"
+              "system calls. In place of postmap, postalias and nubopkghelper runs a program that does nothing, on all\n"
+              "sides."),
         table(["instead", *heads], of_rivals,
               "ratio: as a multiple of the program's time. All write the same files, but for postconf -e, which\n"
               "writes main.cf alone. The program also checks the settings, and runs the programs of its command."),
-        table(["users", "ms (quartiles)", "/ C", "ns a user", "C: ns a user", "bytes a user", "peak MiB",
+        table(["users", "ms (median)", "/ C", "ns a user", "C: ns a user", "bytes a user", "peak MiB",
                "ms with postalias"], of_users,
               "/ C: as a multiple of the time of a C program that walks the users once and writes each line. A user's\n"
               "share is what is above a run without users.")))
