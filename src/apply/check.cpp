@@ -10,6 +10,7 @@
 #include "apply/basics.h"
 #include "apply/change.h"
 #include "apply/commands.h"
+#include "apply/daemons.h"
 #include "apply/state.h"
 #include "mail_check/certificate.h"
 #include "mail_check/daemons.h"
@@ -27,7 +28,8 @@ std::string DaemonOf(const MailObservation& listener) {
   return listener.what.substr(0, listener.what.find(','));
 }
 
-// Adds each listener whose place is another program's or another user's.
+// Adds each listener whose place is another program's or another user's, or a daemon's that reads other
+// files.
 void AddStrangers(std::vector<MailObservation>& mail) {
   std::set<std::string> seen;
   for (const MailObservation& asked : std::vector(mail)) {
@@ -37,14 +39,16 @@ void AddStrangers(std::vector<MailObservation>& mail) {
       const bool there = listener.port == asked.place.substr(colon + 1) &&
                          (listener.address == "0.0.0.0" || listener.address == "::" ||
                           Contains(asked.place.substr(0, colon), listener.address));
-      if (!there || Belongs(listener, DaemonNamed(DaemonOf(asked)))) continue;
+      const Daemon daemon = DaemonNamed(DaemonOf(asked));
+      if (!there || (Belongs(listener, daemon) && IsHeldBy(listener, daemon))) continue;
       std::string detail = "is of user " + std::to_string(listener.uid);
       for (const Owner& owner : OwnersOf(listener)) {
         detail += ", process " + std::to_string(owner.pid) + " (" + owner.program + ") of user " +
                   std::to_string(owner.uid);
       }
-      mail.emplace_back(asked.what + ", program at " + listener.address, false, detail,
-                        "Mail and passwords go to another program than " + DaemonOf(asked) + ".");
+      mail.emplace_back(
+          asked.what + ", program at " + listener.address, false, detail,
+          "Mail and passwords go to another program than the " + daemon.name + " that reads these files.");
     }
   }
 }

@@ -12,7 +12,6 @@
 
 #include "apply/basics.h"
 #include "core/config_generator.h"
-#include "mail_check/listeners.h"
 
 namespace {
 
@@ -220,6 +219,14 @@ void RestartDaemon(const Daemon& daemon) {
   CheckFiles(daemon);
   StopDaemon(daemon);
   StartDaemon(daemon);
+}
+
+bool IsHeldBy(const TcpListener& listener, const Daemon& daemon) {
+  const std::vector<pid_t> processes = ProcessesOf(daemon);
+  const std::vector<Owner> owners = OwnersOf(listener);
+  return std::any_of(owners.begin(), owners.end(), [&](const Owner& owner) {
+    return std::count(processes.begin(), processes.end(), owner.pid) != 0;
+  });
 }
 
 void StopDaemon(const Daemon& daemon) {

@@ -11,6 +11,7 @@
 
 #include "mail_check/configuration.h"
 #include "mail_check/daemons.h"
+#include "mail_check/listeners.h"
 
 /// MailScanner is no part of the table of daemons: it is reloaded, and never started or stopped.
 inline const std::string kMailScanner = "MailScanner";
@@ -38,6 +39,10 @@ std::string LoadFiles(const std::string& name, const std::vector<std::string>& e
 
 /// Stops a daemon and starts it again, when CheckFiles accepts its files. Throws Fault.
 void RestartDaemon(const Daemon& daemon);
+
+/// True when a process of the daemon that runs on these files has the listener. (Debian's own Postfix can
+/// listen on the same place at the same time.)
+bool IsHeldBy(const TcpListener& listener, const Daemon& daemon);
 
 /// Stops a daemon, and what a dead master of Postfix has left behind.
 void StopDaemon(const Daemon& daemon);
