@@ -86,7 +86,8 @@ std::set<std::string> Foreigners(const std::string& port, const Daemon& daemon) 
   for (const Owner& owner : Holders(port, daemon, false)) {
     const std::string process = std::to_string(owner.pid);
     const std::string group = fs::path(ReadFile("/proc/" + process + "/cgroup")).filename();
-    const size_t unit = group.find(".service");
+    // Debian 12 runs its Postfix in postfix@-.service, which postfix.service starts again at boot.
+    const size_t unit = std::min(group.find("@-.service"), group.find(".service"));
     lines.insert(
         "Port " + port + " is held by " + owner.program + ", process " + process + "; stop it by: " +
         (unit == std::string::npos ? "kill " + process : "systemctl disable --now " + group.substr(0, unit)));
