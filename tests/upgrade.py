@@ -49,7 +49,8 @@ class Upgrade(ApplianceTest):
         for name, text in SETTINGS.items():
             write(f"{PACKAGE}/etc/settings/{name}.json", text, 0o600)
         write(CUSTOM, OWN)
-        self.inside(f"cp -a {PACKAGE}/etc/ssl /etc/own; sed -i s,{PACKAGE}/etc/ssl/,/etc/own/, {DOVECOT}")
+        self.inside(f"cp -a {PACKAGE}/etc/ssl /etc/own; "
+                    f"sed -i 's,{PACKAGE}/etc/ssl/,/etc/own/,; s/disable_.* = yes/& # mine/' {DOVECOT}")
         self.inside("; ".join(f"nubo_set_config {word}" for word in COMMANDS))
         self.inside(f"opendkim -x {ETC}/opendkim.conf && {SBIN}/dovecot && postfix -c {ETC} start")
         with self.imap() as server:
@@ -103,6 +104,7 @@ class Upgrade(ApplianceTest):
             server.select("Work/2025")
             self.assertIn("Good night.", str(server.fetch("1", "(BODY[])")))
         self.assert_same(old_files, self.files())
+        self.assertNotIn("cleartext = yes", self.inside(f"{SBIN}/doveconf -n"))
         self.assertRegex(self.inside("nubo_config_preview --no-rehearsal dovecot"),
                          f"{CUSTOM}:1: .*mail_driver = maildir(?s:.*){DOVECOT}:\\d+: .*_cert_file = /etc/own/")
 
