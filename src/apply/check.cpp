@@ -119,7 +119,7 @@ void Print(const std::vector<MailObservation>& mail, const std::vector<Installed
   const int waiting = all["queue"]["messages"].asInt();
   std::cout << "queue: " << waiting << (waiting == 1 ? " message waits" : " messages wait");
   if (waiting > 0) {
-    const std::time_t oldest = all["queue"]["oldest"].asInt64();
+    const auto oldest = static_cast<std::time_t>(all["queue"]["oldest"].asInt64());
     std::cout << ", the oldest since " << std::put_time(std::localtime(&oldest), "%Y-%m-%d %H:%M:%S %z");
   }
   std::cout << "\nInstalled: " << ToString(versions) << '\n';
