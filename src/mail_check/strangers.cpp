@@ -66,7 +66,7 @@ Answer Send(const SmtpListener& listener, Dialogue dialogue) {
   const std::string begin = dialogue.url;
   dialogue.startTls = dialogue.startTls || (listener.mustTls && !listener.wrapped);
   dialogue.url = begin + "%5B" + (IsSix(dialogue.from) ? "IPv6:" : "") + dialogue.from + "%5D";
-  const Answer answer = Converse(dialogue);
+  Answer answer = Converse(dialogue);
   if (answer.good || !Contains(answer.said, "Helo command rejected")) return answer;
   dialogue.url = begin + "stranger.example";
   return Converse(dialogue);
@@ -75,9 +75,10 @@ Answer Send(const SmtpListener& listener, Dialogue dialogue) {
 MailObservation JudgeArrival(const std::string& what, const Answer& answer, const Dialogue& dialogue,
                              bool isolated) {
   if (answer.good) return {what, true, answer.said};
-  if (!dialogue.startTls && StartsWith(answer.said, "530 "))
+  if (!dialogue.startTls && StartsWith(answer.said, "530 ")) {
     return {what, MailObservation::kWarning, answer.said,
             "Mail servers that speak no TLS cannot deliver to this machine."};
+  }
   if (!IsFault(answer.said, isolated)) return {what, MailObservation::kNotAsked, answer.said};
   return {what, false, answer.said, "Nobody on other machines can send mail to " + dialogue.to + "."};
 }
@@ -88,10 +89,11 @@ MailObservation JudgeRelay(const std::string& what, const Answer& answer, const 
                            bool lan, const std::string& trusted) {
   if (answer.good && lan && !trusted.empty() && IsPrivate(trusted))
     return {what, true, trusted + " is trusted, by mynetworks"};
-  if (answer.good)
+  if (answer.good) {
     return {what, lan ? MailObservation::kWarning : MailObservation::kBad, answer.said,
             std::string(lan ? "A" : "Open relay: a") + "ny host on " + network +
                 " may send anywhere without a login."};
+  }
   if (answer.said[0] == '5') return {what, true, answer.said};
   return {what, MailObservation::kNotAsked, answer.said};
 }
@@ -118,9 +120,10 @@ void AddRelay(std::vector<Question>& questions, const SmtpListener& listener, co
     add("no mail of a stranger with a local sender to other domains" + six, address, from,
         "postmaster@" + LocalDomains(main)[0], network, false);
     for (const Range& range : kPrivate) {
-      if (IsSix(range.address) == IsSix(address))
+      if (IsSix(range.address) == IsSix(address)) {
         add(std::string("no mail from ") + range.network + " to other domains", address, range.address, "",
             range.network, true);
+      }
     }
   }
 }
@@ -198,11 +201,12 @@ std::vector<Question> StrangerQuestions(const std::vector<SmtpListener>& listene
     AddRelay(questions, listener, first ? "" : "port " + listener.name + ": ", main, check);
     if (first) AddArrival(questions, listener, main, check);
     open = open || first;
-    if (first && IsSix(listener.outside[0]))
+    if (first && IsSix(listener.outside[0])) {
       questions.push_back([] {
         return MailObservation("a stranger's mail to postmaster, IPv4", MailObservation::kWarning,
                                "no port is open to IPv4", "Hosts without IPv6 cannot send mail to this one.");
       });
+    }
   }
   if (!open) {
     const std::string why =
@@ -256,8 +260,9 @@ std::vector<Question> LoginQuestions(const std::vector<SmtpListener>& listeners)
 MailObservation JudgeLogin(const std::string& listener, const Answer& answer) {
   const std::string what = listener + ", login";
   if (answer.denied) return {what, true, answer.said};
-  if (answer.good)
+  if (answer.good) {
     return {what, false, "a wrong password is not refused: " + answer.said,
             "Nobody can log in at " + listener + ", or everybody can."};
+  }
   return {what, false, answer.said, "Nobody can log in at " + listener + "."};
 }

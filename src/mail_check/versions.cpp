@@ -45,9 +45,10 @@ std::string Warning(const Versioned& program, const std::string& version) {
   const std::string tested = std::string(program.oldestTested) + " to " + program.newestTested;
   const std::string text = program.name + (" " + version) + " is ";
   if (Release(version) < Release(program.oldestTested)) return text + "older than what was tested, " + tested;
-  if (Release(program.newestTested) < Release(version))
+  if (Release(program.newestTested) < Release(version)) {
     return text + "newer than these files are for, " + tested +
            ": install the nubo-set-config of this Debian";
+  }
   return "";
 }
 

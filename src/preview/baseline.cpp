@@ -137,10 +137,11 @@ void Baseline::Compare(std::vector<Verdict>& verdicts, const std::vector<Differe
     const auto found = before.tried.find(verdict.by);
     const Daemon& daemon = DaemonOf(verdict.by);
     bool same = found == before.tried.end() ? down(daemon) && !IsOpening(verdict.by) : refused(found->second);
-    if (Contains(verdict.by, "log"))
+    if (Contains(verdict.by, "log")) {
       same = same && std::all_of(verdict.said.begin(), verdict.said.end(), [&](const std::string& line) {
                return found == before.tried.end() || Contains(found->second.said, line);
              });
+    }
     // A file of the daemon may have been edited in place, when the command is about the daemon.
     const bool concerned = Contains(words_, daemon.name == "Dovecot" ? "dovecot" : "smtp") ||
                            std::any_of(files.begin(), files.end(),
