@@ -4,14 +4,16 @@ cd "$1" || exit 2
 status=0
 # forbid ROOM OTHERS: OTHERS is a regular expression.
 forbid() { ! grep -rnE "#include \"($2)/" "$1" || status=1; }
-for room in smtp imap scan alias; do
-  forbid $room "(smtp|imap|scan|alias|main|system|mail_check|preview|apply)"
-done
-forbid core "(smtp|imap|scan|alias|main|system|mail_check|preview|apply)"
+ours="system|mail|checks|preview|change|apply"
+generators="smtp|imap|scan|alias"
+for room in smtp imap scan alias core; do forbid $room "$generators|main|$ours"; done
 forbid platform "[a-z_]+"
-forbid system "(smtp|imap|scan|alias|main|core|platform|mail_check|preview|apply)"
-forbid mail_check "(smtp|imap|scan|alias|main|preview|apply)"
-forbid preview "(smtp|imap|scan|alias|main|apply)"
-forbid apply "(smtp|imap|scan|alias|main|preview)"
-forbid ../local_platform "(smtp|imap|scan|alias|main|core|system|mail_check|preview|apply)"
+forbid ../local_platform "$generators|main|core|$ours"
+for room in system mail checks preview change apply; do forbid $room "$generators|main"; done
+forbid system "core|platform|mail|checks|preview|change|apply"
+forbid mail "core|platform|checks|preview|change|apply"
+forbid checks "core|platform|preview|change|apply"
+forbid preview "change|apply"
+forbid change "preview|platform"
+forbid apply "preview"
 exit $status

@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "mail_check/certificate.h"
+#include "mail/certificate.h"
 
 TEST(Warnings, EachSettingHasItsLine) {
   Postfix smtp;

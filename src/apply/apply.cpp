@@ -1,8 +1,8 @@
 #include <iostream>
 
-#include "apply/change.h"
 #include "apply/commands.h"
 #include "apply/generate.h"
+#include "change/change.h"
 #include "core/commands.h"
 
 int Apply(const Request& request) {

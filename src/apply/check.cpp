@@ -7,15 +7,15 @@
 #include <iostream>
 #include <sstream>
 
-#include "apply/basics.h"
-#include "apply/change.h"
 #include "apply/commands.h"
-#include "apply/daemons.h"
-#include "apply/state.h"
-#include "mail_check/certificate.h"
-#include "mail_check/daemons.h"
-#include "mail_check/listeners.h"
-#include "mail_check/versions.h"
+#include "change/basics.h"
+#include "change/change.h"
+#include "change/daemons.h"
+#include "change/state.h"
+#include "mail/certificate.h"
+#include "mail/daemons.h"
+#include "mail/listeners.h"
+#include "mail/versions.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <iostream>
 #include <string_view>
 
-#include "apply/change.h"
-#include "apply/state.h"
+#include "change/change.h"
+#include "change/state.h"
 #include "core/commands.h"
 #include "system/text.h"
 

@@ -1,7 +1,7 @@
 #include <filesystem>
 
-#include "apply/change.h"
 #include "apply/commands.h"
+#include "change/change.h"
 
 int Confirm(const Request&) {
   const Change pending = ReadPending();

@@ -6,10 +6,10 @@
 #include <iostream>
 #include <sstream>
 
-#include "apply/basics.h"
 #include "apply/commands.h"
+#include "change/basics.h"
 #include "core/config_generator.h"
-#include "mail_check/certificate.h"
+#include "mail/certificate.h"
 
 namespace {
 

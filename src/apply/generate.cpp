@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "core/config_generator.h"
-#include "mail_check/configuration.h"
+#include "mail/configuration.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "apply/change.h"
+#include "change/change.h"
 
 /// What nubo_config_preview says.
 struct Preview {

@@ -4,10 +4,10 @@
 #include <regex>
 #include <utility>
 
-#include "apply/basics.h"
-#include "apply/change.h"
 #include "apply/commands.h"
-#include "apply/state.h"
+#include "change/basics.h"
+#include "change/change.h"
+#include "change/state.h"
 
 namespace {
 

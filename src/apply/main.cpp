@@ -9,7 +9,7 @@
 #include <iostream>
 
 #include "apply/commands.h"
-#include "mail_check/versions.h"
+#include "mail/versions.h"
 #include "system/files.h"
 
 namespace {

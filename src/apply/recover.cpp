@@ -1,8 +1,8 @@
 #include <filesystem>
 #include <iostream>
 
-#include "apply/change.h"
 #include "apply/commands.h"
+#include "change/change.h"
 
 int Recover(const Request&) {
   if (!IsPending()) {

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <filesystem>
 
-#include "apply/change.h"
 #include "apply/commands.h"
-#include "apply/daemons.h"
+#include "change/change.h"
+#include "change/daemons.h"
 
 namespace fs = std::filesystem;
 

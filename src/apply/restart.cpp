@@ -1,7 +1,7 @@
-#include "apply/basics.h"
 #include "apply/commands.h"
-#include "apply/daemons.h"
-#include "apply/state.h"
+#include "change/basics.h"
+#include "change/daemons.h"
+#include "change/state.h"
 #include "core/config_generator.h"
 
 int Restart(const Request&) {

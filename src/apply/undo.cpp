@@ -1,6 +1,6 @@
-#include "apply/change.h"
 #include "apply/commands.h"
 #include "apply/generate.h"
+#include "change/change.h"
 #include "core/commands.h"
 
 int Undo(const Request& request) {

@@ -9,9 +9,9 @@
 #include <iostream>
 #include <list>
 
-#include "mail_check/daemons.h"
-#include "mail_check/listeners.h"
-#include "mail_check/mail_check.h"
+#include "checks/mail_check.h"
+#include "mail/daemons.h"
+#include "mail/listeners.h"
 #include "preview/covers.h"
 #include "preview/rehearsal.h"
 #include "preview/sandbox.h"

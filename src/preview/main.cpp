@@ -9,10 +9,10 @@
 #include <exception>
 #include <iostream>
 
+#include "checks/mail_questions.h"
 #include "core/commands.h"
-#include "mail_check/configuration.h"
-#include "mail_check/mail_questions.h"
-#include "mail_check/versions.h"
+#include "mail/configuration.h"
+#include "mail/versions.h"
 #include "preview/baseline.h"
 #include "preview/covers.h"
 #include "preview/log.h"

@@ -13,8 +13,8 @@
 #include <memory>
 #include <stdexcept>
 
-#include "mail_check/listeners.h"
-#include "mail_check/strangers.h"
+#include "checks/strangers.h"
+#include "mail/listeners.h"
 #include "preview/sandbox.h"
 #include "system/files.h"
 #include "system/program.h"

@@ -8,8 +8,8 @@
 #include <optional>
 #include <regex>
 
-#include "mail_check/certificate.h"
-#include "mail_check/mail_check.h"
+#include "checks/mail_check.h"
+#include "mail/certificate.h"
 #include "preview/sandbox.h"
 #include "preview/warnings.h"
 #include "system/files.h"

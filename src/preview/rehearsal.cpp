@@ -14,10 +14,10 @@
 #include <memory>
 #include <regex>
 
-#include "mail_check/configuration.h"
-#include "mail_check/daemons.h"
-#include "mail_check/listeners.h"
-#include "mail_check/mail_check.h"
+#include "checks/mail_check.h"
+#include "mail/configuration.h"
+#include "mail/daemons.h"
+#include "mail/listeners.h"
 #include "preview/covers.h"
 #include "preview/log.h"
 #include "preview/network.h"

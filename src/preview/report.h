@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "mail_check/versions.h"
+#include "mail/versions.h"
 #include "preview/differences.h"
 #include "preview/masks.h"
 #include "preview/verdict.h"

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "mail_check/configuration.h"
+#include "mail/configuration.h"
 
 inline constexpr const char* kWork = "/tmp/preview";           ///< for root alone
 inline const std::string kMachine = "/tmp/preview/machine";    ///< the machine's files, not covered

@@ -9,8 +9,8 @@
 #include <regex>
 #include <set>
 
-#include "mail_check/daemons.h"
-#include "mail_check/smtp_listeners.h"
+#include "mail/daemons.h"
+#include "mail/smtp_listeners.h"
 #include "preview/covers.h"
 #include "preview/sandbox.h"
 #include "preview/verdict.h"

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "mail_check/daemons.h"
+#include "mail/daemons.h"
 #include "preview/log.h"
 #include "system/files.h"
 #include "system/text.h"

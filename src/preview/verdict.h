@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "mail_check/configuration.h"
+#include "mail/configuration.h"
 #include "system/program.h"
 
 /// One check, and how it went.

@@ -12,7 +12,7 @@
 #include <regex>
 
 #include "core/config_generator.h"
-#include "mail_check/certificate.h"
+#include "mail/certificate.h"
 #include "platform/nubocore.h"
 #include "system/program.h"
 

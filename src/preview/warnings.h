@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "mail_check/configuration.h"
+#include "mail/configuration.h"
 #include "platform/brindlecot.h"
 #include "preview/verdict.h"
 

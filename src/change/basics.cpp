@@ -1,0 +1,17 @@
+#include "change/basics.h"
+
+#include <unistd.h>
+
+#include <iomanip>
+#include <iostream>
+
+Step::Step(const std::string& text) : text_(text) {
+  if (isatty(STDOUT_FILENO) != 0) std::cout << text_ << " ..." << std::flush;
+}
+
+Step::~Step() {
+  const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start_;
+  if (isatty(STDOUT_FILENO) != 0) std::cout << '\r';
+  std::cout << text_ << ": " << (result_.empty() ? "" : result_ + ", ") << std::fixed << std::setprecision(1)
+            << time.count() << " s" << std::endl;
+}

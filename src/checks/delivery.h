@@ -1,0 +1,42 @@
+/// Messages that are followed through Postfix's log.
+#pragma once
+
+#include <vector>
+
+#include "checks/mail_questions.h"
+#include "mail/smtp_listeners.h"
+
+/// Hands in a message to postmaster, and in a rehearsal to each user and to another host. Call Follow() once
+/// other questions have been asked meanwhile.
+class Delivery {
+ public:
+  Delivery(const MailCheck& check, const Parameters& main, const std::vector<SmtpListener>& listeners);
+
+  /// Waits until it is decided what becomes of the messages, and adds that.
+  void Follow(Observations& seen);
+
+ private:
+  struct Message {
+    MailObservation seen;
+    std::string to;
+    std::string id;    // Message-ID
+    std::string user;  // of this machine; may be empty
+    bool elsewhere;    // to another host
+    bool ended = false;
+  };
+
+  void HandIn(const std::string& what, const std::string& to, const std::string& consequence, bool elsewhere);
+  void Read();
+  void Decide(Message& message, const std::vector<std::string>& lines);
+  void Deferred(Message& message, const std::string& line);
+  bool IsHere(const std::string& line) const;
+  void FindInInbox(Message& message) const;
+
+  const MailCheck& check_;
+  const Parameters& main_;
+  const std::vector<SmtpListener>& listeners_;
+  std::string log_;
+  std::streamoff begin_;
+  std::vector<Message> messages_;
+  bool held_ = false;
+};

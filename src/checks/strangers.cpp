@@ -1,0 +1,268 @@
+#include "checks/strangers.h"
+
+#include <algorithm>
+#include <regex>
+
+#include "system/text.h"
+
+namespace {
+
+constexpr const char* kElsewhere = "postmaster@elsewhere.invalid";  // never exists: RFC 6761, section 6.4
+constexpr size_t kMostDomains = 20;
+const std::vector<std::string> kPublic = {"203.0.113.77", "198.18.77.77", "198.51.100.77", "192.0.2.77"};
+const std::string kPublicSix = "2001:db8:77::77";
+
+struct Range {
+  const char* network;
+  const char* address;
+};
+constexpr Range kPrivate[] = {{"10.0.0.0/8", "10.231.77.77"},
+                              {"172.16.0.0/12", "172.29.77.77"},
+                              {"192.168.0.0/16", "192.168.231.77"},
+                              {"fc00::/7", "fd77:77:77::77"}};
+
+bool IsSix(const std::string& address) { return Contains(address, ":"); }
+
+// The word of mynetworks that trusts the address; empty when none does.
+std::string TrustedIn(const std::string& address, const Parameters& main) {
+  const std::vector<std::string> networks = Words(main.at("mynetworks"));
+  const auto found = std::find_if(networks.begin(), networks.end(),
+                                  [&](const std::string& network) { return IsIn(address, network); });
+  return found == networks.end() ? "" : *found;
+}
+
+// True for a network within a private range.
+bool IsPrivate(const std::string& network) {
+  const size_t slash = network.rfind('/');
+  std::string base = network.substr(0, slash);
+  if (base[0] == '[') base = base.substr(1, base.find(']') - 1);
+  const int bits = slash == std::string::npos ? 128 : std::atoi(network.c_str() + slash + 1);
+  return std::any_of(std::begin(kPrivate), std::end(kPrivate), [&](const Range& range) {
+    return IsIn(base, range.network) &&
+           bits >=
+               std::atoi(std::string(range.network).substr(std::string(range.network).find('/') + 1).c_str());
+  });
+}
+
+// The first of the addresses that mynetworks does not trust; the first, when it trusts all.
+std::string Untrusted(const std::vector<std::string>& addresses, const Parameters& main) {
+  const auto found = std::find_if(addresses.begin(), addresses.end(), [&](const std::string& address) {
+    return TrustedIn(address, main).empty();
+  });
+  return found == addresses.end() ? addresses[0] : *found;
+}
+
+// True when a refusal to accept mail is a fault here, and not the lack of an answer from DNS or a directory.
+bool IsFault(const std::string& refusal, bool isolated) {
+  static const std::regex ours("^451 4\\.(3\\.5|7\\.1 Service unavailable)|queue file write error");
+  static const std::regex temporary("^4\\d\\d ");
+  if (std::regex_search(refusal, ours)) return true;
+  return isolated ? !std::regex_search(refusal, temporary) : !StartsWith(refusal, "450");
+}
+
+// Sends as far as it goes. The client's name is its address (RFC 5321, section 4.1.3), which no check of
+// names in DNS rejects; where addresses are rejected, a name.
+Answer Send(const SmtpListener& listener, Dialogue dialogue) {
+  const std::string begin = dialogue.url;
+  dialogue.startTls = dialogue.startTls || (listener.mustTls && !listener.wrapped);
+  dialogue.url = begin + "%5B" + (IsSix(dialogue.from) ? "IPv6:" : "") + dialogue.from + "%5D";
+  Answer answer = Converse(dialogue);
+  if (answer.good || !Contains(answer.said, "Helo command rejected")) return answer;
+  dialogue.url = begin + "stranger.example";
+  return Converse(dialogue);
+}
+
+MailObservation JudgeArrival(const std::string& what, const Answer& answer, const Dialogue& dialogue,
+                             bool isolated) {
+  if (answer.good) return {what, true, answer.said};
+  if (!dialogue.startTls && StartsWith(answer.said, "530 ")) {
+    return {what, MailObservation::kWarning, answer.said,
+            "Mail servers that speak no TLS cannot deliver to this machine."};
+  }
+  if (!IsFault(answer.said, isolated)) return {what, MailObservation::kNotAsked, answer.said};
+  return {what, false, answer.said, "Nobody on other machines can send mail to " + dialogue.to + "."};
+}
+
+// `network` is that of the client; `lan` when it is a private one. `trusted` is the word of mynetworks that
+// trusts it, if one does: an administrator's own network then, unless it is wider than that.
+MailObservation JudgeRelay(const std::string& what, const Answer& answer, const std::string& network,
+                           bool lan, const std::string& trusted) {
+  if (answer.good && lan && !trusted.empty() && IsPrivate(trusted))
+    return {what, true, trusted + " is trusted, by mynetworks"};
+  if (answer.good) {
+    return {what, lan ? MailObservation::kWarning : MailObservation::kBad, answer.said,
+            std::string(lan ? "A" : "Open relay: a") + "ny host on " + network +
+                " may send anywhere without a login."};
+  }
+  if (answer.said[0] == '5') return {what, true, answer.said};
+  return {what, MailObservation::kNotAsked, answer.said};
+}
+
+// What strangers may not do on the listener that is open to them.
+void AddRelay(std::vector<Question>& questions, const SmtpListener& listener, const std::string& begin,
+              const Parameters& main, const MailCheck& check) {
+  const auto add = [&](const std::string& what, const std::string& address, const std::string& from,
+                       const std::string& sender, const std::string& network, bool lan) {
+    Dialogue dialogue = {listener.Url(address), nullptr, false, kElsewhere, from, sender};
+    questions.push_back([=] {
+      return JudgeRelay(begin + what, Send(listener, dialogue), network, lan, TrustedIn(from, main));
+    });
+  };
+  for (const std::string& address : listener.outside) {
+    const std::string six = IsSix(address) ? ", IPv6" : "";
+    const std::vector<std::string> own = {address, "127.0.0.2"};
+    const std::string from = IsSix(address) ? kPublicSix : Untrusted(check.isolated ? kPublic : own, main);
+    std::string network = TrustedIn(from, main);
+    if (!check.isolated && (IsSix(address) || !network.empty())) continue;
+    if (network.empty()) network = IsSix(address) ? "::/0" : "0.0.0.0/0";
+    add("no mail of a stranger to other domains" + six, address, from, "", network, false);
+    if (!check.isolated || listener.forUsers) continue;
+    add("no mail of a stranger with a local sender to other domains" + six, address, from,
+        "postmaster@" + LocalDomains(main)[0], network, false);
+    for (const Range& range : kPrivate) {
+      if (IsSix(range.address) == IsSix(address)) {
+        add(std::string("no mail from ") + range.network + " to other domains", address, range.address, "",
+            range.network, true);
+      }
+    }
+  }
+}
+
+// What strangers reach on the listener that is open to them.
+void AddArrival(std::vector<Question>& questions, const SmtpListener& listener, const Parameters& main,
+                const MailCheck& check) {
+  const auto add = [&](const std::string& to, const std::string& address, bool tls) {
+    const std::string from =
+        IsSix(address)
+            ? kPublicSix
+            : Untrusted(check.isolated ? kPublic : std::vector<std::string>{address, "127.0.0.2"}, main);
+    const std::string local = to.substr(0, to.find('@'));
+    const std::string what = "a stranger's mail to " +
+                             (to == "postmaster@" + LocalDomains(main)[0] ? local : to) +
+                             (IsSix(address) ? ", IPv6" : "") + (tls ? ", STARTTLS" : "");
+    const Dialogue dialogue = {listener.Url(address), nullptr, tls, to, from};
+    const bool isolated = check.isolated;
+    questions.push_back([=] { return JudgeArrival(what, Send(listener, dialogue), dialogue, isolated); });
+  };
+  const std::vector<std::string> domains = LocalDomains(main);
+  const std::string postmaster = "postmaster@" + domains[0];
+  add(postmaster, listener.outside[0], false);
+  if (!check.isolated) return;
+  if (listener.startTls) add(postmaster, listener.outside[0], true);
+  if (listener.outside.size() > 1) add(postmaster, listener.outside[1], false);
+  for (const std::string& user : check.users) add(user + "@" + domains[0], listener.outside[0], false);
+  for (size_t i = 1; i < std::min(domains.size(), kMostDomains); ++i) {
+    add("postmaster@" + domains[i], listener.outside[0], false);
+  }
+  if (domains.size() > kMostDomains) {
+    const std::string rest = std::to_string(domains.size() - kMostDomains) + " domains more";
+    questions.push_back(
+        [=] { return MailObservation("a stranger's mail to " + rest, MailObservation::kNotAsked, ""); });
+  }
+}
+
+}  // namespace
+
+const std::vector<std::string>& Strangers::Addresses() {
+  static const std::vector<std::string> addresses = [] {
+    std::vector<std::string> all = kPublic;
+    all.push_back(kPublicSix);
+    for (const Range& range : kPrivate) all.emplace_back(range.address);
+    return all;
+  }();
+  return addresses;
+}
+
+std::string Strangers::Users() { return "198.18.78.0/24"; }
+
+std::string Strangers::User(int number) { return "198.18.78." + std::to_string(number); }
+
+std::vector<std::string> LocalDomains(const Parameters& main) {
+  std::vector<std::string> domains;
+  for (const std::string& word : Words(main.at("mydestination"))) {
+    if (Contains(word, ":") || Contains(word, "/") || Contains(word, "$") || StartsWith(word, "localhost") ||
+        Contains(domains, word))
+      continue;
+    domains.insert(word == main.at("myhostname") ? domains.begin() : domains.end(), word);
+  }
+  if (domains.empty()) domains.push_back(main.at("myhostname"));
+  return domains;
+}
+
+std::vector<Question> StrangerQuestions(const std::vector<SmtpListener>& listeners, const Parameters& main,
+                                        const MailCheck& check) {
+  std::vector<Question> questions;
+  std::string alone;
+  bool open = false;
+  for (const SmtpListener& listener : listeners) {
+    if (!listener.forUsers && listener.outside.empty()) alone += " " + listener.name;
+    if (listener.outside.empty()) continue;
+    const bool first = !open && !listener.forUsers;
+    AddRelay(questions, listener, first ? "" : "port " + listener.name + ": ", main, check);
+    if (first) AddArrival(questions, listener, main, check);
+    open = open || first;
+    if (first && IsSix(listener.outside[0])) {
+      questions.push_back([] {
+        return MailObservation("a stranger's mail to postmaster, IPv4", MailObservation::kWarning,
+                               "no port is open to IPv4", "Hosts without IPv6 cannot send mail to this one.");
+      });
+    }
+  }
+  if (!open) {
+    const std::string why =
+        alone.empty() ? "each port takes mail from users alone" : "only this machine reaches port" + alone;
+    questions.push_back([=] {
+      return MailObservation("a stranger's mail to postmaster", MailObservation::kWarning, why,
+                             "Nobody on other machines can send mail to this one.");
+    });
+  }
+  return questions;
+}
+
+MailObservation JudgeNetworks(const Parameters& main, bool isolated) {
+  MailObservation seen("the trusted networks", true, "");
+  for (const std::string& network : Words(main.at("mynetworks"))) {
+    const size_t slash = network.rfind('/');
+    const std::string base = network.substr(0, slash == std::string::npos ? 0 : slash);
+    if (base.empty() || Contains(base, "/") || Contains(base, ":/")) continue;
+    const int bits = std::atoi(network.c_str() + slash + 1);
+    const bool six = IsSix(base);
+    // A provider's whole range may be an administrator's own; half of the Internet is not.
+    if (bits >= (six ? 32 : 16) || IsPrivate(network) || StartsWith(base, "127")) continue;
+    const bool wide = bits < (six ? 16 : 8);
+    // In a rehearsal the stranger in it has been let through, or has not.
+    const bool asked = isolated && TrustedIn(Untrusted(kPublic, main), main) == network;
+    const MailObservation::State state = wide && !asked ? MailObservation::kBad : MailObservation::kWarning;
+    if (seen.state != MailObservation::kBad) seen.state = state;
+    seen.detail += (seen.detail.empty() ? "mynetworks names " : ", ") + network;
+    seen.consequence =
+        (wide ? "Open relay: any" : "Any") + (" host on " + network) + " may send anywhere without a login.";
+  }
+  return seen;
+}
+
+std::vector<Question> LoginQuestions(const std::vector<SmtpListener>& listeners) {
+  std::vector<Question> questions;
+  for (const SmtpListener& listener : listeners) {
+    if (!listener.offersLogin) continue;
+    const bool outside = !listener.outside.empty();
+    Dialogue dialogue = {listener.Url(outside ? listener.outside[0] : listener.here) + "client.example",
+                         "NOOP", listener.startTls};
+    if (outside && !IsSix(listener.outside[0]))
+      dialogue.from = Strangers::User(static_cast<int>(questions.size()) + 1);
+    dialogue.user = "rehearsal";
+    const std::string what = "Postfix, port " + listener.name;
+    questions.push_back([=] { return JudgeLogin(what, Converse(dialogue)); });
+  }
+  return questions;
+}
+
+MailObservation JudgeLogin(const std::string& listener, const Answer& answer) {
+  const std::string what = listener + ", login";
+  if (answer.denied) return {what, true, answer.said};
+  if (answer.good) {
+    return {what, false, "a wrong password is not refused: " + answer.said,
+            "Nobody can log in at " + listener + ", or everybody can."};
+  }
+  return {what, false, answer.said, "Nobody can log in at " + listener + "."};
+}

@@ -1,0 +1,33 @@
+/// The table of daemons that run on the generated files.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "mail/configuration.h"
+
+struct Daemon {
+  std::string name;           ///< "OpenDKIM", "OpenDMARC", "Dovecot" or "Postfix"
+  std::string unit;           ///< of systemd
+  std::string program;        ///< path of its executable; for Postfix, how the path begins
+  std::string configuration;  ///< the argument that names its files; for Postfix, also in its environment
+  std::vector<std::string> start;  ///< the command that starts it in the background
+  std::vector<std::string> check;  ///< the command that checks its files
+  std::string milterPort;          ///< where Postfix finds it on this machine; empty unless it is a milter
+  std::string account;             ///< the account that it takes, unless it is root; for a milter
+  std::vector<std::string> files;  ///< how the paths of the files begin that it reads
+};
+
+/// All of them, in the order of their start.
+const std::vector<Daemon>& Daemons();
+
+/// The one of this name.
+const Daemon& DaemonNamed(const std::string& name);
+
+/// The command that starts a second one of a milter, on [::1]. Postfix looks for the milter at "localhost",
+/// and asks [::1] there first, where any user could answer while the milter listens on 127.0.0.1 alone.
+/// (Under systemd, a socket unit holds the address.)
+std::vector<std::string> StartOnIpv6(const Daemon& milter);
+
+/// True unless it is a milter that this main.cf does not name.
+bool IsWanted(const Daemon& daemon, const Parameters& mainCf);

@@ -1,0 +1,45 @@
+/// The listeners of master.cf that speak SMTP.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "mail/configuration.h"
+
+struct SmtpListener {
+  std::string name;                  ///< as in master.cf: a port, or HOST:PORT
+  std::string port;                  ///< numeric
+  std::string here;                  ///< an address at which this machine reaches it
+  std::vector<std::string> outside;  ///< addresses at which other machines reach it: an IPv4 one, an IPv6 one
+  bool wrapped;                      ///< TLS from the first byte
+  bool startTls;                     ///< STARTTLS has to be offered
+  bool mustTls;                      ///< nothing goes without TLS
+  bool forUsers;  ///< by options of its own, it takes mail from those alone who have logged in
+  bool offersLogin;
+
+  /// The beginning of a URL with an address of the listener, up to the name for EHLO.
+  std::string Url(const std::string& address) const;
+};
+
+/// All of them. Throws Fault when Postfix cannot read its master.cf.
+std::vector<SmtpListener> SmtpListeners(const Parameters& main);
+
+/// The first global address of each family that stands on this machine's interfaces.
+std::vector<std::string> OwnAddresses();
+
+/// The addresses of a name, as far as /etc/hosts or a name server knows it; an address is its own, also in
+/// brackets.
+std::vector<std::string> AddressesOf(const std::string& name);
+
+/// True for this machine's addresses that no other machine reaches.
+bool IsLoopback(const std::string& address);
+
+/// An address as it stands in a URL: an IPv6 one has brackets.
+std::string InUrl(const std::string& address);
+
+/// True when a host and a port are those of one of the listeners.
+bool IsOwn(const std::vector<SmtpListener>& listeners, const std::string& host, const std::string& port);
+
+/// True when the address is in the network, which is written as in mynetworks (postconf(5)). False for
+/// tables.
+bool IsIn(const std::string& address, const std::string& network);
