@@ -1,32 +1,49 @@
 #include "mail/daemons.h"
 
 #include <algorithm>
+#include <stdexcept>
 
 #include "system/text.h"
 
+namespace {
+
 // clang-format off
-const std::vector<Daemon>& Daemons() {
+const std::vector<Daemon>& Table() {
   static const std::string openDkim = kEtc + "/opendkim.conf";
   static const std::string openDmarc = kEtc + "/opendmarc.conf";
   static const std::string dovecot = kEtc + "/dovecot/dovecot.conf";
-  static const std::vector<Daemon> daemons = {
-      {"OpenDKIM", "brindlecot-opendkim", "/usr/sbin/opendkim", openDkim,
+  static const std::vector<Daemon> table = {
+      {DaemonId::kOpenDkim, "OpenDKIM", "brindlecot-opendkim", "/usr/sbin/opendkim", openDkim,
        {"opendkim", "-x", openDkim}, {"opendkim", "-n", "-x", openDkim},
-       "8891", "opendkim", {kEtc + "/opendkim"}},
-      {"OpenDMARC", "brindlecot-opendmarc", "/usr/sbin/opendmarc", openDmarc,
+       "8891", "opendkim", {kEtc + "/opendkim"}, {"smtp"}},
+      {DaemonId::kOpenDmarc, "OpenDMARC", "brindlecot-opendmarc", "/usr/sbin/opendmarc", openDmarc,
        {"opendmarc", "-c", openDmarc}, {"opendmarc", "-n", "-c", openDmarc},
-       "8893", "opendmarc", {kEtc + "/opendmarc"}},
-      {"Dovecot", "brindlecot-dovecot", "/usr/sbin/dovecot", dovecot,
-       {kSbin + "/dovecot"}, {kSbin + "/doveconf", "-n"}, "", "", {kEtc + "/dovecot/", kSsl}},
-      {"Postfix", "brindlecot-postfix", "/usr/lib/postfix/", kEtc,
-       {"postfix", "-c", kEtc, "start"}, {"postfix", "-c", kEtc, "check"}, "", "postfix", {kEtc + "/", kSsl}}};
-  return daemons;
+       "8893", "opendmarc", {kEtc + "/opendmarc"}, {"smtp"}},
+      {DaemonId::kDovecot, "Dovecot", "brindlecot-dovecot", "/usr/sbin/dovecot", dovecot,
+       {kSbin + "/dovecot"}, {kSbin + "/doveconf", "-n"}, "", "", {kEtc + "/dovecot/", kSsl}, {"dovecot"}},
+      {DaemonId::kPostfix, "Postfix", "brindlecot-postfix", "/usr/lib/postfix/", kEtc,
+       {"postfix", "-c", kEtc, "start"}, {"postfix", "-c", kEtc, "check"}, "", "postfix", {kEtc + "/", kSsl},
+       {"smtp", "alias", "domain_alias", "sender_quota_map"}},
+      {DaemonId::kMailScanner, "MailScanner", "", "", "", {}, {}, "", "",
+       {kEtc + "/MailScanner/", kEtc + "/spamassassin/"}, {"mailscanner"}}};
+  return table;
 }
 // clang-format on
 
+}  // namespace
+
+const Daemon& DaemonOf(DaemonId id) { return Table()[static_cast<size_t>(id)]; }
+
 const Daemon& DaemonNamed(const std::string& name) {
-  return *std::find_if(Daemons().begin(), Daemons().end(),
-                       [&](const Daemon& daemon) { return daemon.name == name; });
+  for (const Daemon& daemon : Table()) {
+    if (daemon.name == name) return daemon;
+  }
+  throw std::out_of_range("no daemon is named " + name);
+}
+
+const std::vector<Daemon>& Daemons() {
+  static const std::vector<Daemon> started(Table().begin(), Table().end() - 1);
+  return started;
 }
 
 std::vector<std::string> StartOnIpv6(const Daemon& milter) {

@@ -1,4 +1,4 @@
-/// The table of daemons that run on the generated files.
+/// The daemons that run on the generated files: one table of what is known of them.
 #pragma once
 
 #include <string>
@@ -6,8 +6,12 @@
 
 #include "mail/configuration.h"
 
+/// In the order of their start.
+enum class DaemonId { kOpenDkim, kOpenDmarc, kDovecot, kPostfix, kMailScanner };
+
 struct Daemon {
-  std::string name;           ///< "OpenDKIM", "OpenDMARC", "Dovecot" or "Postfix"
+  DaemonId id;
+  std::string name;           ///< "Postfix"
   std::string unit;           ///< of systemd
   std::string program;        ///< path of its executable; for Postfix, how the path begins
   std::string configuration;  ///< the argument that names its files; for Postfix, also in its environment
@@ -16,13 +20,18 @@ struct Daemon {
   std::string milterPort;          ///< where Postfix finds it on this machine; empty unless it is a milter
   std::string account;             ///< the account that it takes, unless it is root; for a milter
   std::vector<std::string> files;  ///< how the paths of the files begin that it reads
+  std::vector<std::string> words;  ///< the words of nubo_set_config that write its files
 };
 
-/// All of them, in the order of their start.
-const std::vector<Daemon>& Daemons();
+/// What is known of a daemon. MailScanner has a name, files and words alone: it is reloaded, and never
+/// started or stopped here.
+const Daemon& DaemonOf(DaemonId id);
 
-/// The one of this name.
+/// The one of this name. Throws std::out_of_range for a name that is none.
 const Daemon& DaemonNamed(const std::string& name);
+
+/// The daemons that are started and stopped here, in the order of their start: all but MailScanner.
+const std::vector<Daemon>& Daemons();
 
 /// The command that starts a second one of a milter, on [::1]. Postfix looks for the milter at "localhost",
 /// and asks [::1] there first, where any user could answer while the milter listens on 127.0.0.1 alone.

@@ -1,0 +1,123 @@
+#include <gtest/gtest.h>
+
+#include "checks/check_result.h"
+#include "system/program.h"
+
+namespace {
+
+constexpr DaemonId kPostfix = DaemonId::kPostfix;
+constexpr DaemonId kDovecot = DaemonId::kDovecot;
+
+const Question kPort25 = {Topic::kGreeting, kPostfix, "25"};
+const Question kPort465 = {Topic::kGreeting, kPostfix, "465", Asker::kMachine, "", true};
+const Question kLogin465 = {Topic::kLogin, kPostfix, "465", Asker::kUser, "", true};
+const Question kToPostmaster = {Topic::kArrival, kPostfix, "", Asker::kStranger, "postmaster"};
+const Question kRelay = {Topic::kRelaying, kPostfix, "", Asker::kStranger};
+const Question kImap = {Topic::kGreeting, kDovecot, "imap"};
+const Question kLog = {Topic::kLog, kPostfix};
+
+CheckResult Result(const Question& question, Grade grade, std::vector<std::string> words = {}) {
+  return {question, grade, std::move(words)};
+}
+
+}  // namespace
+
+TEST(CheckResult, IsComparedWithTheOneBefore) {
+  constexpr Grade kGood = Grade::kGood;
+  constexpr Grade kBad = Grade::kBad;
+  const struct {
+    const char* title;
+    CheckResults before;
+    CheckResult after;
+    Shift shift;
+  } kCases[] = {
+      {"good", {Result(kPort25, kGood)}, Result(kPort25, kGood), Shift::kSame},
+      {"mended", {Result(kPort25, kBad)}, Result(kPort25, kGood), Shift::kDifferent},
+      {"new and good", {}, Result(kPort465, kGood), Shift::kSame},
+      {"new and bad", {Result(kPort25, kGood)}, Result(kPort465, kBad), Shift::kWorse},
+      {"bad as before", {Result(kPort25, kBad, {"a"})}, Result(kPort25, kBad, {"b"}), Shift::kSoBefore},
+      {"worse", {Result(kPort25, kGood)}, Result(kPort25, kBad), Shift::kWorse},
+      {"was not asked",
+       {Result(kToPostmaster, Grade::kNotAsked)},
+       Result(kToPostmaster, kBad),
+       Shift::kWorse},
+      {"warned of", {Result(kRelay, kGood)}, Result(kRelay, Grade::kWarning), Shift::kDifferent},
+      {"opened", {Result(kRelay, kGood)}, Result(kRelay, kBad), Shift::kOpened},
+      {"open as before", {Result(kRelay, kBad)}, Result(kRelay, kBad), Shift::kSoBefore},
+      {"opened while down", {Result({Topic::kStarts, kPostfix}, kBad)}, Result(kRelay, kBad), Shift::kOpened},
+      {"closed while down",
+       {Result({Topic::kStarts, kPostfix}, kBad)},
+       Result(kPort25, kBad),
+       Shift::kSoBefore},
+      {"another was down", {Result({Topic::kStarts, kDovecot}, kBad)}, Result(kPort25, kBad), Shift::kWorse},
+      {"unreadable files",
+       {Result({Topic::kConfiguration, kDovecot}, kBad)},
+       Result(kImap, kBad),
+       Shift::kSoBefore},
+      {"silent listener", {Result(kPort465, kBad)}, Result(kLogin465, kBad), Shift::kSoBefore},
+      {"another listener", {Result(kPort25, kBad)}, Result(kLogin465, kBad), Shift::kWorse},
+      {"any listener", {Result(kPort25, kBad)}, Result(kToPostmaster, kBad), Shift::kSoBefore},
+      {"login as before", {Result(kLogin465, kBad, {"x"})}, Result(kLogin465, kBad, {"y"}), Shift::kSoBefore},
+      {"another line", {Result(kLog, kBad, {"a"})}, Result(kLog, kBad, {"a", "b"}), Shift::kWorse},
+      {"fewer lines", {Result(kLog, kBad, {"a", "b"})}, Result(kLog, kBad, {"b"}), Shift::kSoBefore},
+  };
+  for (const auto& row : kCases) {
+    EXPECT_EQ(static_cast<int>(Compare(row.before, {row.after})[0]), static_cast<int>(row.shift))
+        << row.title;
+  }
+}
+
+TEST(CheckResult, IsTheSameAfterJson) {
+  CheckResults results;
+  for (int topic = 0; topic <= static_cast<int>(Topic::kVersion); ++topic) {
+    results.push_back(
+        {{static_cast<Topic>(topic), kDovecot, "imap", Asker::kNeighbour, "10.0.0.0/8", true, true},
+         static_cast<Grade>(topic % 5),
+         {"one", "two"},
+         "Who.",
+         "127.0.0.1:143",
+         "imap"});
+    EXPECT_NE(Name(results.back().question), "");
+  }
+  const Json::Value json = ToJson(results);
+  const CheckResults again = FromJson(json);
+  ASSERT_EQ(again.size(), results.size());
+  for (size_t i = 0; i < again.size(); ++i) EXPECT_TRUE(again[i].question == results[i].question) << i;
+  EXPECT_EQ(ToJson(again), json);
+  Json::Value wrong = json;
+  wrong[0]["state"] = "excellent";
+  EXPECT_THROW(FromJson(wrong), Fault);
+  wrong = json;
+  wrong[0]["question"]["daemon"] = "Sendmail";
+  EXPECT_THROW(FromJson(wrong), Fault);
+  EXPECT_THROW(FromJson("text"), Fault);
+}
+
+TEST(CheckResult, HasANameForPeople) {
+  const std::pair<Question, const char*> kCases[] = {
+      {kPort25, "Postfix, port 25"},
+      {kPort465, "Postfix, port 465, TLS"},
+      {{Topic::kStartTls, kPostfix, "[::1]:587", Asker::kMachine, "", true},
+       "Postfix, port [::1]:587, STARTTLS"},
+      {kImap, "Dovecot, imap"},
+      {kLogin465, "Postfix, port 465, login"},
+      {{Topic::kSwitchedOff, kDovecot, "pop3", Asker::kMachine, "127.0.0.1:110"},
+       "Dovecot, pop3 at 127.0.0.1:110"},
+      {{Topic::kArrival, kPostfix, "", Asker::kStranger, "postmaster", true, true},
+       "a stranger's mail to postmaster, IPv6, STARTTLS"},
+      {{Topic::kRelaying, kPostfix, "587", Asker::kStranger, "", false, true},
+       "port 587: no mail of a stranger to other domains, IPv6"},
+      {{Topic::kRelaying, kPostfix, "", Asker::kLocalSender},
+       "no mail of a stranger with a local sender to other domains"},
+      {{Topic::kRelaying, kPostfix, "", Asker::kNeighbour, "10.0.0.0/8"},
+       "no mail from 10.0.0.0/8 to other domains"},
+      {{Topic::kDelivery, kPostfix}, "a message from this machine"},
+      {{Topic::kDelivery, kPostfix, "", Asker::kMachine, "alice"}, "a message to alice"},
+      {{Topic::kPortOwner, kPostfix, "11211", Asker::kMachine, "memcached"}, "memcached, port 11211"},
+      {{Topic::kCertificate, kPostfix, "587", Asker::kMachine, "smtp", true},
+       "Postfix, port 587, STARTTLS, certificate"},
+      {{Topic::kProgram, kPostfix, "465", Asker::kMachine, "0.0.0.0", true},
+       "Postfix, port 465, TLS, program at 0.0.0.0"},
+  };
+  for (const auto& [question, name] : kCases) EXPECT_EQ(Name(question), name);
+}
