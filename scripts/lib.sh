@@ -11,45 +11,64 @@ export PRIVATE_ROOT=${PRIVATE_ROOT:-$$}
 passed=0 failed=0 skipped=0
 
 # Debian packages, for 12 and 13.
-# shellcheck disable=SC2034 # each script takes the lists that it needs
-{
-  build_packages=(g++ cmake make libboost-dev libjsoncpp-dev libidn2-dev libcurl4-openssl-dev libgtest-dev
-    python3 python3-jsonschema util-linux iproute2)
-  check_packages=(clang-format clang-tidy shellcheck pyflakes3 strace mandoc xfsprogs)
-  # SpamAssassin's installation needs gpg's agent when gpg is there.
-  mail_packages=(postfix postfix-ldap postfix-policyd-spf-perl libsasl2-modules dovecot-core dovecot-imapd
-    dovecot-pop3d opendkim opendmarc publicsuffix gpg-agent spamassassin memcached openssl bind9-dnsutils)
-  network_packages=(slapd ldap-utils dnsmasq-base samba samba-ad-dc samba-ad-provision samba-dsdb-modules
-    samba-vfs-modules samba-common-bin python3-samba winbind libnss-winbind libpam-winbind krb5-user python3-aiosmtpd)
-  cross_packages=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user mmdebstrap dpkg-dev fakeroot lintian)
-  presets=(release arm64 armhf)  # of packages
-  if [ -n "${NATIVE-}" ]; then  # on another Debian release, this machine's processor is enough, and no look at the text
-    check_packages=()
-    cross_packages=(mmdebstrap dpkg-dev fakeroot lintian)
-    presets=(release)
-  fi
-}
+build=(g++ cmake make libboost-dev libjsoncpp-dev libidn2-dev libcurl4-openssl-dev libssl-dev libgtest-dev
+  python3 python3-jsonschema util-linux iproute2)
+# SpamAssassin's installation needs gpg's agent when gpg is there.
+mail=(postfix postfix-ldap postfix-policyd-spf-perl libsasl2-modules dovecot-core dovecot-imapd dovecot-pop3d opendkim
+  opendmarc publicsuffix gpg-agent spamassassin memcached openssl bind9-dnsutils)
+network=(slapd ldap-utils dnsmasq-base samba samba-ad-dc samba-ad-provision samba-dsdb-modules samba-vfs-modules
+  samba-common-bin python3-samba winbind libnss-winbind libpam-winbind krb5-user python3-aiosmtpd)
+measure=(postfix postfix-ldap dovecot-core openssl python3-aiosmtpd gcc libc6-dev strace python3-matplotlib
+  python3-jinja2 libtext-template-perl m4 gettext-base)
+checks=(clang-format clang-tidy shellcheck pyflakes3 strace mandoc e2fsprogs xfsprogs reuse)
+pack=(mmdebstrap dpkg-dev fakeroot lintian)
+cross=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user)
+presets=(release arm64 armhf)  # of packages
+# shellcheck disable=SC2034 # scripts/package reads the presets
+if [ -n "${NATIVE-}" ]; then  # on another Debian release, this machine's processor is enough, and no look at the text
+  checks=() cross=() presets=(release)
+fi
+# Which script needs which. scripts/test calls scripts/package too.
+case ${0##*/} in
+  demo) needed=("${build[@]}" "${mail[@]}" "${network[@]}") ;;
+  bench) needed=("${build[@]}" "${measure[@]}") ;;
+  package) needed=("${build[@]}" "${pack[@]}" "${cross[@]}") ;;
+  test) needed=("${build[@]}" "${mail[@]}" "${network[@]}" "${checks[@]}" "${pack[@]}" "${cross[@]}") ;;
+esac
 
 heading() { printf '\n== %s\n' "$*"; }
 
-# quietly WHAT COMMAND...: shows the command's output only when it fails.
+# quietly WHAT COMMAND...: shows of the command's output only what matters of a failure. A failure's whole output stays
+# in build/log.
 quietly() {
-  local what=$1 log="$scratch/log" began=$SECONDS
+  local what=$1 began=$SECONDS log
   shift
   echo "$what ..."
+  mkdir -p "$top/build/log"
+  log=$(mktemp "$top/build/log/${what//[ \/]/_}.XXXXXX")
   if "$@" </dev/null >"$log" 2>&1; then
+    rm "$log"
     printf '%s: good, %d s\n' "$what" $((SECONDS - began))
     return 0
   fi
-  tail -n 200 "$log"
-  printf '%s: FAILED, %d s\n' "$what" $((SECONDS - began))
+  failure "$log"
+  printf '%s: FAILED, %d s. The whole output is in %s\n' "$what" $((SECONDS - began)) "$log"
   return 1
 }
 
-# install_packages PACKAGE...: installs the packages that are missing and starts no service.
+# failure LOG: the last ten lines that name an error, or else the last ten, without those that only show progress.
+failure() {
+  local lines
+  lines=$(grep -vE '^(\[ *[0-9]+%\]|make(\[[0-9]+\])?: |g?make\[|-- |(Get|Hit|Ign):[0-9]|Selecting |Preparing |Unpacking )|^ *$' \
+    "$1")
+  grep -iE '\b(error|failed|failure|fatal|cannot|unable|not found|undefined)\b|no such|^E: ' <<<"$lines" | tail -n 10 |
+    grep . || tail -n 10 <<<"$lines"
+}
+
+# install_packages: installs the packages that this script needs and that are missing. Starts no service.
 install_packages() {
   local missing
-  missing=$(comm -23 <(printf '%s\n' "$@" | sort -u) \
+  missing=$(comm -23 <(printf '%s\n' "${needed[@]}" | sort -u) \
     <(dpkg-query -W -f '${db:Status-Status} ${Package}\n${db:Status-Status} ${Package}:${Architecture}\n' |
       sed -n 's/^installed //p' | sort -u))
   [ -n "$missing" ] || return 0
@@ -69,7 +88,7 @@ apt_install() (
   apt-get -o DPkg::Lock::Timeout=300 install -y --no-install-recommends "$@"
 )
 
-# build PRESET [TARGET...]: two scripts may do so at once.
+# build PRESET [TARGET...]: builds the targets, or else all and the tests. Two scripts may do so at once.
 build() {
   local preset=$1 directory=$top/build/$1
   shift
@@ -77,15 +96,12 @@ build() {
   (
     exec 9<"$directory"
     flock 9
-    cmake -S "$top" --preset "$preset" && cmake --build "$directory" -j "$(nproc)" ${1:+--target "$@"}
+    cd "$top" && cmake --preset "$preset" && cmake --build --preset "$preset" -j "$(nproc)" ${1:+--target "$@"}
   )
 }
 
-# stage: builds the programs with the preset "release", and installs them below $scratch/stage.
-stage() {
-  build release nubo_set_config nubo_config_preview nubo_config_apply &&
-    DESTDIR=$scratch/stage cmake --install "$top/build/release"
-}
+# stage: installs below $scratch/stage, with the preset "release", which builds all that is installed, and no test.
+stage() { DESTDIR=$scratch/stage build release install; }
 
 # private_root COMMAND...: runs the command on a private machine, see lab/private_root.
 private_root() {
