@@ -21,65 +21,64 @@ namespace {
 
 constexpr int kNotAsConfirmed = 5;
 
-constexpr const char* kWords[] = {"good", "bad", "warning", "not asked"};  // of MailObservation::State
-
-// "Postfix" of "Postfix, port 25".
-std::string DaemonOf(const MailObservation& listener) {
-  return listener.what.substr(0, listener.what.find(','));
-}
-
 // Adds each listener whose place is another program's or another user's, or a daemon's that reads other
 // files.
-void AddStrangers(std::vector<MailObservation>& mail) {
+void AddForeignOwners(CheckResults& mail) {
   std::set<std::string> seen;
-  for (const MailObservation& asked : std::vector(mail)) {
+  for (const CheckResult& asked : CheckResults(mail)) {
     if (!seen.insert(asked.place).second || asked.place.empty()) continue;
     const size_t colon = asked.place.rfind(':');
     for (const TcpListener& listener : TcpListeners()) {
       const bool there = listener.port == asked.place.substr(colon + 1) &&
                          (listener.address == "0.0.0.0" || listener.address == "::" ||
                           Contains(asked.place.substr(0, colon), listener.address));
-      const Daemon daemon = DaemonNamed(DaemonOf(asked));
+      const Daemon& daemon = DaemonOf(asked.question.daemon);
       if (!there || (Belongs(listener, daemon) && IsHeldBy(listener, daemon))) continue;
       std::string detail = "is of user " + std::to_string(listener.uid);
       for (const Owner& owner : OwnersOf(listener)) {
         detail += ", process " + std::to_string(owner.pid) + " (" + owner.program + ") of user " +
                   std::to_string(owner.uid);
       }
-      mail.emplace_back(
-          asked.what + ", program at " + listener.address, false, detail,
-          "Mail and passwords go to another program than the " + daemon.name + " that reads these files.");
+      Question question = asked.question;
+      question.topic = Topic::kProgram;
+      question.to = listener.address;
+      mail.push_back(Judge(
+          question, false, {detail},
+          "Mail and passwords go to another program than the " + daemon.name + " that reads these files."));
     }
   }
 }
 
 // Adds each TLS listener's certificate, which may not be the one in its file any more.
-void AddCertificates(std::vector<MailObservation>& mail, Json::Value& shown) {
+void AddCertificates(CheckResults& mail, Json::Value& shown) {
   std::vector<Certificate> certificates;
   try {
     certificates = Certificates(PostfixParameters(kEtc));
   } catch (const Fault&) {  // mail is not well, which is said already
   }
-  for (const MailObservation& listener : std::vector(mail)) {
-    if (!listener.tls || listener.Bad()) continue;
-    const std::string what = listener.what + ", certificate";
+  for (const CheckResult& listener : CheckResults(mail)) {
+    if (!listener.question.tls || listener.place.empty() || listener.Bad()) continue;
+    const std::string& daemon = DaemonOf(listener.question.daemon).name;
+    Question question = listener.question;
+    question.topic = Topic::kCertificate;
+    question.to = listener.startTls;
     const std::string fingerprint = ServedFingerprint(listener.place, listener.startTls);
     const auto file = std::find_if(certificates.begin(), certificates.end(), [&](const Certificate& one) {
-      return one.fingerprint == fingerprint && Contains(one.readers, DaemonOf(listener));
+      return one.fingerprint == fingerprint && Contains(one.readers, daemon);
     });
     if (file == certificates.end()) {
-      mail.emplace_back(what, false, "is not the one in its file: restart " + DaemonOf(listener));
+      mail.push_back(Judge(question, false, {"is not the one in its file: restart " + daemon}));
       continue;
     }
-    const auto state = !file->usable         ? MailObservation::kBad
-                       : file->fault.empty() ? MailObservation::kGood
-                                             : MailObservation::kWarning;
-    mail.emplace_back(what, state,
-                      file->names + ", " +
-                          (file->fault.empty() ? std::to_string(file->days) + " days left"
-                                               : file->fault + ": " + file->file));
+    const bool good = file->fault.empty();
+    const std::string days = std::to_string(file->days) + " days left";
+    mail.push_back({question,
+                    !file->usable ? Grade::kBad
+                    : good        ? Grade::kGood
+                                  : Grade::kWarning,
+                    {file->names + ", " + (good ? days : file->fault + ": " + file->file)}});
     Json::Value one;
-    one["listener"] = listener.what;
+    one["listener"] = Name(listener.question);
     one["names"] = file->names;
     one["days"] = static_cast<Json::Int64>(file->days);
     shown.append(one);
@@ -100,21 +99,11 @@ Json::Value Queue() {
   return queue;
 }
 
-Json::Value ToJson(const MailObservation& one) {
-  Json::Value object;
-  object["what"] = one.what;
-  object["state"] = kWords[one.state];
-  object["detail"] = one.detail;
-  object["consequence"] = one.consequence;
-  return object;
-}
-
-void Print(const std::vector<MailObservation>& mail, const std::vector<InstalledVersion>& versions,
-           const Json::Value& all) {
-  for (const MailObservation& one : mail) {
-    std::cout << std::left << std::setw(10) << (one.Bad() ? "BAD" : kWords[one.state]) << one.what << ": "
-              << one.detail << '\n';
-    if (!one.consequence.empty()) std::cout << std::setw(10) << "" << one.consequence << '\n';
+void Print(const CheckResults& mail, const std::vector<InstalledVersion>& versions, const Json::Value& all) {
+  for (const CheckResult& one : mail) {
+    std::cout << std::left << std::setw(10) << (one.Bad() ? "BAD" : Word(one.grade)) << Name(one.question)
+              << ": " << one.Said() << '\n';
+    if (!one.sentence.empty()) std::cout << std::setw(10) << "" << one.sentence << '\n';
   }
   const int waiting = all["queue"]["messages"].asInt();
   std::cout << "queue: " << waiting << (waiting == 1 ? " message waits" : " messages wait");
@@ -137,19 +126,20 @@ int Check(const Request& request) {
   std::set<std::string> daemons = {"Postfix"};
   if (std::filesystem::exists("/usr/sbin/dovecot")) daemons.insert("Dovecot");
   const bool message = !Contains(request.arguments, "--no-message");
-  std::vector<MailObservation> mail =
+  CheckResults mail =
       AskMail(daemons, message ? "Mail is checked" : "", "nubo_config_apply check asked for this.\n");
   Json::Value all;
-  AddStrangers(mail);
+  AddForeignOwners(mail);
   AddCertificates(mail, all["certificates"] = Json::arrayValue);
   const std::vector<InstalledVersion> versions = DaemonVersions();
   for (const InstalledVersion& one : versions) {
     all["versions"][one.program] = one.version;
     if (!one.warning.empty())
-      mail.emplace_back("version of " + one.program, MailObservation::kWarning, one.warning);
+      mail.push_back({{Topic::kVersion, DaemonId::kPostfix, "", Asker::kMachine, one.program},
+                      Grade::kWarning,
+                      {one.warning}});
   }
-  const bool well =
-      std::none_of(mail.begin(), mail.end(), [](const MailObservation& one) { return one.Bad(); });
+  const bool well = std::none_of(mail.begin(), mail.end(), [](const CheckResult& one) { return one.Bad(); });
   all["queue"] = Queue();
   if (IsPending()) all["pending"] = ReadPending().what;
   Json::Value& differing = all["differing"] = Json::arrayValue;
@@ -164,7 +154,7 @@ int Check(const Request& request) {
   const int status = !well ? 1 : differing.empty() && all["pending"].isNull() ? 0 : kNotAsConfirmed;
   all["exit_status"] = status;
   if (Contains(request.arguments, "--json")) {
-    for (const MailObservation& one : mail) all["mail"].append(ToJson(one));
+    all["mail"] = ToJson(mail);
     std::cout << all.toStyledString() << std::flush;
   } else {
     Print(mail, versions, all);

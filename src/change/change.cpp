@@ -126,17 +126,17 @@ void IgnoreHangup() {
   for (const int number : {SIGINT, SIGTERM}) std::signal(number, [](int) { interrupted = 1; });
 }
 
-std::vector<MailObservation> AskMail(const std::set<std::string>& daemons, const std::string& subject,
-                                     const std::string& text) {
+CheckResults AskMail(const std::set<std::string>& daemons, const std::string& subject,
+                     const std::string& text) {
   const bool postfix = daemons.count("Postfix") != 0;
-  std::vector<MailObservation> seen =
-      CheckMail({postfix, daemons.count("Dovecot") != 0, false, subject, text});
-  if (!postfix) return seen;
+  CheckResults results = CheckMail({postfix, daemons.count("Dovecot") != 0, false, subject, text});
+  if (!postfix) return results;
   for (const std::string& name : WantedMilters(kEtc)) {
     const bool serves = IsServing(DaemonNamed(name));
-    seen.emplace_back(name, serves, serves ? "runs" : "main.cf names it, and it does not run");
+    results.push_back(Judge({Topic::kStarts, DaemonNamed(name).id}, serves,
+                            {serves ? "runs" : "main.cf names it, and it does not run"}));
   }
-  return seen;
+  return results;
 }
 
 std::string CheckAgain(const Change& change, const std::string& subject, const std::string& text) {
@@ -146,9 +146,10 @@ std::string CheckAgain(const Change& change, const std::string& subject, const s
   const auto ask = [&] {
     worse.clear();
     asBefore.clear();
-    for (const MailObservation& one : AskMail(change.running, subject, change.what + text)) {
+    for (const CheckResult& one : AskMail(change.running, subject, change.what + text)) {
       if (!one.Bad()) continue;
-      (change.unwell.count(one.what) == 0 ? worse : asBefore).push_back(one.what + ": " + one.detail);
+      const std::string name = Name(one.question);
+      (change.unwell.count(name) == 0 ? worse : asBefore).push_back(name + ": " + one.Said());
     }
     return worse.empty();
   };
@@ -183,11 +184,11 @@ Change Begin(const std::string& command, const Request& request, const std::set<
   Change change = {*States().rbegin(), what, request.user, ThisBoot(), 0, 0, concerned, RunningDaemons(), {}};
   Step step("Mail as it is");
   const bool lacksLogins = LacksLogins(change.running);
-  for (const MailObservation& one :
+  for (const CheckResult& one :
        AskMail(change.running, "Mail before a change of its configuration",
                "The configuration is about to change. This message shows that mail is "
                "delivered.\n")) {
-    if (one.Bad() || (one.tls && lacksLogins)) change.unwell.insert(one.what);
+    if (one.Bad() || (one.question.tls && lacksLogins)) change.unwell.insert(Name(one.question));
   }
   step.Say(change.running.empty() ? "no daemon runs"
            : change.unwell.empty()

@@ -63,8 +63,8 @@ long Now();
 void IgnoreHangup();
 
 /// Checks the mail of these daemons, with a message of this subject and text.
-std::vector<MailObservation> AskMail(const std::set<std::string>& daemons, const std::string& subject,
-                                     const std::string& text);
+CheckResults AskMail(const std::set<std::string>& daemons, const std::string& subject,
+                     const std::string& text);
 
 /// Checks the mail of the daemons that ran before the change. Returns what fails, as it did before. Throws
 /// Fault with what fails, and did not before.

@@ -12,20 +12,19 @@ class Delivery {
  public:
   Delivery(const MailCheck& check, const Parameters& main, const std::vector<SmtpListener>& listeners);
 
-  /// Waits until it is decided what becomes of the messages, and adds that.
-  void Follow(Observations& seen);
+  /// Waits until it is decided what becomes of the messages, and returns that.
+  CheckResults Follow();
 
  private:
   struct Message {
-    MailObservation seen;
+    CheckResult result;
     std::string to;
     std::string id;    // Message-ID
-    std::string user;  // of this machine; may be empty
-    bool elsewhere;    // to another host
+    std::string user;  // of this machine, if it is to one
     bool ended = false;
   };
 
-  void HandIn(const std::string& what, const std::string& to, const std::string& consequence, bool elsewhere);
+  void HandIn(const std::string& name, const std::string& to, const std::string& sentence);
   void Read();
   void Decide(Message& message, const std::vector<std::string>& lines);
   void Deferred(Message& message, const std::string& line);

@@ -38,17 +38,16 @@ Parameters ParseBlocks(const std::string& text) {
   return found;
 }
 
-// The questions of one service. `port` is "0" when it is off.
-void AddService(std::vector<Question>& questions, const MailCheck& check, const Service& service,
+// What is asked of one service. `port` is "0" when it is off.
+void AddService(std::vector<Inquiry>& inquiries, const MailCheck& check, const Service& service,
                 const std::string& port, const std::string& address, bool tls) {
-  const std::string what = std::string("Dovecot, ") + service.name;
   const std::string begin = service.name + std::string("://");
   const auto nobody = [&](const std::string& place) {
-    questions.push_back([=] {
+    inquiries.push_back([=] {
       const Answer answer = Converse({begin + place, service.command});
-      return MailObservation(what + " at " + place, answer.refused,
-                             answer.refused ? "off" : "off, but: " + answer.said,
-                             "Others can use " + place + ", which is switched off.");
+      return Judge({Topic::kSwitchedOff, DaemonId::kDovecot, service.name, Asker::kMachine, place},
+                   answer.refused, {answer.refused ? "off" : "off, but: " + answer.said},
+                   "Others can use " + place + ", which is switched off.");
     });
   };
   if (port == "0") {
@@ -58,14 +57,19 @@ void AddService(std::vector<Question>& questions, const MailCheck& check, const 
   const std::vector<std::string> addresses = Words(address);
   const bool here = addresses.empty() || Contains(addresses, "*") || Contains(addresses, "localhost");
   const std::string place = InUrl(here ? "127.0.0.1" : addresses[0]) + ":" + port;
-  const bool startTls = tls && service.name != service.protocol + std::string("s");
-  questions.push_back(Asks(check, what, {begin + place, service.command, startTls},
-                           "Nobody can read mail on port " + port + "."));
+  const bool implicitTls = service.name != std::string(service.protocol);
+  const bool startTls = tls && !implicitTls;
+  Question question = {Topic::kGreeting,  DaemonId::kDovecot, service.name, Asker::kMachine, "",
+                       tls || implicitTls};
+  inquiries.push_back(AskThreeTimes(check, question, {begin + place, service.command, startTls},
+                                    "Nobody can read mail on port " + port + "."));
   if (check.isolated) {
     Dialogue login = {begin + place, service.command, startTls};
     login.user = "rehearsal";
-    if (place == "127.0.0.1:" + port) login.from = "127.0.1." + std::to_string(questions.size());
-    questions.push_back([=] { return JudgeLogin(what, Converse(login)); });
+    if (place == "127.0.0.1:" + port) login.from = "127.0.1." + std::to_string(inquiries.size());
+    question.topic = Topic::kLogin;
+    question.by = Asker::kUser;
+    inquiries.push_back([=] { return JudgeLogin(question, Converse(login)); });
   }
   std::vector<std::string> own = OwnAddresses();
   own.erase(std::remove_if(own.begin(), own.end(), [](const auto& one) { return Contains(one, ":"); }),
@@ -75,26 +79,27 @@ void AddService(std::vector<Question>& questions, const MailCheck& check, const 
 
 }  // namespace
 
-std::vector<Question> DovecotQuestions(const MailCheck& check) {
+std::vector<Inquiry> DovecotInquiries(const MailCheck& check) {
   constexpr Service kServices[] = {{"imap", "imap", "NOOP", "143"},
                                    {"imaps", "imap", "NOOP", "993"},
                                    {"pop3", "pop3", "CAPA", "110"},
                                    {"pop3s", "pop3", "CAPA", "995"}};
   const ProgramResult asked = RunProgram(DaemonNamed("Dovecot").check);
   if (asked.status != 0) {
-    const std::string why = asked.errors;
-    return {[=] { return MailObservation("Dovecot's configuration", false, why, "Dovecot does not run."); }};
+    return {[why = asked.errors] {
+      return Judge({Topic::kConfiguration, DaemonId::kDovecot}, false, Lines(why), "Dovecot does not run.");
+    }};
   }
   Parameters values = ParseBlocks(asked.output);
-  std::vector<Question> questions;
+  std::vector<Inquiry> inquiries;
   for (const Service& service : kServices) {
     const std::string listener =
         std::string("service ") + service.protocol + "-login/inet_listener " + service.name + "/";
     const bool on = Contains(Words(values["protocols"]), service.protocol);
     values.insert({listener + "port", service.port});  // a default is not printed
     // Dovecot 2.3 has an address, 2.4 listens.
-    AddService(questions, check, service, on ? values[listener + "port"] : "0",
+    AddService(inquiries, check, service, on ? values[listener + "port"] : "0",
                values[listener + "address"] + values[listener + "listen"], values["ssl"] != "no");
   }
-  return questions;
+  return inquiries;
 }

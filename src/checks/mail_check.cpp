@@ -13,39 +13,37 @@ constexpr size_t kAtATime = 6;  // they wait for the daemons, most of the time
 
 }  // namespace
 
-Question Asks(const MailCheck& check, const std::string& what, const Dialogue& dialogue,
-              const std::string& consequence) {
+Inquiry AskThreeTimes(const MailCheck& check, const Question& question, const Dialogue& dialogue,
+                      const std::string& sentence) {
   const int tries = check.isolated ? 1 : kTries;
   return [=] {
     Answer answer = Converse(dialogue);
     for (int count = 1; count < tries && answer.good; ++count) answer = Converse(dialogue);
-    MailObservation seen(what, answer.good, answer.said, consequence);
+    CheckResult result = Judge(question, answer.good, {answer.said}, sentence);
     const size_t begin = dialogue.url.find("://");
-    const std::string protocol = dialogue.url.substr(0, begin);
-    seen.place = dialogue.url.substr(begin + 3, dialogue.url.find('/', begin + 3) - begin - 3);
-    seen.tls = dialogue.startTls || protocol.back() == 's';
-    if (dialogue.startTls) seen.startTls = protocol;
-    return seen;
+    result.place = dialogue.url.substr(begin + 3, dialogue.url.find('/', begin + 3) - begin - 3);
+    if (dialogue.startTls) result.startTls = dialogue.url.substr(0, begin);
+    return result;
   };
 }
 
-Asking::Asking(const std::vector<Question>& questions) : questions_(questions), answers_(questions.size()) {
+Inquiries::Inquiries(const std::vector<Inquiry>& all) : inquiries_(all), answers_(all.size()) {
   const auto work = [this] {
-    for (size_t one; (one = next_++) < questions_.size();) answers_[one] = questions_[one]();
+    for (size_t one; (one = next_++) < inquiries_.size();) answers_[one] = inquiries_[one]();
   };
-  for (size_t i = 0; i < std::min(kAtATime, questions_.size()); ++i) threads_.emplace_back(work);
+  for (size_t i = 0; i < std::min(kAtATime, inquiries_.size()); ++i) threads_.emplace_back(work);
 }
 
-void Asking::Wait(Observations& seen) {
+void Inquiries::Wait(CheckResults& results) {
   for (std::thread& thread : threads_) thread.join();
-  for (const std::optional<MailObservation>& answer : answers_) seen.push_back(*answer);
+  for (const std::optional<CheckResult>& answer : answers_) results.push_back(*answer);
 }
 
-std::vector<MailObservation> CheckMail(const MailCheck& check) {
+CheckResults CheckMail(const MailCheck& check) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
-  Observations seen;
-  Asking dovecot(check.dovecot ? DovecotQuestions(check) : std::vector<Question>());
-  if (check.postfix) CheckPostfix(seen, check);
-  dovecot.Wait(seen);
-  return seen;
+  CheckResults results;
+  Inquiries dovecot(check.dovecot ? DovecotInquiries(check) : std::vector<Inquiry>());
+  if (check.postfix) CheckPostfix(results, check);
+  dovecot.Wait(results);
+  return results;
 }

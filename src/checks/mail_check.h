@@ -4,40 +4,10 @@
 
 #include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
+#include "checks/check_result.h"
 #include "mail/configuration.h"
-
-/// One question, and what was seen.
-struct MailObservation {
-  enum State {
-    kGood,
-    kBad,      ///< mail is broken, or the machine is open
-    kWarning,  ///< allowed, but the administrator should know
-    kNotAsked  ///< could not be asked, or there was no answer that decides
-  };
-
-  /// With the state kGood or kBad.
-  MailObservation(std::string name, bool good, std::string answer, std::string who = "")
-      : MailObservation(std::move(name), good ? kGood : kBad, std::move(answer), std::move(who)) {}
-  MailObservation(std::string name, State seen, std::string answer, std::string who = "")
-      : what(std::move(name)),
-        state(seen),
-        detail(std::move(answer)),
-        consequence(seen == kGood ? "" : std::move(who)) {}
-
-  bool Bad() const { return state == kBad; }
-
-  std::string what;  ///< its name, the same in every check, so that two checks can be compared
-  State state;
-  std::string detail;  ///< the server's answer, or why there was none
-  std::string
-      consequence;         ///< one sentence when it is not good: who cannot do what, or who can; may be empty
-  std::string place{};     ///< HOST:PORT of the listener that was asked, if one was
-  std::string startTls{};  ///< the protocol in which TLS was begun by STARTTLS
-  bool tls = false;        ///< it was asked under TLS
-};
 
 /// What to check.
 struct MailCheck {
@@ -62,15 +32,15 @@ struct MailCheck {
 /// The check waits at most 5 seconds for an answer and 15 for a delivery.
 ///
 /// In a rehearsal there is no network, and what waits for DNS, a directory or another host is not decided.
-/// The addresses of Strangers (strangers.h) are routed to this machine, and these are asked too:
+/// The OutsideAddresses (strangers.h) are routed to this machine, and these are asked too:
 /// - strangers, with and without STARTTLS, over IPv4 and IPv6: each domain and user is reached; nobody on the
 ///   Internet or in a private network, also who claims a local sender, may send elsewhere;
 /// - a login with a wrong password is refused, on each port that offers it, by whom checks passwords;
 /// - a message to another host leaves as far as it gets; one to each of the users is delivered, and Dovecot
 ///   finds it in the user's INBOX.
-std::vector<MailObservation> CheckMail(const MailCheck& check);
+CheckResults CheckMail(const MailCheck& check);
 
 /// Whether the ports of this machine that Postfix with these parameters asks about each message are in the
-/// hands of those whom it means: the milters, and the cache of the senders' quotas. One observation for each
-/// of them; that nobody listens is good here.
-std::vector<MailObservation> CheckPorts(const Parameters& mainCf);
+/// hands of those whom it means: the milters, and the cache of the senders' quotas. One result for each of
+/// them; that nobody listens is good here.
+CheckResults CheckPorts(const Parameters& mainCf);

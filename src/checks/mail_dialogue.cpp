@@ -4,7 +4,6 @@
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -41,15 +40,10 @@ bool IsDenial(const std::string& line) {
          StartsWith(line, "-ERR [AUTH]");
 }
 
-bool IsRefusal(const std::string& line) {  // RFC 5321, section 4.2.1
-  return line.size() > 3 && (line[0] == '4' || line[0] == '5') && std::isdigit(line[1]) != 0 &&
-         std::isdigit(line[2]) != 0;
-}
-
 // The first refusal, or else the last line; with libcurl's reason if it has one.
 std::string Said(const std::vector<std::string>& lines, const char* reason) {
   for (const std::string& line : lines) {
-    if (IsRefusal(line)) return line;
+    if (ReplyCode(line) >= 400) return line;
   }
   if (lines.empty()) return reason;
   if (Contains(lines.back(), " NO [") || StartsWith(lines.back(), "-ERR")) return lines.back();
@@ -57,6 +51,11 @@ std::string Said(const std::vector<std::string>& lines, const char* reason) {
 }
 
 }  // namespace
+
+int ReplyCode(const std::string& line) {
+  const size_t digits = std::min(line.find_first_not_of("0123456789"), line.size());
+  return digits == 3 && line[0] >= '2' && line[0] <= '5' ? std::stoi(line) : 0;
+}
 
 Answer Converse(const Dialogue& dialogue) {
   const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> owner(curl_easy_init(), curl_easy_cleanup);

@@ -22,6 +22,9 @@ struct Answer {
   std::string said;  ///< the server's first refusal, or else its last line; when it said nothing, why
 };
 
+/// The code of an SMTP reply, such as 451 (RFC 5321, section 4.2.1); 0 for a line that has none.
+int ReplyCode(const std::string& line);
+
 /// Has the dialogue. Waits at most 5 seconds for an answer; 20 with `to`, because the server's checks in
 /// DNS may take long. No message is sent: the connection ends before its text would begin. The server's
 /// certificate is not checked.

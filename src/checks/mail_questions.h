@@ -4,41 +4,37 @@
 #include <atomic>
 #include <functional>
 #include <optional>
-#include <string>
 #include <thread>
 #include <vector>
 
 #include "checks/mail_check.h"
 #include "checks/mail_dialogue.h"
-#include "mail/configuration.h"
 
-using Observations = std::vector<MailObservation>;
+/// Asks a question, and judges the answer. Runs in a thread, and starts no process.
+using Inquiry = std::function<CheckResult()>;
 
-/// Asks something, and judges the answer. Runs in a thread, and starts no process.
-using Question = std::function<MailObservation()>;
-
-/// The question whether a dialogue goes well, three times or until it fails. (After a failed reload an old
+/// The inquiry whether a dialogue goes well, three times or until it fails. (After a failed reload an old
 /// process may share the port and take some of the connections. In a rehearsal there is none, and it is asked
-/// once.) `consequence` is said when it fails.
-Question Asks(const MailCheck& check, const std::string& what, const Dialogue& dialogue,
-              const std::string& consequence);
+/// once.) `sentence` is said when it fails.
+Inquiry AskThreeTimes(const MailCheck& check, const Question& question, const Dialogue& dialogue,
+                      const std::string& sentence);
 
-/// Asks questions in the background, some at a time.
-class Asking {
+/// Asks in the background, some questions at a time.
+class Inquiries {
  public:
-  explicit Asking(const std::vector<Question>& questions);
+  explicit Inquiries(const std::vector<Inquiry>& all);
 
-  /// Waits for the answers, and adds what was seen, in the order of the questions. Call it once.
-  void Wait(Observations& seen);
+  /// Waits for the answers, and adds them, in the order of the questions. Call it once.
+  void Wait(CheckResults& results);
 
  private:
-  std::vector<Question> questions_;
-  std::vector<std::optional<MailObservation>> answers_;
+  std::vector<Inquiry> inquiries_;
+  std::vector<std::optional<CheckResult>> answers_;
   std::atomic<size_t> next_ = 0;
   std::vector<std::thread> threads_;
 };
 
-void CheckPostfix(Observations& seen, const MailCheck& check);
+void CheckPostfix(CheckResults& results, const MailCheck& check);
 
-/// The questions about Dovecot's listeners.
-std::vector<Question> DovecotQuestions(const MailCheck& check);
+/// What is asked at Dovecot's listeners.
+std::vector<Inquiry> DovecotInquiries(const MailCheck& check);

@@ -15,103 +15,112 @@
 namespace {
 
 // Banner and EHLO of a listener, and its TLS.
-void AddListener(std::vector<Question>& questions, const MailCheck& check, const SmtpListener& listener) {
-  const std::string what = "Postfix, port " + listener.name;
+void AddListener(std::vector<Inquiry>& inquiries, const MailCheck& check, const SmtpListener& listener) {
+  Question question = {Topic::kGreeting, DaemonId::kPostfix, listener.name, Asker::kMachine, "",
+                       listener.wrapped};
   const std::string url = listener.Url(listener.here) + "localhost";
   const std::string nobody = "Nobody can use port " + listener.name;
-  questions.push_back(Asks(check, what + (listener.wrapped ? ", TLS" : ""), {url, "NOOP"}, nobody + "."));
-  if (listener.startTls)
-    questions.push_back(Asks(check, what + ", STARTTLS", {url, "NOOP", true}, nobody + " with TLS."));
+  inquiries.push_back(AskThreeTimes(check, question, {url, "NOOP"}, nobody + "."));
+  if (!listener.startTls) return;
+  question.topic = Topic::kStartTls;
+  question.tls = true;
+  inquiries.push_back(AskThreeTimes(check, question, {url, "NOOP", true}, nobody + " with TLS."));
 }
 
 // A relay host that is this machine sends the mail back to it.
-void JudgeRelayHost(Observations& seen, const Parameters& main, const std::vector<SmtpListener>& listeners) {
+void JudgeRelayHost(CheckResults& results, const Parameters& main,
+                    const std::vector<SmtpListener>& listeners) {
   static const std::regex form(R"(\[?([^\[\]]+?)\]?(?::(\d+|smtp))?)");
   std::smatch match;
   const std::string& host = main.at("relayhost");
   if (!std::regex_match(host, match, form)) return;
   const std::string port = match[2].matched && match[2] != "smtp" ? match[2].str() : "25";
   const bool own = IsOwn(listeners, match[1] == main.at("myhostname") ? "127.0.0.1" : match[1].str(), port);
-  seen.emplace_back("the relay host", !own, own ? host + " is this machine" : "",
-                    "Mail to other hosts comes back, and bounces.");
+  results.push_back(Judge({Topic::kRelayHost, DaemonId::kPostfix}, !own,
+                          Lines(own ? host + " is this machine" : ""),
+                          "Mail to other hosts comes back, and bounces."));
 }
 
-MailObservation CheckPort(const std::string& name, const std::string& port, const std::string& account,
-                          const std::string& deed) {
-  MailObservation seen(name + ", port " + port, true, "nobody else listens");
+CheckResult CheckPort(const Question& question, const std::string& account, const std::string& deed) {
+  const std::string& port = question.listener;
+  CheckResult result = Judge(question, true, {"nobody else listens"});
   for (const TcpListener& stranger : StrangersOn(port, account)) {
     const passwd* known = getpwuid(stranger.uid);
-    const std::string user = "user " + (known != nullptr ? known->pw_name : std::to_string(stranger.uid));
-    std::string detail = stranger.address + " is held by " + user + ", and not by " + name;
+    const std::string user = known != nullptr ? known->pw_name : std::to_string(stranger.uid);
+    std::string detail = stranger.address + " is held by user " + user + ", and not by " + question.to;
     for (const Owner& owner : OwnersOf(stranger)) {
       detail += "; process " + std::to_string(owner.pid) + " (" + owner.program + ")";
     }
-    seen = MailObservation(seen.what, false, detail, "U" + user.substr(1) + " " + deed);
+    result = Judge(question, false, {detail}, "User " + user + " " + deed);
   }
-  return seen;
+  return result;
 }
 
 }  // namespace
 
-std::vector<MailObservation> CheckPorts(const Parameters& mainCf) {
-  std::vector<MailObservation> seen;
+CheckResults CheckPorts(const Parameters& mainCf) {
+  const auto question = [](DaemonId daemon, const std::string& port, const std::string& name) {
+    return Question{Topic::kPortOwner, daemon, port, Asker::kMachine, name};
+  };
+  CheckResults results;
   for (const Daemon& daemon : Daemons()) {
     if (!daemon.milterPort.empty() && IsWanted(daemon, mainCf)) {
-      seen.push_back(CheckPort(daemon.name, daemon.milterPort, daemon.account,
-                               "can read every message, and change it."));
+      results.push_back(CheckPort(question(daemon.id, daemon.milterPort, daemon.name), daemon.account,
+                                  "can read every message, and change it."));
     }
   }
   const auto cache = mainCf.find("smtpd_sasl_sender_quota_cache");
   if (cache != mainCf.end() && Contains(cache->second, "memcache:")) {
-    seen.push_back(CheckPort("memcached", "11211", "memcache", "can set how much a sender may send."));
+    results.push_back(CheckPort(question(DaemonId::kPostfix, "11211", "memcached"), "memcache",
+                                "can set how much a sender may send."));
   }
-  return seen;
+  return results;
 }
 
-void CheckPostfix(Observations& seen, const MailCheck& check) {
+void CheckPostfix(CheckResults& results, const MailCheck& check) {
   Parameters main;
   std::vector<SmtpListener> listeners;
   try {
     main = PostfixParameters(kEtc);
     listeners = SmtpListeners(main);
   } catch (const Fault& fault) {
-    seen.emplace_back("Postfix's configuration", false, fault.what(), "Postfix does not run.");
+    results.push_back(
+        Judge({Topic::kConfiguration, DaemonId::kPostfix}, false, {fault.what()}, "Postfix does not run."));
     return;
   }
-  if (!check.isolated) seen = CheckPorts(main);
-  std::vector<Question> first;
+  if (!check.isolated) results = CheckPorts(main);
+  std::vector<Inquiry> first;
   for (const SmtpListener& listener : listeners) AddListener(first, check, listener);
-  Asking(first).Wait(seen);
+  Inquiries(first).Wait(results);
   // A listener that does not even greet is not asked further, nor one whose TLS does not work what takes TLS.
-  const auto failed = [&](const SmtpListener& listener, const std::string& tls) {
-    const std::string what = "Postfix, port " + listener.name + tls;
-    return std::any_of(seen.begin(), seen.end(),
-                       [&](const MailObservation& one) { return one.Bad() && one.what == what; });
+  const auto failed = [&](const SmtpListener& listener, Topic topic) {
+    return std::any_of(results.begin(), results.end(), [&](const CheckResult& one) {
+      return one.Bad() && one.question.topic == topic && one.question.listener == listener.name;
+    });
   };
   listeners.erase(std::remove_if(listeners.begin(), listeners.end(),
                                  [&](const SmtpListener& listener) {
-                                   return failed(listener, "") || failed(listener, ", TLS") ||
-                                          (listener.mustTls && failed(listener, ", STARTTLS"));
+                                   return failed(listener, Topic::kGreeting) ||
+                                          (listener.mustTls && failed(listener, Topic::kStartTls));
                                  }),
                   listeners.end());
   for (SmtpListener& listener : listeners) {
-    if (failed(listener, ", STARTTLS")) listener.startTls = listener.offersLogin = false;
+    if (failed(listener, Topic::kStartTls)) listener.startTls = listener.offersLogin = false;
   }
   if (listeners.empty()) {
-    seen.emplace_back("a message from this machine", false, "no listener answers",
-                      "Postfix does not take mail.");
+    results.push_back(Judge({Topic::kDelivery, DaemonId::kPostfix}, false, {"no listener answers"},
+                            "Postfix does not take mail."));
     return;
   }
   Delivery delivery(check, main, listeners);
-  std::vector<Question> second = StrangerQuestions(listeners, main, check);
+  std::vector<Inquiry> second = StrangerInquiries(listeners, main, check);
   if (check.isolated) {
-    for (const Question& question : LoginQuestions(listeners)) second.push_back(question);
+    for (const Inquiry& inquiry : LoginInquiries(listeners)) second.push_back(inquiry);
   }
-  if (check.isolated) JudgeRelayHost(seen, main, listeners);
-  seen.push_back(JudgeNetworks(main, check.isolated));
-  Asking asking(second);
-  Observations messages;
-  delivery.Follow(messages);
-  asking.Wait(seen);
-  seen.insert(seen.end(), messages.begin(), messages.end());
+  if (check.isolated) JudgeRelayHost(results, main, listeners);
+  results.push_back(JudgeNetworks(main, check.isolated));
+  Inquiries inquiries(second);
+  const CheckResults messages = delivery.Follow();
+  inquiries.Wait(results);
+  results.insert(results.end(), messages.begin(), messages.end());
 }

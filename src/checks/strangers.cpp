@@ -1,7 +1,6 @@
 #include "checks/strangers.h"
 
 #include <algorithm>
-#include <regex>
 
 #include "system/text.h"
 
@@ -54,10 +53,10 @@ std::string Untrusted(const std::vector<std::string>& addresses, const Parameter
 
 // True when a refusal to accept mail is a fault here, and not the lack of an answer from DNS or a directory.
 bool IsFault(const std::string& refusal, bool isolated) {
-  static const std::regex ours("^451 4\\.(3\\.5|7\\.1 Service unavailable)|queue file write error");
-  static const std::regex temporary("^4\\d\\d ");
-  if (std::regex_search(refusal, ours)) return true;
-  return isolated ? !std::regex_search(refusal, temporary) : !StartsWith(refusal, "450");
+  if (StartsWith(refusal, "451 4.3.5") || StartsWith(refusal, "451 4.7.1 Service unavailable") ||
+      Contains(refusal, "queue file write error"))
+    return true;
+  return isolated ? ReplyCode(refusal) / 100 != 4 : ReplyCode(refusal) != 450;
 }
 
 // Sends as far as it goes. The client's name is its address (RFC 5321, section 4.1.3), which no check of
@@ -72,64 +71,68 @@ Answer Send(const SmtpListener& listener, Dialogue dialogue) {
   return Converse(dialogue);
 }
 
-MailObservation JudgeArrival(const std::string& what, const Answer& answer, const Dialogue& dialogue,
-                             bool isolated) {
-  if (answer.good) return {what, true, answer.said};
-  if (!dialogue.startTls && StartsWith(answer.said, "530 ")) {
-    return {what, MailObservation::kWarning, answer.said,
+CheckResult JudgeArrival(const Question& question, const Answer& answer, const std::string& to,
+                         bool isolated) {
+  if (answer.good) return {question, Grade::kGood, {answer.said}};
+  if (!question.tls && ReplyCode(answer.said) == 530) {
+    return {question,
+            Grade::kWarning,
+            {answer.said},
             "Mail servers that speak no TLS cannot deliver to this machine."};
   }
-  if (!IsFault(answer.said, isolated)) return {what, MailObservation::kNotAsked, answer.said};
-  return {what, false, answer.said, "Nobody on other machines can send mail to " + dialogue.to + "."};
+  if (!IsFault(answer.said, isolated)) return {question, Grade::kNotAsked, {answer.said}};
+  return {question, Grade::kBad, {answer.said}, "Nobody on other machines can send mail to " + to + "."};
 }
 
-// `network` is that of the client; `lan` when it is a private one. `trusted` is the word of mynetworks that
-// trusts it, if one does: an administrator's own network then, unless it is wider than that.
-MailObservation JudgeRelay(const std::string& what, const Answer& answer, const std::string& network,
-                           bool lan, const std::string& trusted) {
+// `network` is that of the client. `trusted` is the word of mynetworks that trusts it, if one does: an
+// administrator's own network then, unless it is wider than a private one.
+CheckResult JudgeRelay(const Question& question, const Answer& answer, const std::string& network,
+                       const std::string& trusted) {
+  const std::string may = " may send anywhere without a login.";
+  const bool lan = question.by == Asker::kNeighbour;
   if (answer.good && lan && !trusted.empty() && IsPrivate(trusted))
-    return {what, true, trusted + " is trusted, by mynetworks"};
-  if (answer.good) {
-    return {what, lan ? MailObservation::kWarning : MailObservation::kBad, answer.said,
-            std::string(lan ? "A" : "Open relay: a") + "ny host on " + network +
-                " may send anywhere without a login."};
-  }
-  if (answer.said[0] == '5') return {what, true, answer.said};
-  return {what, MailObservation::kNotAsked, answer.said};
+    return {question, Grade::kGood, {trusted + " is trusted, by mynetworks"}};
+  if (answer.good && lan) return {question, Grade::kWarning, {answer.said}, "Any host on " + network + may};
+  if (answer.good) return {question, Grade::kBad, {answer.said}, "Open relay: any host on " + network + may};
+  return {question, ReplyCode(answer.said) / 100 == 5 ? Grade::kGood : Grade::kNotAsked, {answer.said}};
 }
 
 // What strangers may not do on the listener that is open to them.
-void AddRelay(std::vector<Question>& questions, const SmtpListener& listener, const std::string& begin,
+void AddRelay(std::vector<Inquiry>& inquiries, const SmtpListener& listener, const std::string& name,
               const Parameters& main, const MailCheck& check) {
-  const auto add = [&](const std::string& what, const std::string& address, const std::string& from,
-                       const std::string& sender, const std::string& network, bool lan) {
-    Dialogue dialogue = {listener.Url(address), nullptr, false, kElsewhere, from, sender};
-    questions.push_back([=] {
-      return JudgeRelay(begin + what, Send(listener, dialogue), network, lan, TrustedIn(from, main));
-    });
+  const auto add = [&](Asker by, const std::string& address, const std::string& from,
+                       const std::string& network) {
+    const Question question = {
+        Topic::kRelaying, DaemonId::kPostfix, name, by, by == Asker::kNeighbour ? network : "", false,
+        IsSix(address)};
+    Dialogue dialogue = {listener.Url(address), nullptr, false, kElsewhere, from};
+    if (by == Asker::kLocalSender) dialogue.sender = "postmaster@" + LocalDomains(main)[0];
+    inquiries.push_back(
+        [=] { return JudgeRelay(question, Send(listener, dialogue), network, TrustedIn(from, main)); });
   };
   for (const std::string& address : listener.outside) {
-    const std::string six = IsSix(address) ? ", IPv6" : "";
     const std::vector<std::string> own = {address, "127.0.0.2"};
     const std::string from = IsSix(address) ? kPublicSix : Untrusted(check.isolated ? kPublic : own, main);
     std::string network = TrustedIn(from, main);
     if (!check.isolated && (IsSix(address) || !network.empty())) continue;
     if (network.empty()) network = IsSix(address) ? "::/0" : "0.0.0.0/0";
-    add("no mail of a stranger to other domains" + six, address, from, "", network, false);
+    add(Asker::kStranger, address, from, network);
     if (!check.isolated || listener.forUsers) continue;
-    add("no mail of a stranger with a local sender to other domains" + six, address, from,
-        "postmaster@" + LocalDomains(main)[0], network, false);
+    add(Asker::kLocalSender, address, from, network);
     for (const Range& range : kPrivate) {
-      if (IsSix(range.address) == IsSix(address)) {
-        add(std::string("no mail from ") + range.network + " to other domains", address, range.address, "",
-            range.network, true);
-      }
+      if (IsSix(range.address) == IsSix(address))
+        add(Asker::kNeighbour, address, range.address, range.network);
     }
   }
 }
 
+// Mail of a stranger, to whoever this names.
+Question ArrivalOf(const std::string& to) {
+  return {Topic::kArrival, DaemonId::kPostfix, "", Asker::kStranger, to};
+}
+
 // What strangers reach on the listener that is open to them.
-void AddArrival(std::vector<Question>& questions, const SmtpListener& listener, const Parameters& main,
+void AddArrival(std::vector<Inquiry>& inquiries, const SmtpListener& listener, const Parameters& main,
                 const MailCheck& check) {
   const auto add = [&](const std::string& to, const std::string& address, bool tls) {
     const std::string from =
@@ -137,12 +140,12 @@ void AddArrival(std::vector<Question>& questions, const SmtpListener& listener, 
             ? kPublicSix
             : Untrusted(check.isolated ? kPublic : std::vector<std::string>{address, "127.0.0.2"}, main);
     const std::string local = to.substr(0, to.find('@'));
-    const std::string what = "a stranger's mail to " +
-                             (to == "postmaster@" + LocalDomains(main)[0] ? local : to) +
-                             (IsSix(address) ? ", IPv6" : "") + (tls ? ", STARTTLS" : "");
+    Question question = ArrivalOf(to == "postmaster@" + LocalDomains(main)[0] ? local : to);
+    question.tls = tls;
+    question.six = IsSix(address);
     const Dialogue dialogue = {listener.Url(address), nullptr, tls, to, from};
     const bool isolated = check.isolated;
-    questions.push_back([=] { return JudgeArrival(what, Send(listener, dialogue), dialogue, isolated); });
+    inquiries.push_back([=] { return JudgeArrival(question, Send(listener, dialogue), to, isolated); });
   };
   const std::vector<std::string> domains = LocalDomains(main);
   const std::string postmaster = "postmaster@" + domains[0];
@@ -156,14 +159,13 @@ void AddArrival(std::vector<Question>& questions, const SmtpListener& listener, 
   }
   if (domains.size() > kMostDomains) {
     const std::string rest = std::to_string(domains.size() - kMostDomains) + " domains more";
-    questions.push_back(
-        [=] { return MailObservation("a stranger's mail to " + rest, MailObservation::kNotAsked, ""); });
+    inquiries.push_back([=] { return CheckResult{ArrivalOf(rest), Grade::kNotAsked}; });
   }
 }
 
 }  // namespace
 
-const std::vector<std::string>& Strangers::Addresses() {
+const std::vector<std::string>& OutsideAddresses::All() {
   static const std::vector<std::string> addresses = [] {
     std::vector<std::string> all = kPublic;
     all.push_back(kPublicSix);
@@ -173,9 +175,9 @@ const std::vector<std::string>& Strangers::Addresses() {
   return addresses;
 }
 
-std::string Strangers::Users() { return "198.18.78.0/24"; }
+std::string OutsideAddresses::Users() { return "198.18.78.0/24"; }
 
-std::string Strangers::User(int number) { return "198.18.78." + std::to_string(number); }
+std::string OutsideAddresses::User(int number) { return "198.18.78." + std::to_string(number); }
 
 std::vector<std::string> LocalDomains(const Parameters& main) {
   std::vector<std::string> domains;
@@ -189,38 +191,43 @@ std::vector<std::string> LocalDomains(const Parameters& main) {
   return domains;
 }
 
-std::vector<Question> StrangerQuestions(const std::vector<SmtpListener>& listeners, const Parameters& main,
-                                        const MailCheck& check) {
-  std::vector<Question> questions;
+std::vector<Inquiry> StrangerInquiries(const std::vector<SmtpListener>& listeners, const Parameters& main,
+                                       const MailCheck& check) {
+  std::vector<Inquiry> inquiries;
   std::string alone;
   bool open = false;
   for (const SmtpListener& listener : listeners) {
     if (!listener.forUsers && listener.outside.empty()) alone += " " + listener.name;
     if (listener.outside.empty()) continue;
     const bool first = !open && !listener.forUsers;
-    AddRelay(questions, listener, first ? "" : "port " + listener.name + ": ", main, check);
-    if (first) AddArrival(questions, listener, main, check);
+    AddRelay(inquiries, listener, first ? "" : listener.name, main, check);
+    if (first) AddArrival(inquiries, listener, main, check);
     open = open || first;
     if (first && IsSix(listener.outside[0])) {
-      questions.push_back([] {
-        return MailObservation("a stranger's mail to postmaster, IPv4", MailObservation::kWarning,
-                               "no port is open to IPv4", "Hosts without IPv6 cannot send mail to this one.");
+      inquiries.push_back([] {
+        return CheckResult{ArrivalOf("postmaster"),
+                           Grade::kWarning,
+                           {"no port is open to IPv4"},
+                           "Hosts without IPv6 cannot send mail to this one."};
       });
     }
   }
   if (!open) {
     const std::string why =
         alone.empty() ? "each port takes mail from users alone" : "only this machine reaches port" + alone;
-    questions.push_back([=] {
-      return MailObservation("a stranger's mail to postmaster", MailObservation::kWarning, why,
-                             "Nobody on other machines can send mail to this one.");
+    inquiries.push_back([=] {
+      return CheckResult{ArrivalOf("postmaster"),
+                         Grade::kWarning,
+                         {why},
+                         "Nobody on other machines can send mail to this one."};
     });
   }
-  return questions;
+  return inquiries;
 }
 
-MailObservation JudgeNetworks(const Parameters& main, bool isolated) {
-  MailObservation seen("the trusted networks", true, "");
+CheckResult JudgeNetworks(const Parameters& main, bool isolated) {
+  CheckResult result = {{Topic::kTrustedNetworks, DaemonId::kPostfix}, Grade::kGood};
+  std::string named;
   for (const std::string& network : Words(main.at("mynetworks"))) {
     const size_t slash = network.rfind('/');
     const std::string base = network.substr(0, slash == std::string::npos ? 0 : slash);
@@ -232,37 +239,43 @@ MailObservation JudgeNetworks(const Parameters& main, bool isolated) {
     const bool wide = bits < (six ? 16 : 8);
     // In a rehearsal the stranger in it has been let through, or has not.
     const bool asked = isolated && TrustedIn(Untrusted(kPublic, main), main) == network;
-    const MailObservation::State state = wide && !asked ? MailObservation::kBad : MailObservation::kWarning;
-    if (seen.state != MailObservation::kBad) seen.state = state;
-    seen.detail += (seen.detail.empty() ? "mynetworks names " : ", ") + network;
-    seen.consequence =
-        (wide ? "Open relay: any" : "Any") + (" host on " + network) + " may send anywhere without a login.";
+    if (!result.Bad()) result.grade = wide && !asked ? Grade::kBad : Grade::kWarning;
+    named += (named.empty() ? "mynetworks names " : ", ") + network;
+    result.words = {named};
+    result.sentence = (wide ? "Open relay: any host on " : "Any host on ") + network +
+                      " may send anywhere without a login.";
   }
-  return seen;
+  return result;
 }
 
-std::vector<Question> LoginQuestions(const std::vector<SmtpListener>& listeners) {
-  std::vector<Question> questions;
+std::vector<Inquiry> LoginInquiries(const std::vector<SmtpListener>& listeners) {
+  std::vector<Inquiry> inquiries;
   for (const SmtpListener& listener : listeners) {
     if (!listener.offersLogin) continue;
     const bool outside = !listener.outside.empty();
     Dialogue dialogue = {listener.Url(outside ? listener.outside[0] : listener.here) + "client.example",
                          "NOOP", listener.startTls};
     if (outside && !IsSix(listener.outside[0]))
-      dialogue.from = Strangers::User(static_cast<int>(questions.size()) + 1);
+      dialogue.from = OutsideAddresses::User(static_cast<int>(inquiries.size()) + 1);
     dialogue.user = "rehearsal";
-    const std::string what = "Postfix, port " + listener.name;
-    questions.push_back([=] { return JudgeLogin(what, Converse(dialogue)); });
+    const Question question = {Topic::kLogin,
+                               DaemonId::kPostfix,
+                               listener.name,
+                               Asker::kUser,
+                               "",
+                               listener.wrapped || listener.startTls};
+    inquiries.push_back([=] { return JudgeLogin(question, Converse(dialogue)); });
   }
-  return questions;
+  return inquiries;
 }
 
-MailObservation JudgeLogin(const std::string& listener, const Answer& answer) {
-  const std::string what = listener + ", login";
-  if (answer.denied) return {what, true, answer.said};
-  if (answer.good) {
-    return {what, false, "a wrong password is not refused: " + answer.said,
-            "Nobody can log in at " + listener + ", or everybody can."};
-  }
-  return {what, false, answer.said, "Nobody can log in at " + listener + "."};
+CheckResult JudgeLogin(const Question& question, const Answer& answer) {
+  const std::string nobody =
+      "Nobody can log in at " + Name({Topic::kGreeting, question.daemon, question.listener});
+  if (answer.denied) return {question, Grade::kGood, {answer.said}};
+  if (!answer.good) return {question, Grade::kBad, {answer.said}, nobody + "."};
+  return {question,
+          Grade::kBad,
+          {"a wrong password is not refused: " + answer.said},
+          nobody + ", or everybody can."};
 }

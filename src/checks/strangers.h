@@ -9,8 +9,8 @@
 
 /// Addresses that are nobody's: reserved for examples and measurements (RFC 5737, RFC 2544, RFC 3849), and
 /// one in each private range (RFC 1918, RFC 4193). A rehearsal's network routes them to the machine itself.
-struct Strangers {
-  static const std::vector<std::string>& Addresses();
+struct OutsideAddresses {
+  static const std::vector<std::string>& All();
   static std::string Users();           ///< the network of people who log in
   static std::string User(int number);  ///< an address in it for each, since Dovecot lets an address wait
 };
@@ -19,14 +19,14 @@ struct Strangers {
 std::vector<std::string> LocalDomains(const Parameters& main);
 
 /// Who reaches what, and who is let through to other domains, on all listeners.
-std::vector<Question> StrangerQuestions(const std::vector<SmtpListener>& listeners, const Parameters& main,
-                                        const MailCheck& check);
+std::vector<Inquiry> StrangerInquiries(const std::vector<SmtpListener>& listeners, const Parameters& main,
+                                       const MailCheck& check);
 
 /// Whether mynetworks trusts a network that is no administrator's own.
-MailObservation JudgeNetworks(const Parameters& main, bool isolated);
+CheckResult JudgeNetworks(const Parameters& main, bool isolated);
 
 /// A login on each listener that offers it, with a password that is wrong.
-std::vector<Question> LoginQuestions(const std::vector<SmtpListener>& listeners);
+std::vector<Inquiry> LoginInquiries(const std::vector<SmtpListener>& listeners);
 
-/// What an answer says of logins at a listener, such as "Postfix, port 587".
-MailObservation JudgeLogin(const std::string& listener, const Answer& answer);
+/// Judges the answer to a login with a wrong password.
+CheckResult JudgeLogin(const Question& question, const Answer& answer);

@@ -75,9 +75,9 @@ void Baseline::Serve() {
                       [&](const TcpListener& listener) { return Belongs(listener, daemon); }))
         dprintf(result_, "live\t%s%s starts\n", kRehearsal.c_str(), ProgramOf(daemon).c_str());
     }
-    for (const MailObservation& one : CheckMail({true, true, false, "", ""})) {
-      if (one.state == MailObservation::kGood)
-        dprintf(result_, "live\t%s%s\n", kRehearsal.c_str(), one.what.c_str());
+    for (const CheckResult& one : CheckMail({true, true, false, "", ""})) {
+      if (one.grade == Grade::kGood)
+        dprintf(result_, "live\t%s%s\n", kRehearsal.c_str(), Name(one.question).c_str());
     }
   }
   if (write(answer_[1], &byte, 1) != 1) std::cerr << "nubo_config_preview: no baseline" << std::endl;

@@ -118,11 +118,11 @@ void LeaveNetwork(const std::vector<Place>& taken, const std::vector<Service>& s
   // Strangers have names, so that no restriction of nameless clients decides.
   std::string hosts = ReadFile("/etc/hosts");
   int number = 0;
-  for (const std::string& stranger : Strangers::Addresses()) {
+  for (const std::string& stranger : OutsideAddresses::All()) {
     changes += "route add local " + stranger + " dev lo\n";
     hosts += stranger + " stranger" + std::to_string(++number) + ".example\n";
   }
-  changes += "route add local " + Strangers::Users() + " dev lo\n";
+  changes += "route add local " + OutsideAddresses::Users() + " dev lo\n";
   for (const Service& service : services) {
     if (!service.local) changes += "route add local " + service.place.address + " dev lo\n";
     if (service.host != service.place.address) hosts += service.place.address + " " + service.host + "\n";

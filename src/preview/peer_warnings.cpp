@@ -173,17 +173,16 @@ Warnings PeerWarnings(Parameters mainCf, const std::string& services, const std:
 
 std::vector<Verdict> PortVerdicts(const Parameters& mainCf) {
   std::vector<Verdict> verdicts;
-  for (const MailObservation& seen : CheckPorts(mainCf)) {
-    if (!seen.Bad()) continue;
+  for (const CheckResult& result : CheckPorts(mainCf)) {
+    if (!result.Bad()) continue;
     Parameters installed;
     try {
       installed = PostfixParameters(kInstalled);
     } catch (const Fault&) {  // there was none
     }
-    const std::string port = seen.what.substr(seen.what.rfind(' ') + 1);
-    const bool before = Contains(installed["smtpd_milters"], ":" + port);
-    verdicts.push_back(
-        {seen.what, before ? Verdict::kWarning : Verdict::kRefused, {seen.detail}, seen.consequence});
+    const bool before = Contains(installed["smtpd_milters"], ":" + result.question.listener);
+    verdicts.push_back({Name(result.question), before ? Verdict::kWarning : Verdict::kRefused, result.words,
+                        result.sentence});
   }
   return verdicts;
 }

@@ -84,11 +84,12 @@ Verdict JudgeLog(const std::string& log) {
   return Judge("rehearsal: Postfix's log", said.empty(), said);
 }
 
-Verdict VerdictOf(const MailObservation& seen) {
+Verdict VerdictOf(const CheckResult& result) {
   constexpr Verdict::Word kWords[] = {Verdict::kGood, Verdict::kRefused, Verdict::kWarning,
-                                      Verdict::kNotAsked};
-  const bool good = seen.state == MailObservation::kGood;
-  return {"rehearsal: " + seen.what, kWords[seen.state], Lines(good ? "" : seen.detail), seen.consequence};
+                                      Verdict::kNotAsked, Verdict::kNotInstalled};
+  const bool good = result.grade == Grade::kGood;
+  return {"rehearsal: " + Name(result.question), kWords[static_cast<size_t>(result.grade)],
+          good ? std::vector<std::string>() : result.words, result.sentence};
 }
 
 // Whether Postfix takes mail at all with so much room on the queue's disk.
@@ -184,7 +185,7 @@ std::vector<Verdict> Rehearse(const std::vector<Place>& taken) {
     check.postfix = Runs(verdicts, daemon, logged);
     if (!check.postfix && fs::exists(master)) verdicts.back().said = MasterSays(master);
   }
-  for (const MailObservation& seen : CheckMail(check)) verdicts.push_back(VerdictOf(seen));
+  for (const CheckResult& result : CheckMail(check)) verdicts.push_back(VerdictOf(result));
   if (postfix) {
     verdicts.push_back(JudgeRoom());
     verdicts.push_back(JudgePam());
