@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "core/config_generator.h"
-#include "mail/configuration.h"
+#include "mail/postfix_config.h"
 
 namespace {
 

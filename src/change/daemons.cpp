@@ -245,9 +245,8 @@ std::string StartCommand(const Daemon& daemon) {
 
 std::set<std::string> FirstSteps() {
   std::set<std::string> steps;
-  for (const std::string& line : Lines(ReadFile(kEtc + "/master.cf"))) {
-    const std::vector<std::string> words = Words(line);
-    if (words.size() > 7 && words[1] == "inet") steps.merge(Foreigners(words[0], DaemonNamed("Postfix")));
+  for (const PostfixService& service : ParseServices(ReadFile(kEtc + "/master.cf"))) {
+    if (service.type == "inet") steps.merge(Foreigners(service.port, DaemonNamed("Postfix")));
   }
   const std::vector<std::string> listeners = Words(ReadFile(kEtc + "/dovecot/conf.d/10-master.conf"));
   for (size_t i = 2; i < listeners.size(); ++i) {

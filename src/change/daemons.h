@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "mail/configuration.h"
 #include "mail/daemons.h"
 #include "mail/listeners.h"
+#include "mail/paths.h"
 
 /// MailScanner is no part of the table of daemons: it is reloaded, and never started or stopped.
 inline const std::string kMailScanner = "MailScanner";

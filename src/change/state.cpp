@@ -16,7 +16,7 @@
 
 #include "change/basics.h"
 #include "core/config_generator.h"
-#include "mail/configuration.h"
+#include "mail/paths.h"
 
 namespace {
 

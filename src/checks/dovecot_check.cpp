@@ -2,8 +2,8 @@
 
 #include "checks/mail_questions.h"
 #include "checks/strangers.h"
-#include "mail/configuration.h"
 #include "mail/daemons.h"
+#include "mail/postfix_config.h"
 #include "mail/smtp_listeners.h"
 #include "system/program.h"
 #include "system/text.h"

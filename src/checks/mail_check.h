@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "checks/check_result.h"
-#include "mail/configuration.h"
+#include "mail/postfix_config.h"
 
 /// What to check.
 struct MailCheck {

@@ -1,7 +1,6 @@
 #include <pwd.h>
 
 #include <algorithm>
-#include <regex>
 
 #include "checks/delivery.h"
 #include "checks/mail_questions.h"
@@ -30,14 +29,12 @@ void AddListener(std::vector<Inquiry>& inquiries, const MailCheck& check, const 
 // A relay host that is this machine sends the mail back to it.
 void JudgeRelayHost(CheckResults& results, const Parameters& main,
                     const std::vector<SmtpListener>& listeners) {
-  static const std::regex form(R"(\[?([^\[\]]+?)\]?(?::(\d+|smtp))?)");
-  std::smatch match;
-  const std::string& host = main.at("relayhost");
-  if (!std::regex_match(host, match, form)) return;
-  const std::string port = match[2].matched && match[2] != "smtp" ? match[2].str() : "25";
-  const bool own = IsOwn(listeners, match[1] == main.at("myhostname") ? "127.0.0.1" : match[1].str(), port);
+  const Peer relay = ParsePeer(main.at("relayhost"));
+  if (relay.host.empty()) return;
+  const std::string port = relay.port.empty() ? "25" : PortNumber(relay.port);
+  const bool own = IsOwn(listeners, relay.host == main.at("myhostname") ? "127.0.0.1" : relay.host, port);
   results.push_back(Judge({Topic::kRelayHost, DaemonId::kPostfix}, !own,
-                          Lines(own ? host + " is this machine" : ""),
+                          Lines(own ? main.at("relayhost") + " is this machine" : ""),
                           "Mail to other hosts comes back, and bounces."));
 }
 
@@ -78,16 +75,16 @@ CheckResults CheckPorts(const Parameters& mainCf) {
 }
 
 void CheckPostfix(CheckResults& results, const MailCheck& check) {
-  Parameters main;
-  std::vector<SmtpListener> listeners;
+  PostfixConfig config;
   try {
-    main = PostfixParameters(kEtc);
-    listeners = SmtpListeners(main);
+    config = ReadPostfix(kEtc);
   } catch (const Fault& fault) {
     results.push_back(
         Judge({Topic::kConfiguration, DaemonId::kPostfix}, false, {fault.what()}, "Postfix does not run."));
     return;
   }
+  const Parameters& main = config.parameters;
+  std::vector<SmtpListener> listeners = SmtpListeners(config);
   if (!check.isolated) results = CheckPorts(main);
   std::vector<Inquiry> first;
   for (const SmtpListener& listener : listeners) AddListener(first, check, listener);

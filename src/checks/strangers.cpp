@@ -179,18 +179,6 @@ std::string OutsideAddresses::Users() { return "198.18.78.0/24"; }
 
 std::string OutsideAddresses::User(int number) { return "198.18.78." + std::to_string(number); }
 
-std::vector<std::string> LocalDomains(const Parameters& main) {
-  std::vector<std::string> domains;
-  for (const std::string& word : Words(main.at("mydestination"))) {
-    if (Contains(word, ":") || Contains(word, "/") || Contains(word, "$") || StartsWith(word, "localhost") ||
-        Contains(domains, word))
-      continue;
-    domains.insert(word == main.at("myhostname") ? domains.begin() : domains.end(), word);
-  }
-  if (domains.empty()) domains.push_back(main.at("myhostname"));
-  return domains;
-}
-
 std::vector<Inquiry> StrangerInquiries(const std::vector<SmtpListener>& listeners, const Parameters& main,
                                        const MailCheck& check) {
   std::vector<Inquiry> inquiries;

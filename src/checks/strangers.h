@@ -15,9 +15,6 @@ struct OutsideAddresses {
   static std::string User(int number);  ///< an address in it for each, since Dovecot lets an address wait
 };
 
-/// The domains in mydestination, myhostname first where it is one of them. At least one.
-std::vector<std::string> LocalDomains(const Parameters& main);
-
 /// Who reaches what, and who is let through to other domains, on all listeners.
 std::vector<Inquiry> StrangerInquiries(const std::vector<SmtpListener>& listeners, const Parameters& main,
                                        const MailCheck& check);

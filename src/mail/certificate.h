@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "mail/configuration.h"
+#include "mail/postfix_config.h"
 
 /// A certificate file that Postfix or Dovecot names.
 struct Certificate {

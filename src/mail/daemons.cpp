@@ -55,6 +55,9 @@ std::vector<std::string> StartOnIpv6(const Daemon& milter) {
 
 bool IsWanted(const Daemon& daemon, const Parameters& mainCf) {
   const auto milters = mainCf.find("smtpd_milters");
-  return daemon.milterPort.empty() ||
-         (milters != mainCf.end() && Contains(milters->second, ":" + daemon.milterPort));
+  if (daemon.milterPort.empty()) return true;
+  if (milters == mainCf.end()) return false;
+  const std::vector<Peer> peers = PeersIn(milters->second);
+  return std::any_of(peers.begin(), peers.end(),
+                     [&](const Peer& peer) { return peer.port == daemon.milterPort; });
 }

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "mail/configuration.h"
+#include "mail/postfix_config.h"
 
 /// In the order of their start.
 enum class DaemonId { kOpenDkim, kOpenDmarc, kDovecot, kPostfix, kMailScanner };

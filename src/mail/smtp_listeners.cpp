@@ -5,11 +5,8 @@
 #include <netdb.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <memory>
-#include <regex>
 
-#include "system/program.h"
 #include "system/text.h"
 
 namespace {
@@ -25,54 +22,42 @@ std::string Numeric(const sockaddr* address) {
   return text;
 }
 
-// A service that listens on a port, from a `line` of `postconf -M`.
-SmtpListener ListenerOf(const std::string& line, const std::string& name, const Parameters& main) {
-  const auto option = [&](const std::string& parameter) -> std::string {
-    std::smatch match;
-    const std::regex form(" -o \\{? ?" + parameter + " ?= ?([^ }]*)");
-    return std::regex_search(line, match, form) ? match[1].str() : "";
-  };
-  const auto value = [&](const std::string& parameter) {
-    const std::string own = option(parameter);
-    return own.empty() ? main.at(parameter) : own;
-  };
+SmtpListener ListenerOf(const PostfixConfig& config, const PostfixService& service) {
   SmtpListener listener = {};
-  const size_t colon = name.rfind(':');
-  listener.name = name;
-  listener.port = colon == std::string::npos ? name : name.substr(colon + 1);
-  if (const servent* service = getservbyname(listener.port.c_str(), "tcp")) {
-    listener.port = std::to_string(ntohs(static_cast<std::uint16_t>(service->s_port)));
-  }
-  const std::string protocols = value("inet_protocols");
+  listener.name = service.name;
+  listener.port = service.port;
+  const std::string protocols = config.Value(service, "inet_protocols");
   std::vector<std::string> places;
-  const std::string interfaces =
-      colon == std::string::npos ? value("inet_interfaces") : name.substr(0, colon);
-  for (const std::string& word : Words(interfaces)) {
-    for (const std::string& address : word == "all"             ? OwnAddresses()
-                                      : word == "loopback-only" ? std::vector<std::string>()
-                                                                : AddressesOf(word)) {
+  const std::vector<std::string> interfaces = service.host.empty()
+                                                  ? Words(config.Value(service, "inet_interfaces"))
+                                                  : std::vector<std::string>{service.host};
+  const bool everywhere = Contains(interfaces, "all") || Contains(interfaces, "loopback-only");
+  for (const std::string& word : interfaces) {
+    if (word == "loopback-only") continue;
+    for (const std::string& address : word == "all" ? OwnAddresses() : AddressesOf(word)) {
       if (protocols == (IsSix(address) ? "ipv4" : "ipv6") || Contains(places, address)) continue;
       places.push_back(address);
       const bool first = listener.outside.empty() || IsSix(listener.outside[0]) != IsSix(address);
       if (!IsLoopback(address) && first) listener.outside.push_back(address);
     }
   }
-  const bool everywhere = Contains(Words(interfaces), "all") || Contains(Words(interfaces), "loopback-only");
   listener.here = protocols == "ipv6" ? "::1" : "127.0.0.1";
   if (!everywhere && !places.empty()) listener.here = places[0];
   std::sort(listener.outside.begin(), listener.outside.end(),
             [](const std::string& one, const std::string& other) { return IsSix(one) < IsSix(other); });
-  const std::string level = value("smtpd_tls_security_level");
-  listener.wrapped = value("smtpd_tls_wrappermode") == "yes";
-  listener.startTls =
-      !listener.wrapped && (level == "may" || level == "encrypt" || value("smtpd_use_tls") == "yes");
-  listener.mustTls = listener.wrapped || level == "encrypt" || value("smtpd_enforce_tls") == "yes";
-  const std::vector<std::string> own =
-      Words(option("smtpd_client_restrictions") + "," + option("smtpd_recipient_restrictions") + "," +
-            option("smtpd_relay_restrictions"));
+  const TlsUse tls = TlsOf(config, service);
+  listener.wrapped = tls == TlsUse::kImplicit;
+  listener.startTls = tls == TlsUse::kOffered || tls == TlsUse::kRequired;
+  listener.mustTls = tls == TlsUse::kImplicit || tls == TlsUse::kRequired;
+  std::vector<std::string> own;
+  for (const char* list : {"client", "recipient", "relay"}) {
+    const auto option = service.options.find(std::string("smtpd_") + list + "_restrictions");
+    if (option == service.options.end()) continue;
+    for (const std::string& word : Words(option->second)) own.push_back(word);
+  }
   listener.forUsers = Contains(own, "permit_sasl_authenticated") && Contains(own, "reject");
-  listener.offersLogin = value("smtpd_sasl_auth_enable") == "yes" &&
-                         (listener.wrapped || listener.startTls || value("smtpd_tls_auth_only") != "yes");
+  listener.offersLogin = config.Value(service, "smtpd_sasl_auth_enable") == "yes" &&
+                         (tls != TlsUse::kNever || config.Value(service, "smtpd_tls_auth_only") != "yes");
   return listener;
 }
 
@@ -101,13 +86,11 @@ std::string SmtpListener::Url(const std::string& address) const {
   return (wrapped ? "smtps://" : "smtp://") + InUrl(address) + ":" + port + "/";
 }
 
-std::vector<SmtpListener> SmtpListeners(const Parameters& main) {
+std::vector<SmtpListener> SmtpListeners(const PostfixConfig& config) {
   std::vector<SmtpListener> listeners;
-  for (const std::string& line :
-       Lines(RunOrThrow({"postconf", "-c", kEtc, "-M"}, "Postfix cannot read its master.cf"))) {
-    const std::vector<std::string> words = Words(line);
-    if (words.size() > 7 && words[1] == "inet" && (words[7] == "smtpd" || words[7] == "postscreen"))
-      listeners.push_back(ListenerOf(line, words[0], main));
+  for (const PostfixService& service : config.services) {
+    if (service.type == "inet" && (service.command == "smtpd" || service.command == "postscreen"))
+      listeners.push_back(ListenerOf(config, service));
   }
   return listeners;
 }

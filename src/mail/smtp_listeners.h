@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "mail/configuration.h"
+#include "mail/postfix_config.h"
 
 struct SmtpListener {
   std::string name;                  ///< as in master.cf: a port, or HOST:PORT
@@ -21,8 +21,8 @@ struct SmtpListener {
   std::string Url(const std::string& address) const;
 };
 
-/// All of them. Throws Fault when Postfix cannot read its master.cf.
-std::vector<SmtpListener> SmtpListeners(const Parameters& main);
+/// All of them.
+std::vector<SmtpListener> SmtpListeners(const PostfixConfig& config);
 
 /// The first global address of each family that stands on this machine's interfaces.
 std::vector<std::string> OwnAddresses();

@@ -6,7 +6,7 @@
 #include <map>
 
 #include "core/paths.h"
-#include "mail/configuration.h"
+#include "mail/paths.h"
 #include "preview/sandbox.h"
 #include "system/files.h"
 #include "system/program.h"

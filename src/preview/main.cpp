@@ -11,7 +11,7 @@
 
 #include "checks/mail_questions.h"
 #include "core/commands.h"
-#include "mail/configuration.h"
+#include "mail/paths.h"
 #include "mail/versions.h"
 #include "preview/baseline.h"
 #include "preview/covers.h"

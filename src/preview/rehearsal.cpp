@@ -15,9 +15,9 @@
 #include <regex>
 
 #include "checks/mail_check.h"
-#include "mail/configuration.h"
 #include "mail/daemons.h"
 #include "mail/listeners.h"
+#include "mail/postfix_config.h"
 #include "preview/covers.h"
 #include "preview/log.h"
 #include "preview/network.h"

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "mail/configuration.h"
+#include "mail/paths.h"
 
 inline constexpr const char* kWork = "/tmp/preview";           ///< for root alone
 inline const std::string kMachine = "/tmp/preview/machine";    ///< the machine's files, not covered

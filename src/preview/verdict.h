@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "mail/configuration.h"
+#include "mail/postfix_config.h"
 #include "system/program.h"
 
 /// One check, and how it went.

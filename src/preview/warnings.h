@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "mail/configuration.h"
+#include "mail/postfix_config.h"
 #include "platform/brindlecot.h"
 #include "preview/verdict.h"
 

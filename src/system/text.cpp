@@ -20,6 +20,11 @@ std::vector<std::string> Words(const std::string& text) {
   return words;
 }
 
+std::string Trim(const std::string& text) {
+  const size_t begin = text.find_first_not_of(" \t\r\n");
+  return begin == std::string::npos ? "" : text.substr(begin, text.find_last_not_of(" \t\r\n") + 1 - begin);
+}
+
 bool StartsWith(const std::string& text, const std::string& prefix) { return text.rfind(prefix, 0) == 0; }
 
 bool Contains(const std::string& text, const std::string& part) {

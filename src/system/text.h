@@ -10,6 +10,9 @@ std::vector<std::string> Lines(const std::string& text);
 /// The words of a text, between blanks, tabs, newlines and commas.
 std::vector<std::string> Words(const std::string& text);
 
+/// The text without blanks, tabs and newlines at its ends.
+std::string Trim(const std::string& text);
+
 /// True when the text begins with the prefix.
 bool StartsWith(const std::string& text, const std::string& prefix);
 

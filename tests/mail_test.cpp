@@ -1,0 +1,190 @@
+/// What is read in the daemons' files and logs.
+#include <gtest/gtest.h>
+
+#include "mail/postfix_config.h"
+#include "mail/smtp_listeners.h"
+
+namespace {
+
+std::string Text(const Parameters& parameters) {
+  std::string text;
+  for (const auto& [name, value] : parameters) text += name + "=" + value + ";";
+  return text;
+}
+
+std::string Text(const Peer& peer) { return peer.via + "|" + peer.host + "|" + peer.port + "|" + peer.path; }
+
+}  // namespace
+
+TEST(PostfixConfig, HasTheServicesOfMasterCf) {
+  const struct {
+    const char* line;
+    const char* service;  // HOST PORT COMMAND, a "-" when it is not private
+    const char* options;
+  } kCases[] = {
+      {"smtp      inet  n       -       y       -       -       smtpd", " 25 smtpd-", ""},
+      {"25\tinet\tn\t-\tn\t-\t-\tsmtpd\r", " 25 smtpd-", ""},
+      {"#smtp inet n - n - - smtpd\n  # -o x=y\n\n", "", ""},
+      {"submission inet n - n - - smtpd\n  -o a=b\n# between\n\t -o c=d\n", " 587 smtpd-", "a=b;c=d;"},
+      {"submissions inet n - n - - smtpd -o smtpd_tls_wrappermode=yes -v", " 465 smtpd-",
+       "smtpd_tls_wrappermode=yes;"},
+      {"[::1]:587 inet n - n - - smtpd -o {smtpd_client_restrictions=permit_mynetworks, reject}",
+       "::1 587 smtpd-", "smtpd_client_restrictions=permit_mynetworks, reject;"},
+      {"127.0.0.1:10025 inet n - - - - smtpd -o { a = b {c d} e } -oe=", "127.0.0.1 10025 smtpd-",
+       "a=b {c d} e;e=;"},
+      {"mail.example.com:smtp inet - - n - 1 postscreen -o a={b c} -o", "mail.example.com 25 postscreen",
+       "a={b c};"},
+      {"no-such-port inet n - n - - smtpd", " no-such-port smtpd-", ""},
+      {"qmgr unix n - n 300? 1 qmgr", "  qmgr-", ""},
+      {"private/x unix - n n - - pipe flags=DRhu user=v argv=/bin/x -f ${sender}", "  pipe", ""},
+      {"tlsmgr unix y - - 1000? 1 tlsmgr", "  tlsmgr", ""},
+      {"too few columns - - - -", "", ""},
+  };
+  for (const auto& row : kCases) {
+    const std::vector<PostfixService> found = ParseServices(row.line);
+    ASSERT_EQ(found.size(), *row.service == '\0' ? 0U : 1U) << row.line;
+    if (found.empty()) continue;
+    EXPECT_EQ(found[0].host + " " + found[0].port + " " + found[0].command + (found[0].isPrivate ? "" : "-"),
+              row.service);
+    EXPECT_EQ(Text(found[0].options), row.options);
+  }
+  const auto two = ParseServices("a unix n - n - - x\nb pass - - n - - y\n -o c=d\n");
+  ASSERT_EQ(two.size(), 2U);
+  EXPECT_EQ(two[0].name + two[0].type + two[1].name + two[1].type, "aunixbpass");
+  EXPECT_EQ(Text(two[0].options) + Text(two[1].options), "c=d;");
+}
+
+TEST(PostfixConfig, HasTheParametersOfMainCf) {
+  const std::pair<const char*, const char*> kCases[] = {
+      {"a = b", "a=b;"},
+      {"a=b\nc =d\n", "a=b;c=d;"},
+      {"a =\n", "a=;"},
+      {"a = b,\n  c\n\n# x = y\n \t d\n", "a=b,  c \t d;"},
+      {"  # a = b\nc = d # e\r\n", "c=d # e;"},
+      {"a = b = c", "a=b = c;"},
+      {"a = 1\na = 2", "a=2;"},
+      {"no sign", ""},
+      {" first = 1", "first=1;"},
+      {"a = \"b c\"", "a=\"b c\";"},
+  };
+  for (const auto& [text, parameters] : kCases) EXPECT_EQ(Text(ParseParameters(text)), parameters) << text;
+  PostfixConfig config = {{{"a", "main"}, {"b", "main"}}, ParseServices("25 inet n - n - - smtpd -o a=own")};
+  EXPECT_EQ(config.Value("a") + config.Value("none"), "main");
+  EXPECT_EQ(config.Value(config.services[0], "a") + config.Value(config.services[0], "b"), "ownmain");
+  EXPECT_EQ(Text(config.AllValues()), "25/inet/a=own;a=main;b=main;");
+}
+
+TEST(PostfixConfig, UsesTlsAsPostfixDoes) {
+  const struct {
+    const char* mainCf;
+    const char* service;  // its command and options
+    TlsUse use;
+  } kCases[] = {
+      {"", "smtpd", TlsUse::kNever},
+      {"smtpd_use_tls = yes", "smtpd", TlsUse::kOffered},
+      {"smtpd_enforce_tls = Yes", "smtpd", TlsUse::kRequired},
+      {"smtpd_tls_security_level = may", "smtpd", TlsUse::kOffered},
+      {"smtpd_tls_security_level = encrypt", "smtpd", TlsUse::kRequired},
+      {"smtpd_tls_security_level = none\nsmtpd_use_tls = yes", "smtpd", TlsUse::kNever},
+      {"smtpd_tls_security_level = may\nsmtpd_enforce_tls = yes", "smtpd", TlsUse::kOffered},
+      {"smtpd_tls_security_level = none", "smtpd -o smtpd_tls_security_level=encrypt", TlsUse::kRequired},
+      {"smtpd_tls_security_level = encrypt\nsmtpd_use_tls = yes",
+       "smtpd -o smtpd_tls_security_level=", TlsUse::kOffered},
+      {"smtpd_use_tls = yes", "smtpd -o smtpd_use_tls=no", TlsUse::kNever},
+      {"smtpd_tls_security_level = none", "smtpd -o {smtpd_tls_wrappermode = yes}", TlsUse::kImplicit},
+      {"smtpd_tls_wrappermode = yes", "smtpd -o smtpd_tls_wrappermode=no", TlsUse::kNever},
+      {"postscreen_tls_security_level = may", "postscreen", TlsUse::kOffered},
+      {"smtpd_tls_wrappermode = yes\npostscreen_enforce_tls = yes", "postscreen", TlsUse::kRequired},
+  };
+  for (const auto& row : kCases) {
+    const PostfixConfig config = {ParseParameters(row.mainCf),
+                                  ParseServices(std::string("25 inet n - n - - ") + row.service)};
+    EXPECT_EQ(static_cast<int>(TlsOf(config, config.services[0])), static_cast<int>(row.use))
+        << row.mainCf << row.service;
+  }
+}
+
+TEST(PostfixConfig, NamesPeers) {
+  const std::pair<const char*, const char*> kCases[] = {
+      {"inet:localhost:8891", "inet|localhost|8891|"},
+      {"inet:[::1]:8893", "inet|::1|8893|"},
+      {"127.0.0.1:10025", "|127.0.0.1|10025|"},
+      {"smtp-amavis:[127.0.0.1]:10024", "smtp-amavis|127.0.0.1|10024|"},
+      {"lmtp:inet:host.example:24", "lmtp:inet|host.example|24|"},
+      {"unix:/run/spamass.sock", "unix|||/run/spamass.sock"},
+      {"lmtp:unix:private/lmtp", "lmtp:unix|||private/lmtp"},
+      {"local:/run/x.sock", "local|||/run/x.sock"},
+      {"[relay.example]:submission", "|relay.example|submission|"},
+      {"[relay.example]", "|relay.example||"},
+      {"relay:[2001:db8::1]", "relay|2001:db8::1||"},
+      {"relay.example", "|relay.example||"},
+      {"notlocal:25", "|notlocal|25|"},
+      {"", "|||"},
+  };
+  for (const auto& [word, peer] : kCases) EXPECT_EQ(Text(ParsePeer(word)), peer) << word;
+  std::string found;
+  for (const Peer& peer :
+       PeersIn("check_policy_service {inet:h:10, timeout=3s},\tunix:private/p hash:/etc/x :11 a:smtp "
+               "x=inet:i:12,[::1]/128 10.0.0.0/8 permit")) {
+    found += Text(peer) + " ";
+  }
+  EXPECT_EQ(found, "inet|h|10| unix|||private/p inet|i|12| ");
+}
+
+TEST(PostfixConfig, KnowsItsDomains) {
+  const std::pair<const char*, const char*> kCases[] = {
+      {"localhost, localhost.example", "m.example"},
+      {"a.example m.example, b.example", "m.example a.example b.example"},
+      {"a.example, a.example hash:/x /y $z", "a.example"},
+  };
+  for (const auto& [destination, domains] : kCases) {
+    std::string found;
+    for (const std::string& domain :
+         LocalDomains({{"mydestination", destination}, {"myhostname", "m.example"}}))
+      found += (found.empty() ? "" : " ") + domain;
+    EXPECT_EQ(found, domains);
+  }
+}
+
+TEST(SmtpListeners, AreThoseOfMasterCf) {
+  const std::string mainCf = "inet_interfaces = 127.0.0.1, 192.0.2.1 [2001:db8::1]\ninet_protocols = all\n";
+  const struct {
+    const char* mainCf;
+    const char* line;
+    const char* seen;  // PORT REACHED_AT OUTSIDE; wrapped, startTls, mustTls, forUsers, offersLogin
+  } kCases[] = {
+      {"", "smtp inet n - n - - smtpd", "25 127.0.0.1 192.0.2.1 2001:db8::1 "},
+      {"inet_protocols = ipv4", "25 inet n - n - - postscreen", "25 127.0.0.1 192.0.2.1 "},
+      {"inet_protocols = ipv6", "25 inet n - n - - smtpd", "25 2001:db8::1 2001:db8::1 "},
+      {"", "[::1]:587 inet n - n - - smtpd", "587 ::1 "},
+      {"inet_interfaces = loopback-only", "25 inet n - n - - smtpd", "25 127.0.0.1 "},
+      {"inet_interfaces = loopback-only\ninet_protocols = ipv6", "25 inet n - n - - smtpd", "25 ::1 "},
+      {"smtpd_tls_security_level = may", "192.0.2.9:25 inet n - n - - smtpd", "25 192.0.2.9 192.0.2.9 s"},
+      {"smtpd_tls_security_level = none\nsmtpd_use_tls = yes\nsmtpd_sasl_auth_enable = yes",
+       "127.0.0.2:25 inet n - n - - smtpd", "25 127.0.0.2 l"},
+      {"smtpd_sasl_auth_enable = yes\nsmtpd_tls_auth_only = yes", "127.0.0.2:25 inet n - n - - smtpd",
+       "25 127.0.0.2 "},
+      {"smtpd_sasl_auth_enable = yes\nsmtpd_tls_auth_only = yes",
+       "127.0.0.2:465 inet n - n - - smtpd -o smtpd_tls_wrappermode=yes", "465 127.0.0.2 wml"},
+      {"smtpd_recipient_restrictions = permit_sasl_authenticated, reject",
+       "127.0.0.2:587 inet n - n - - smtpd -o smtpd_tls_security_level=encrypt -o "
+       "{smtpd_client_restrictions=permit_mynetworks, permit_sasl_authenticated, reject}",
+       "587 127.0.0.2 smu"},
+      {"smtpd_recipient_restrictions = permit_sasl_authenticated, reject",
+       "127.0.0.2:587 inet n - n - - smtpd -o {smtpd_relay_restrictions=permit_mynetworks, reject}",
+       "587 127.0.0.2 "},
+      {"", "25 unix n - n - - smtpd", ""},
+      {"", "25 inet n - n - - qmqpd", ""},
+  };
+  for (const auto& row : kCases) {
+    std::string seen;
+    for (const SmtpListener& one :
+         SmtpListeners({ParseParameters(mainCf + row.mainCf), ParseServices(row.line)})) {
+      seen = one.port + " " + one.here + " ";
+      for (const std::string& address : one.outside) seen += address + " ";
+      seen += std::string(one.wrapped ? "w" : "") + (one.startTls ? "s" : "") + (one.mustTls ? "m" : "") +
+              (one.forUsers ? "u" : "") + (one.offersLogin ? "l" : "");
+    }
+    EXPECT_EQ(seen, row.seen) << row.mainCf << row.line;
+  }
+}
