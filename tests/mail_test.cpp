@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "mail/postfix_config.h"
+#include "mail/postfix_log.h"
 #include "mail/smtp_listeners.h"
 
 namespace {
@@ -186,5 +187,67 @@ TEST(SmtpListeners, AreThoseOfMasterCf) {
               (one.forUsers ? "u" : "") + (one.offersLogin ? "l" : "");
     }
     EXPECT_EQ(seen, row.seen) << row.mainCf << row.line;
+  }
+}
+
+TEST(PostfixLog, IsReadLineByLine) {
+  const std::string head = "Nov  6 12:00:00 mail postfix/";
+  const struct {
+    std::string line;
+    const char* seen;  // PROGRAM QUEUE_ID EVENT, and the fields that are not empty
+  } kCases[] = {
+      {head + "cleanup[77]: 4XqZr53zKlz9vBN: message-id=<1.2@mail>",
+       "postfix/cleanup 4XqZr53zKlz9vBN 1 <1.2@mail>"},
+      {"2026-11-26T12:00:00.123456+00:00 mail postfix/qmgr[7]: 0A1B2C3D4E: from=<a@b>, size=1, nrcpt=1 "
+       "(queue active)",
+       "postfix/qmgr 0A1B2C3D4E 2"},
+      {head + "cleanup[7]: A1: hold: header Received: x: removed; from=<a> to=<b>", "postfix/cleanup A1 3"},
+      {head + "cleanup[7]: A1: milter-reject: END-OF-MESSAGE from x: 4.7.1 y", "postfix/cleanup A1 4"},
+      {head + "local[7]: A1: to=<alice@b>, orig_to=<postmaster>, relay=local, delay=0.1, delays=0/0/0/0.1, "
+              "dsn=2.0.0, status=sent (delivered to maildir)",
+       "postfix/local A1 5 to:alice@b for:postmaster sent"},
+      {head + "smtp[7]: A1: to=<\"x, relay=y\"@b>, relay=mx.b[2001:db8::1]:25, delay=1, dsn=2.0.0, "
+              "status=sent (250)",
+       "postfix/smtp A1 5 to:\"x, relay=y\"@b at:2001:db8::1 25 sent"},
+      {head + "smtp[7]: A1: to=<a@b>, relay=none, delay=1, dsn=4.4.1, status=deferred (connect to "
+              "localhost[127.0.0.1]:10024: Connection refused)",
+       "postfix/smtp A1 5 to:a@b not:127.0.0.1 10024 deferred"},
+      {head + "lmtp[7]: A1: to=<a@b>, relay=none, dsn=4.4.1, status=deferred (connect to b[private/lmtp]: No "
+              "such file)",
+       "postfix/lmtp A1 5 to:a@b not:private/lmtp deferred"},
+      {head + "smtp[7]: A1: to=<a@b>, relay=b[192.0.2.1]:25, status=bounced (host b[192.0.2.1] said: 550 x)",
+       "postfix/smtp A1 5 to:a@b at:192.0.2.1 25 bounced"},
+      {head + "smtp[7]: A1: host b[192.0.2.1] said: 450 to=<a@b>, status=sent (", "postfix/smtp A1 0"},
+      {head + "qmgr[7]: A1: removed", "postfix/qmgr A1 6"},
+      {"<22>Nov 26 12:00:00 postfix/smtpd[7]: fatal: no SASL: x", "postfix/smtpd  7"},
+      {"<22>Nov 26 12:00:00 dovecot: imap: Error: y", "dovecot  0"},
+      {head + "smtpd[7]: warning: A1: removed", "postfix/smtpd  0"},
+      {head + "smtpd[7]: NOQUEUE: milter-reject: RCPT from x", "postfix/smtpd  0"},
+      {head + "smtpd[7]: A1: fatal: x", "postfix/smtpd A1 0"},
+      {"Nov 26 12:00:00 mail last message repeated 2 times", ""},
+      {"Nov 26", ""},
+      {"", ""},
+  };
+  for (const auto& row : kCases) {
+    const auto line = ParsePostfixLogLine(row.line);
+    std::string seen;
+    const auto add = [&](const std::string& title, const std::string& text) {
+      if (!text.empty()) seen += " " + title + text;
+    };
+    const auto place = [](const Peer& peer) {
+      return peer.path.empty() && !peer.host.empty() ? peer.host + " " + peer.port : peer.path;
+    };
+    if (line) {
+      seen = line->program + " " + line->queueId + " " + std::to_string(static_cast<int>(line->event));
+      add("", line->messageId);
+      add("to:", line->to);
+      add("for:", line->originalTo);
+      add("at:", place(line->relay));
+      add("not:", place(line->unreachable));
+      add("", line->status);
+      EXPECT_EQ(line->text, (line->queueId.empty() ? "" : line->queueId + ": ") + line->said);
+      EXPECT_EQ(row.line.substr(row.line.size() - line->text.size()), line->text);
+    }
+    EXPECT_EQ(seen, row.seen) << row.line;
   }
 }
