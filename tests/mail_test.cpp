@@ -1,6 +1,7 @@
 /// What is read in the daemons' files and logs.
 #include <gtest/gtest.h>
 
+#include "mail/dovecot_config.h"
 #include "mail/postfix_config.h"
 #include "mail/postfix_log.h"
 #include "mail/smtp_listeners.h"
@@ -249,5 +250,83 @@ TEST(PostfixLog, IsReadLineByLine) {
       EXPECT_EQ(row.line.substr(row.line.size() - line->text.size()), line->text);
     }
     EXPECT_EQ(seen, row.seen) << row.line;
+  }
+}
+
+TEST(DovecotConfig, HasBlocks) {
+  const std::pair<const char*, const char*> kCases[] = {
+      {"protocols = imap pop3\n", ":protocols=imap pop3;"},
+      {"# a = b\n\n  c=d  \r\n", ":c=d;"},
+      {"a = \"\\\\b#\"\nssl_key = # hidden, use -P to show it\nb = c # d", ":a=\\\\b#;b=c;ssl_key=;"},
+      {"a = </x\n", ":a=</x;"},
+      {"passdb {\n  args = session=yes x\n  driver = pam\n}\na = b\n",
+       ":a=b; passdb:args=session=yes x;driver=pam;"},
+      {"passdb {\n}\npassdb {\na = b\n}", ": passdb: passdb:a=b;"},
+      {"service imap-login {\n  inet_listener imaps {\n    port = 1\n  }\n  x = y\n}\n",
+       ": service imap-login:x=y; service imap-login/inet_listener imaps:port=1;"},
+      {"protocol !smtp{\na=b\n}", ": protocol !smtp:a=b;"},
+      {"}\n!include_try conf.d/*.conf\na = b", ":a=b;"},
+      {"a =\n", ":a=;"},
+  };
+  for (const auto& [text, blocks] : kCases) {
+    std::string found;
+    for (const DovecotBlock& one : ParseDovecot(text))
+      found += (found.empty() ? "" : " ") + one.name + ":" + Text(one.settings);
+    EXPECT_EQ(found, blocks) << text;
+  }
+}
+
+TEST(DovecotConfig, HasListeners) {
+  const std::string imaps = "service imap-login {\n inet_listener imaps {\n";
+  const std::pair<std::string, const char*> kCases[] = {
+      {"protocols = imap pop3", "imap:143s imaps:993i pop3:110s pop3s:995i "},
+      {"protocols = $protocols imap", "imap:143s imaps:993i pop3: pop3s: "},
+      {"protocols = imap\nssl = no", "imap:143 imaps:993i pop3: pop3s: "},
+      {"protocols = imap\nssl = required", "imap:143s imaps:993i pop3: pop3s: "},
+      {"protocols = imap\n" + imaps + "port = 0\n}\n}", "imap:143s imaps: pop3: pop3s: "},
+      {"protocols = imap\n" + imaps + "port = 9993\naddress = localhost, 192.0.2.1\n}\n}",
+       "imap:143s imaps:9993i@localhost@192.0.2.1 pop3: pop3s: "},
+      {"protocols {\n}\nprotocols = imap\n" + imaps + "listen = ::\n ssl = no\n}\n}",
+       "imap:143s imaps:993s@:: pop3: pop3s: "},
+      {"protocols = imap\nservice imap-login {\ninet_listener imap {\nssl = yes\n}\n}",
+       "imap:143i imaps:993i pop3: pop3s: "},
+      {"protocols = lmtp pop3\nservice pop3-login {\ninet_listener pop3 {\nport = 0\n}\n}",
+       "imap: imaps: pop3: pop3s:995i "},
+      {"", "imap: imaps: pop3: pop3s: "},
+  };
+  for (const auto& [text, listeners] : kCases) {
+    std::string found;
+    for (const DovecotListener& one : DovecotListeners(ParseDovecot(text))) {
+      found += one.name + ":" + one.port;
+      if (!one.port.empty()) found += std::string(one.implicitTls ? "i" : "") + (one.startTls ? "s" : "");
+      for (const std::string& address : one.addresses) found += "@" + address;
+      found += " ";
+    }
+    EXPECT_EQ(found, listeners) << text;
+  }
+}
+
+TEST(DovecotConfig, NamesCertificatesSocketsAndPamServices) {
+  const std::pair<const char*, const char*> kCases[] = {
+      {"ssl_cert = </a.crt\nssl_key = < /a.key", "/a.crt /a.key "},
+      {"ssl_server_cert_file = /a\nssl_server_key_file = /b\n", "/a /b "},
+      {"ssl_server {\n cert_file = /a\n key_file = /b\n}\n", "/a /b "},
+      {"ssl_cert = </a\nssl_key = </b\nlocal_name x {\nssl_cert = </c\nssl_key = </d\n}", "/a /b /c /d "},
+      {"ssl = no\nssl_cert = </a\nssl_key = </b", ""},
+      {"ssl_cert = </a\nssl_ca = </b", ""},
+      {"service auth {\nunix_listener /run/x/auth {\nmode = 0660\n}\nunix_listener login {\n}\n}",
+       "/run/x/auth login "},
+      {"passdb {\nargs = session=yes dovecot.local\ndriver = pam\n}", "dovecot.local "},
+      {"passdb {\ndriver = pam\nargs = %s\n}\nuserdb {\nargs = x\ndriver = ldap\n}", ""},
+      {"passdb pam {\npassdb_pam_service_name = smtp.local\n}", "smtp.local "},
+      {"passdb {\ndriver = pam\n}", ""},
+  };
+  for (const auto& [text, names] : kCases) {
+    const DovecotConfig config = ParseDovecot(text);
+    std::string found;
+    for (const auto& [certificate, key] : DovecotCertificates(config)) found += certificate + " " + key + " ";
+    for (const std::string& path : DovecotSockets(config)) found += path + " ";
+    for (const std::string& service : PamServices(config)) found += service + " ";
+    EXPECT_EQ(found, names) << text;
   }
 }

@@ -12,6 +12,7 @@
 
 #include "change/basics.h"
 #include "core/config_generator.h"
+#include "mail/dovecot_config.h"
 
 namespace {
 
@@ -248,9 +249,9 @@ std::set<std::string> FirstSteps() {
   for (const PostfixService& service : ParseServices(ReadFile(kEtc + "/master.cf"))) {
     if (service.type == "inet") steps.merge(Foreigners(service.port, DaemonNamed("Postfix")));
   }
-  const std::vector<std::string> listeners = Words(ReadFile(kEtc + "/dovecot/conf.d/10-master.conf"));
-  for (size_t i = 2; i < listeners.size(); ++i) {
-    if (listeners[i - 2] == "port") steps.merge(Foreigners(listeners[i], DaemonNamed("Dovecot")));
+  const std::string listeners = ReadFile(kEtc + "/dovecot/conf.d/10-master.conf");
+  for (const DovecotListener& listener : DovecotListeners(ParseDovecot(listeners))) {
+    steps.merge(Foreigners(listener.port, DaemonNamed("Dovecot")));
   }
   if (HasSystemd()) {
     steps.insert("Start the daemons now and with the machine: systemctl enable --now brindlecot-mail.target");

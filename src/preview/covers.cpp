@@ -5,18 +5,15 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
 #include <memory>
-#include <regex>
 
+#include "mail/dovecot_config.h"
 #include "preview/sandbox.h"
 #include "preview/verdict.h"
 #include "system/files.h"
 #include "system/text.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 struct Person {
   std::string name;
@@ -43,6 +40,18 @@ std::vector<std::string> MailPlaces() {
   return places;
 }
 
+// The paths in a value, each up to what stands for a user's name.
+std::vector<std::string> PathsIn(const std::string& value) {
+  std::vector<std::string> paths;
+  size_t end = 0;
+  for (size_t begin; (begin = value.find_first_not_of(":=", end)) != std::string::npos;) {
+    end = value.find_first_of(":=", begin);
+    const std::string part = value.substr(begin, end - begin);
+    if (part[0] == '/') paths.push_back(part.substr(0, part.find_first_of("% \t")));
+  }
+  return paths;
+}
+
 // The directories and log files, of Dovecot's configuration and Postfix's, outside the package.
 void CoverNamed() {
   std::vector<std::string> folders;
@@ -51,18 +60,13 @@ void CoverNamed() {
        {"queue_directory", "data_directory", "mail_spool_directory", "virtual_mailbox_base"}) {
     folders.push_back(MainParameter(name));
   }
-  const std::string text = DovecotFiles();
   // "mail_location = maildir:/srv/mail/%u:INDEX=/srv/index/%u", "mail_path = /srv/mail/%{user}"
-  const std::regex form(R"((?:^|\n)\s*(mail_\w+|\w*log_path|state_dir)\s*=\s*([^\n]*))");
-  for (std::sregex_iterator line(text.begin(), text.end(), form), end; line != end; ++line) {
-    const std::string value = (*line)[2];
-    const std::regex path(R"((?:^|[:=])(/[^:%\s]*))");
-    for (std::sregex_iterator one(value.begin(), value.end(), path); one != end; ++one) {
-      const std::string place = (*one)[1];
-      if (Contains((*line)[1], "log_path")) {
-        files.push_back(place);
-      } else {
-        folders.push_back(place.substr(0, place.rfind('/')));
+  for (const DovecotBlock& block : ReadDovecotFiles()) {
+    for (const auto& [name, value] : block.settings) {
+      const bool log = Contains(name, "log_path");
+      if (!log && !StartsWith(name, "mail_") && name != "state_dir") continue;
+      for (const std::string& place : PathsIn(value)) {
+        log ? files.push_back(place) : folders.push_back(place.substr(0, place.rfind('/')));
       }
     }
   }
@@ -74,15 +78,6 @@ void CoverNamed() {
 }
 
 }  // namespace
-
-std::string DovecotFiles() {
-  std::string text;
-  std::error_code none;
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(kEtc + "/dovecot", none)) {
-    if (entry.path().extension() == ".conf") text += ReadFile(entry.path()) + "\n";
-  }
-  return text;
-}
 
 void CoverData() {
   for (const char* folder : {"/var/log", "/var/tmp", "/var/lib/dovecot"}) CoverByDirectories(folder);

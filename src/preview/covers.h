@@ -9,9 +9,6 @@
 /// here where it would be on the machine.
 void CoverData();
 
-/// The text of all Dovecot's files.
-std::string DovecotFiles();
-
 /// Two users of this machine who get mail, as far as there are any: the first one, and the first one who
 /// could not write at the place for mail in the home.
 std::vector<std::string> MailUsers();

@@ -16,6 +16,7 @@
 
 #include "checks/mail_check.h"
 #include "mail/daemons.h"
+#include "mail/dovecot_config.h"
 #include "mail/listeners.h"
 #include "mail/postfix_config.h"
 #include "preview/covers.h"
@@ -119,10 +120,7 @@ Verdict JudgePam() {
   Verdict verdict = Judge("rehearsal: PAM services", true, {});
   std::string told = ReadFile(kToldPamConfig);
   if (told.empty()) told = ReadFile("/usr/nubo/etc/pam-config/Brindlecot.json");
-  const std::string text = DovecotFiles();
-  const std::regex form(R"((?:driver\s*=\s*pam\s+args|service_name)\s*=\s*(?:[^\n]*\s)?([\w.-]+)\s*\n)");
-  for (std::sregex_iterator one(text.begin(), text.end(), form), end; one != end; ++one) {
-    const std::string name = (*one)[1];
+  for (const std::string& name : PamServices(ReadDovecotFiles())) {
     if (!fs::exists("/etc/pam.d/" + name)) {
       verdict.said.push_back("Dovecot asks PAM for " + name + ", which has no file in /etc/pam.d");
       verdict.consequence = "Whom the service \"other\" admits can log in, and nobody else.";

@@ -10,8 +10,8 @@
 #include <set>
 
 #include "mail/daemons.h"
+#include "mail/dovecot_config.h"
 #include "mail/smtp_listeners.h"
-#include "preview/covers.h"
 #include "preview/sandbox.h"
 #include "preview/verdict.h"
 #include "system/files.h"
@@ -57,7 +57,7 @@ bool IsOurs(const std::string& path) {
   if (StartsWith(path, MainParameter("queue_directory") + "/p") &&
       Contains("\n" + ReadFile(kEtc + "/master.cf"), name))
     return true;
-  return Contains(DovecotFiles(), path);
+  return Contains(DovecotSockets(ReadDovecotFiles()), path);
 }
 
 }  // namespace
