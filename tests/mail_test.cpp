@@ -127,7 +127,7 @@ TEST(PostfixConfig, NamesPeers) {
   std::string found;
   for (const Peer& peer :
        PeersIn("check_policy_service {inet:h:10, timeout=3s},\tunix:private/p hash:/etc/x :11 a:smtp "
-               "x=inet:i:12,[::1]/128 10.0.0.0/8 permit")) {
+               "inet:i:12,[::1]/128 10.0.0.0/8 permit")) {
     found += Text(peer) + " ";
   }
   EXPECT_EQ(found, "inet|h|10| unix|||private/p inet|i|12| ");

@@ -40,24 +40,24 @@ TEST(Warnings, EachSettingHasItsLine) {
 
 TEST(Warnings, EachParameterHasItsLine) {
   const struct {
-    Parameters mainCf;
+    const char* mainCf;
     const char* services;
-    const char* options;
     const char* said;
   } kCases[] = {
-      {{{"mynetworks", "127.0.0.0/8, [::1]/128 hash:/x 0.0.0.0/0 10.1.2.3"}}, "", "", ""},
-      {{{"mynetworks", "10.1.2.3/20"}}, "", "", "write 10.1.0.0/20"},
-      {{{"mynetworks", "![2001:db8::1]/29"}}, "", "", "write [2001:db8::]/29"},
-      {{{"smtpd_tls_security_level", "encrypt"}}, "587 inet n", "", ""},
-      {{{"smtpd_tls_security_level", "encrypt"}}, "a unix n\n25   inet n", "", "port 25 demands TLS"},
-      {{{"smtpd_tls_security_level", "encrypt"}}, "25 inet n", "25/inet/smtpd_tls_security_level = may", ""},
-      {{}, "1:smtp inet n", "1:smtp/inet/smtpd_tls_security_level = encrypt", "port 25 demands TLS"},
-      {{{"inet_interfaces", "localhost, [::1]"}}, "", "", "only programs on this machine"},
-      {{{"inet_interfaces", "127.0.0.1 192.0.2.1"}}, "", "", ""},
+      {"mynetworks = 127.0.0.0/8, [::1]/128 hash:/x 0.0.0.0/0 10.1.2.3", "", ""},
+      {"mynetworks = 10.1.2.3/20", "", "write 10.1.0.0/20"},
+      {"mynetworks = ![2001:db8::1]/29", "", "write [2001:db8::]/29"},
+      {"smtpd_tls_security_level = encrypt", "587 inet n - n - - smtpd", ""},
+      {"smtpd_tls_security_level = encrypt", "a unix n - n - - b\n25 inet n - n - - smtpd",
+       "port 25 demands TLS"},
+      {"smtpd_tls_security_level = encrypt", "25 inet n - n - - smtpd -o smtpd_tls_security_level=may", ""},
+      {"", "[::1]:smtp inet n - n - - smtpd\n -o smtpd_tls_security_level=encrypt", "port 25 demands TLS"},
+      {"inet_interfaces = localhost, [::1]", "", "only programs on this machine"},
+      {"inet_interfaces = 127.0.0.1 192.0.2.1", "", ""},
   };
   for (const auto& row : kCases) {
-    const Warnings warnings = PostfixWarnings(row.mainCf, row.services, row.options);
-    ASSERT_EQ(warnings.size(), *row.said == '\0' ? 0U : 1U) << row.said << row.options;
+    const Warnings warnings = PostfixWarnings({ParseParameters(row.mainCf), ParseServices(row.services)});
+    ASSERT_EQ(warnings.size(), *row.said == '\0' ? 0U : 1U) << row.mainCf << row.services;
     for (const std::string& warning : warnings)
       EXPECT_NE(warning.find(row.said), std::string::npos) << warning;
   }

@@ -55,9 +55,6 @@ std::vector<std::string> StartOnIpv6(const Daemon& milter) {
 
 bool IsWanted(const Daemon& daemon, const Parameters& mainCf) {
   const auto milters = mainCf.find("smtpd_milters");
-  if (daemon.milterPort.empty()) return true;
-  if (milters == mainCf.end()) return false;
-  const std::vector<Peer> peers = PeersIn(milters->second);
-  return std::any_of(peers.begin(), peers.end(),
-                     [&](const Peer& peer) { return peer.port == daemon.milterPort; });
+  return daemon.milterPort.empty() ||
+         (milters != mainCf.end() && HasPeer(milters->second, daemon.milterPort));
 }

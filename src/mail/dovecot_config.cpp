@@ -22,10 +22,6 @@ std::string FileIn(const std::string& value) {
   return Trim(StartsWith(value, "<") ? value.substr(1) : value);
 }
 
-bool EndsWith(const std::string& text, const std::string& end) {
-  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 }  // namespace
 
 DovecotConfig ParseDovecot(const std::string& text) {

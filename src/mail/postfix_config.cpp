@@ -175,17 +175,26 @@ Peer ParsePeer(const std::string& word) {
   return peer;
 }
 
+std::vector<std::string> ListWords(const std::string& value) {
+  std::string text = value;
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c == '{' || c == '}'; }, ' ');
+  return Words(text);
+}
+
 std::vector<Peer> PeersIn(const std::string& value) {
-  constexpr const char* kBetween = " \t\r\n,={}()";
   std::vector<Peer> peers;
-  size_t end = 0;
-  for (size_t begin; (begin = value.find_first_not_of(kBetween, end)) != std::string::npos;) {
-    end = value.find_first_of(kBetween, begin);
-    const Peer peer = ParsePeer(value.substr(begin, end - begin));
-    const bool port = !peer.port.empty() && peer.port.find_first_not_of("0123456789") == std::string::npos;
-    if (!peer.path.empty() || (port && !peer.host.empty())) peers.push_back(peer);
+  for (const std::string& word : ListWords(value)) {
+    const Peer peer = ParsePeer(word);
+    const bool numeric = !peer.port.empty() && peer.port.find_first_not_of("0123456789") == std::string::npos;
+    if (!peer.path.empty() || (numeric && !peer.host.empty())) peers.push_back(peer);
   }
   return peers;
+}
+
+bool HasPeer(const std::string& value, const std::string& port) {
+  const std::vector<Peer> peers = PeersIn(value);
+  return std::any_of(peers.begin(), peers.end(), [&](const Peer& peer) { return peer.port == port; });
 }
 
 void SkipSettleTime(const std::string& path) {

@@ -73,8 +73,14 @@ struct Peer {
 /// The peer that one word names; without a port and without a path, the word is a host.
 Peer ParsePeer(const std::string& word);
 
-/// The peers in a value that have a numeric port or a path, also in braces.
+/// The words of a value, without blanks, commas and braces.
+std::vector<std::string> ListWords(const std::string& value);
+
+/// The peers among its words: those that have a numeric port or a path.
 std::vector<Peer> PeersIn(const std::string& value);
+
+/// True when one of the peers has this port.
+bool HasPeer(const std::string& value, const std::string& port);
 
 /// Makes a file of Postfix ten seconds old: Postfix's programs would wait until it is two seconds old, since
 /// they cannot know that it is whole.

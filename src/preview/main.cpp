@@ -79,7 +79,7 @@ Preview Try(const std::vector<std::string>& words, bool rehearsal, const std::ve
                                            [&](const Difference& file) { return file.path == listeners; });
   // A process of its own stays on the machine's network, and its peers may keep it waiting.
   Program warnings([&] {
-    for (const std::string& line : AllWarnings(listenersChange, MainCf())) std::cout << line << '\n';
+    for (const std::string& line : AllWarnings(listenersChange, NewPostfix())) std::cout << line << '\n';
     return 0;
   });
   preview.verdicts = Verdicts(checkers);

@@ -6,10 +6,11 @@
 #include <algorithm>
 #include <memory>
 #include <optional>
-#include <regex>
 
 #include "checks/mail_check.h"
 #include "mail/certificate.h"
+#include "mail/daemons.h"
+#include "mail/smtp_listeners.h"
 #include "preview/sandbox.h"
 #include "preview/warnings.h"
 #include "system/files.h"
@@ -23,17 +24,10 @@ const std::string kKeyTable = kEtc + "/opendkim/KeyTable";
 
 // ---- Connections -------------------------------------------------------------------------------------
 
-struct Peer {
-  std::string host;
-  std::string port;
-};
-
-bool Connects(const Peer& peer) {
+bool Connects(const std::string& host, const std::string& port) {
   const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> curl(curl_easy_init(), curl_easy_cleanup);
   if (curl == nullptr) return true;
-  const bool v6 = Contains(peer.host, ":");
-  curl_easy_setopt(curl.get(), CURLOPT_URL,
-                   ("http://" + (v6 ? "[" + peer.host + "]" : peer.host) + ":" + peer.port).c_str());
+  curl_easy_setopt(curl.get(), CURLOPT_URL, ("http://" + InUrl(host) + ":" + port).c_str());
   curl_easy_setopt(curl.get(), CURLOPT_PROXY, "");
   curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(curl.get(), CURLOPT_CONNECT_ONLY, 1L);
@@ -41,28 +35,29 @@ bool Connects(const Peer& peer) {
   return curl_easy_perform(curl.get()) == CURLE_OK;
 }
 
+// True when one of the places, "ldaps://HOST:PORT/" or "HOST", answers, or is of a form that is not known
+// here.
+bool AnswersAt(const std::string& uri) {
+  const bool tls = StartsWith(uri, "ldaps://");
+  std::string place = uri.substr(tls ? 8 : StartsWith(uri, "ldap://") ? 7 : 0);
+  if (EndsWith(place, "/")) place.pop_back();
+  const Peer peer = ParsePeer(place);
+  if (!peer.via.empty() || peer.host.empty() || Contains(place, "/")) return true;
+  return Connects(peer.host, !peer.port.empty() ? peer.port : tls ? "636" : "389");
+}
+
 // Each "ldap:/path" in alias_maps names a file, and `server_host` in this file the servers of a directory.
-void CheckDirectories(Warnings& warnings, Parameters& mainCf) {
-  const std::regex server(R"((?:^|\n)\s*server_host\s*=\s*(.*))");
-  const std::regex uri(R"((?:(ldaps?)://)?\[?([A-Za-z0-9._-]+|[0-9a-fA-F:]+:[0-9a-fA-F:]*)\]?(?::(\d+))?/?)");
-  for (const std::string& map : Words(mainCf["alias_maps"])) {
+void CheckDirectories(Warnings& warnings, const PostfixConfig& postfix) {
+  for (const std::string& map : Words(postfix.Value("alias_maps"))) {
     if (!StartsWith(map, "ldap:/")) continue;
     const std::string file = map.substr(5);
-    const std::string text = ReadFile(file);
-    std::smatch hosts;
-    if (!std::regex_search(text, hosts, server) || Words(hosts[1]).empty()) {
+    const std::string hosts = ParseParameters(ReadFile(file))["server_host"];
+    const std::vector<std::string> places = Words(hosts);
+    if (places.empty()) {
       warnings.push_back(kMain + ": alias_maps: " + file +
                          " names no server, so mail for local recipients waits (451)");
-      continue;
-    }
-    const std::vector<std::string> places = Words(hosts[1]);
-    if (std::none_of(places.begin(), places.end(), [&](const std::string& place) {
-          std::smatch match;
-          if (!std::regex_match(place, match, uri)) return true;  // of a form that is not known here
-          const std::string usual = match[1] == "ldaps" ? "636" : "389";
-          return Connects({match[2], match[3].matched ? match[3].str() : usual});
-        })) {
-      warnings.push_back(file + ": server_host: no directory answers at " + hosts[1].str() +
+    } else if (std::none_of(places.begin(), places.end(), AnswersAt)) {
+      warnings.push_back(file + ": server_host: no directory answers at " + hosts +
                          ", so mail for local recipients waits (451)");
     }
   }
@@ -78,27 +73,30 @@ bool IsSocket(const std::string& path) {
   return false;
 }
 
-// Filters, policy services and milters of others. Those that Postfix runs itself have a line in `services`.
-void CheckFilters(Warnings& warnings, const Parameters& parameters, const std::string& services) {
-  const std::regex filter(
-      R"((?:^|[\s:,{])(?:unix:(/[^\s,}]+)|\[?([A-Za-z0-9_.-]+|[0-9a-fA-F:]+)\]?:(\d+))(?=[\s,}]|$))");
-  const std::regex policy(
-      R"(check_policy_service[\s,{]+(?:unix:(/[^\s,}]+)|inet:\[?([A-Za-z0-9_.-]+|[0-9a-fA-F:]+)\]?:(\d+)))");
-  const std::regex named("(content_filter|smtpd_proxy_filter|smtpd_milters)$");
-  const std::regex ours("8891|8893");  // started with Postfix
-  for (const auto& [name, value] : parameters) {
+// True when a program of ours is started there with Postfix, or Postfix itself listens.
+bool IsStarted(const Peer& peer, const PostfixConfig& postfix) {
+  return std::any_of(Daemons().begin(), Daemons().end(),
+                     [&](const Daemon& daemon) { return daemon.milterPort == peer.port; }) ||
+         std::any_of(postfix.services.begin(), postfix.services.end(),
+                     [&](const PostfixService& service) { return service.port == peer.port; });
+}
+
+// Filters, policy services and milters of others.
+void CheckFilters(Warnings& warnings, const PostfixConfig& postfix) {
+  for (const auto& [name, value] : postfix.AllValues()) {
     const bool restrictions = Contains(name, "smtpd_") && Contains(name, "_restrictions");
-    if (!restrictions && !std::regex_search(name, named)) continue;
-    const std::regex& form = restrictions ? policy : filter;
-    for (std::sregex_iterator one(value.begin(), value.end(), form), end; one != end; ++one) {
-      const std::string path = (*one)[1];
-      const Peer peer = {(*one)[2], (*one)[3]};
-      const bool own = std::regex_search(services, std::regex("(^|\n)([^ \n]*:)?" + peer.port + " +inet "));
-      const bool answers =
-          path.empty() ? own || std::regex_match(peer.port, ours) || Connects(peer) : IsSocket(path);
-      if (answers) continue;
+    if (!restrictions && !EndsWith(name, "content_filter") && !EndsWith(name, "smtpd_proxy_filter") &&
+        !EndsWith(name, "smtpd_milters"))
+      continue;
+    for (const Peer& peer : PeersIn(value)) {
+      // Among restrictions, they are policy services.
+      if (restrictions && peer.via != "inet" && peer.via != "unix") continue;
+      const bool path = !peer.path.empty();
+      if (path ? peer.path[0] != '/' || IsSocket(peer.path)
+               : IsStarted(peer, postfix) || Connects(peer.host, peer.port))
+        continue;
       warnings.push_back(kMain + ": " + name + ": nobody answers at " +
-                         (path.empty() ? peer.host + ", port " + peer.port : path) +
+                         (path ? peer.path : peer.host + ", port " + peer.port) +
                          ", so mail waits until somebody does");
     }
   }
@@ -134,8 +132,8 @@ std::optional<std::vector<std::string>> TextRecords(const std::string& name) {
 }
 
 // The record comes before the setting: docs/pitfalls.md, "A new DKIM key".
-void CheckDkimKeys(Warnings& warnings, Parameters& mainCf) {
-  if (!Contains(mainCf["smtpd_milters"], ":8891")) return;
+void CheckDkimKeys(Warnings& warnings, const PostfixConfig& postfix) {
+  if (!IsWanted(DaemonOf(DaemonId::kOpenDkim), postfix.parameters)) return;
   std::string missing;
   std::string key;
   for (const std::string& line : Lines(ReadFile(kKeyTable))) {
@@ -161,13 +159,11 @@ void CheckDkimKeys(Warnings& warnings, Parameters& mainCf) {
 
 }  // namespace
 
-Warnings PeerWarnings(Parameters mainCf, const std::string& services, const std::string& options) {
+Warnings PeerWarnings(const PostfixConfig& postfix) {
   Warnings warnings;
-  Parameters parameters = ParseParameters(options);
-  parameters.insert(mainCf.begin(), mainCf.end());
-  CheckDirectories(warnings, mainCf);
-  CheckFilters(warnings, parameters, services);
-  CheckDkimKeys(warnings, mainCf);
+  CheckDirectories(warnings, postfix);
+  CheckFilters(warnings, postfix);
+  CheckDkimKeys(warnings, postfix);
   return warnings;
 }
 
@@ -180,7 +176,7 @@ std::vector<Verdict> PortVerdicts(const Parameters& mainCf) {
       installed = PostfixParameters(kInstalled);
     } catch (const Fault&) {  // there was none
     }
-    const bool before = Contains(installed["smtpd_milters"], ":" + result.question.listener);
+    const bool before = HasPeer(installed["smtpd_milters"], result.question.listener);
     verdicts.push_back({Name(result.question), before ? Verdict::kWarning : Verdict::kRefused, result.words,
                         result.sentence});
   }

@@ -1,4 +1,5 @@
 #include <arpa/inet.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <regex>
@@ -34,14 +35,10 @@ std::string NetworkOf(const std::string& text) {
 }
 
 // True when port 25, to which other servers send, takes no mail without TLS.
-bool DemandsTls(Parameters& mainCf, const std::string& services, const std::string& options) {
-  const std::string port25 = "(^|\n)([^ \n]*:)?(25|smtp)";
-  if (!std::regex_search(services, std::regex(port25 + " +inet "))) return false;
-  std::smatch own;
-  const bool set =
-      std::regex_search(options, own, std::regex(port25 + "/inet/smtpd_tls_security_level = ([a-z]*)"));
-  const std::string level = set ? own[4].str() : mainCf["smtpd_tls_security_level"];
-  return level.empty() ? mainCf["smtpd_enforce_tls"] == "yes" : level == "encrypt";
+bool DemandsTls(const PostfixConfig& postfix) {
+  return std::any_of(postfix.services.begin(), postfix.services.end(), [&](const PostfixService& service) {
+    return service.port == "25" && TlsOf(postfix, service) == TlsUse::kRequired;
+  });
 }
 
 bool IsLoopback(const std::string& interface) {
@@ -49,25 +46,34 @@ bool IsLoopback(const std::string& interface) {
          interface == "::1" || interface == "[::1]";
 }
 
+// True for a table that is asked without another program.
+bool IsLocalTable(const std::string& table) {
+  const std::vector<std::string> types = {"hash",   "btree", "lmdb",   "cdb",   "texthash",
+                                          "regexp", "pcre",  "static", "inline"};
+  return Contains(types, table.substr(0, table.find(':')));
+}
+
 // Every mail system has to take mail for postmaster: RFC 5321, section 4.5.1. An access table may discard it,
 // with the answer that it was taken.
-void CheckPostmaster(Warnings& warnings, Parameters& mainCf) {
-  const std::string host = mainCf["myhostname"];
-  const std::regex named(
-      R"(check_recipient_access[ \t,{]+((hash|btree|lmdb|cdb|texthash|regexp|pcre|static|inline):[^ \t,}]+))");
+void CheckPostmaster(Warnings& warnings, const PostfixConfig& postfix) {
+  const std::string host = postfix.Value("myhostname");
   std::vector<std::string> asked;
-  for (const auto& [name, value] : mainCf) {
+  for (const auto& [name, value] : postfix.parameters) {
     if (!StartsWith(name, "smtpd_") || !Contains(name, "_restrictions")) continue;
-    for (std::sregex_iterator one(value.begin(), value.end(), named), end; one != end; ++one) {
-      const std::string table = (*one)[1];
-      if (Contains(asked, table)) continue;
+    const std::vector<std::string> words = ListWords(value);
+    for (size_t i = 1; i < words.size(); ++i) {
+      const std::string& table = words[i];
+      if (words[i - 1] != "check_recipient_access" || !IsLocalTable(table) || Contains(asked, table))
+        continue;
       asked.push_back(table);
       const ProgramResult found =
           RunProgram({"postmap", "-c", kEtc, "-q", "-", table},
                      "postmaster@" + host + "\n" + host + "\npostmaster@\npostmaster\n");
       for (const std::string& line : Lines(found.output)) {
-        if (!std::regex_search(line, std::regex("\tdiscard\\b", std::regex::icase))) continue;
-        warnings.push_back(table.substr(table.find(':') + 1) + ": " + line.substr(0, line.find('\t')) +
+        const size_t tab = line.find('\t');
+        const std::vector<std::string> action = Words(line.substr(std::min(tab, line.size())));
+        if (action.empty() || strcasecmp(action[0].c_str(), "discard") != 0) continue;
+        warnings.push_back(table.substr(table.find(':') + 1) + ": " + line.substr(0, tab) +
                            ": mail for postmaster is discarded, so nobody can report a fault of mail");
       }
     }
@@ -76,12 +82,12 @@ void CheckPostmaster(Warnings& warnings, Parameters& mainCf) {
 
 }  // namespace
 
-Warnings PostfixWarnings(Parameters mainCf, const std::string& services, const std::string& options) {
+Warnings PostfixWarnings(const PostfixConfig& postfix) {
   Warnings warnings;
   const auto warn = [&](const std::string& key, const std::string& text) {
     warnings.push_back(kMain + ": " + key + ": " + text);
   };
-  for (const std::string& network : Words(mainCf["mynetworks"])) {
+  for (const std::string& network : Words(postfix.Value("mynetworks"))) {
     const std::string right = NetworkOf(network);
     if (!right.empty()) {
       warn("mynetworks",
@@ -89,15 +95,15 @@ Warnings PostfixWarnings(Parameters mainCf, const std::string& services, const s
                right);
     }
   }
-  if (DemandsTls(mainCf, services, options)) {
+  if (DemandsTls(postfix)) {
     warn("smtpd_tls_security_level",
          "port 25 demands TLS, so mail from servers without TLS does not come (RFC 3207, section 4); write "
          "may");
   }
-  const std::vector<std::string> interfaces = Words(mainCf["inet_interfaces"]);
+  const std::vector<std::string> interfaces = Words(postfix.Value("inet_interfaces"));
   if (!interfaces.empty() && std::all_of(interfaces.begin(), interfaces.end(), IsLoopback)) {
     warn("inet_interfaces", "only programs on this machine reach it, so no mail comes from others");
   }
-  CheckPostmaster(warnings, mainCf);
+  CheckPostmaster(warnings, postfix);
   return warnings;
 }

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
-#include <regex>
 #include <set>
 
 #include "mail/daemons.h"
@@ -21,17 +20,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What follows "inet:", "unix:" and the like in main.cf and master.cf, but not the place of a mail server.
-std::set<std::string> Endpoints(const std::string& kinds) {
-  std::string text = "\n" + ReadFile(kEtc + "/master.cf");
-  for (const auto& [name, value] : MainCf()) text += "\n" + value;
-  if (MainParameter("smtpd_sasl_type") == "dovecot" && !Contains(MainParameter("smtpd_sasl_path"), "inet:"))
-    text += "\nunix:" + MainParameter("smtpd_sasl_path");
-  const std::regex form("([a-z]*:)?\\b(" + kinds + "):([^\\s,{}()]+)");
-  std::set<std::string> found;
-  for (std::sregex_iterator one(text.begin(), text.end(), form), end; one != end; ++one) {
-    if ((*one)[1] != "lmtp:" && (*one)[1] != "smtp:" && (*one)[1] != "relay:") found.insert((*one)[3]);
+// The programs that main.cf and master.cf name, but not the mail servers.
+std::vector<Peer> Peers() {
+  std::vector<Peer> found;
+  for (const auto& [name, value] : NewPostfix().AllValues()) {
+    for (const Peer& peer : PeersIn(value)) {
+      const std::string transport = peer.via.substr(0, peer.via.find(':'));
+      const std::string kind = peer.via.substr(peer.via.rfind(':') + 1);
+      const bool mail = transport == "lmtp" || transport == "smtp" || transport == "relay";
+      if (!mail && (!peer.path.empty() || kind == "inet" || kind == "tcp")) found.push_back(peer);
+    }
   }
+  const std::string sasl = MainParameter("smtpd_sasl_path");
+  if (MainParameter("smtpd_sasl_type") == "dovecot" && !StartsWith(sasl, "inet:"))
+    found.push_back({"unix", "", "", sasl});
   return found;
 }
 
@@ -53,23 +55,22 @@ bool IsSocket(const std::string& path) {
 
 // True for a socket that Postfix or Dovecot makes anew in the sandbox.
 bool IsOurs(const std::string& path) {
-  const std::string name = "\n" + fs::path(path).filename().string() + " ";
-  if (StartsWith(path, MainParameter("queue_directory") + "/p") &&
-      Contains("\n" + ReadFile(kEtc + "/master.cf"), name))
-    return true;
-  return Contains(DovecotSockets(ReadDovecotFiles()), path);
+  const std::vector<PostfixService>& services = NewPostfix().services;
+  const std::string queue = MainParameter("queue_directory");
+  return std::any_of(services.begin(), services.end(),
+                     [&](const PostfixService& service) {
+                       return path == queue + (service.isPrivate ? "/private/" : "/public/") + service.name;
+                     }) ||
+         Contains(DovecotSockets(ReadDovecotFiles()), path);
 }
 
 }  // namespace
 
 std::vector<Service> TcpServices(const std::vector<Place>& taken) {
   std::vector<Service> services;
-  for (const std::string& endpoint : Endpoints("inet|tcp")) {
-    static const std::regex form(R"(\[?([^\]]+?)\]?:(\d+)(?::.*)?)");
-    std::smatch match;
-    if (!std::regex_match(endpoint, match, form)) continue;
-    const std::string host = match[1];
-    const std::string port = match[2];
+  std::set<std::pair<std::string, std::string>> asked;
+  for (const auto& [via, host, port, path] : Peers()) {
+    if (!path.empty() || !asked.emplace(host, port).second) continue;
     for (const std::string& address : AddressesOf(host)) {
       const bool local = IsLoopback(address) || Contains(OwnAddresses(), address);
       if (local && (IsOurMilter(port) || !RunsOutside(address + ":" + port, taken))) continue;
@@ -80,8 +81,9 @@ std::vector<Service> TcpServices(const std::vector<Place>& taken) {
 }
 
 void KeepSockets() {
-  for (const std::string& endpoint : Endpoints("unix|local")) {
-    const std::string path = InQueue(endpoint.substr(0, endpoint.find(':')));
+  for (const Peer& peer : Peers()) {
+    if (peer.path.empty()) continue;
+    const std::string path = InQueue(peer.path);
     if (!IsSocket(kMachine + path) || IsOurs(path) || IsSocket(path)) continue;
     ShowSocket(path);
   }

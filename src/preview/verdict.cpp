@@ -73,21 +73,18 @@ std::vector<Verdict> Verdicts(std::list<Checker>& checkers) {
   return verdicts;
 }
 
-const Parameters& MainCf() {
-  static const Parameters parameters = [] {
+const PostfixConfig& NewPostfix() {
+  static const PostfixConfig config = [] {
     for (const fs::directory_entry& entry : fs::directory_iterator(kEtc)) {
       if (entry.path().extension() == ".cf") SkipSettleTime(entry.path());
     }
     try {
-      return PostfixParameters(kEtc);
+      return ReadPostfix(kEtc);
     } catch (const Fault&) {
-      return Parameters();  // the checkers say why
+      return PostfixConfig();  // the checkers say why
     }
   }();
-  return parameters;
+  return config;
 }
 
-std::string MainParameter(const std::string& name) {
-  const auto found = MainCf().find(name);
-  return found == MainCf().end() ? "" : found->second;
-}
+std::string MainParameter(const std::string& name) { return NewPostfix().Value(name); }

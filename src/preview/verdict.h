@@ -35,8 +35,11 @@ void StartCheckers(std::list<Checker>& checkers, const std::string& word);
 /// Waits for their ends.
 std::vector<Verdict> Verdicts(std::list<Checker>& checkers);
 
-/// The parameters of the new main.cf; none when it cannot be read. The file is read once.
-const Parameters& MainCf();
+/// The new main.cf and master.cf; nothing when they cannot be read. They are read once.
+const PostfixConfig& NewPostfix();
+
+/// The parameters of the new main.cf.
+inline const Parameters& MainCf() { return NewPostfix().parameters; }
 
 /// The value of a parameter in the new main.cf; empty when there is none.
 std::string MainParameter(const std::string& name);

@@ -9,12 +9,11 @@
 #include <cstdlib>
 #include <fstream>
 #include <list>
-#include <regex>
 
 #include "core/config_generator.h"
 #include "mail/certificate.h"
 #include "platform/nubocore.h"
-#include "system/program.h"
+#include "system/text.h"
 
 namespace {
 
@@ -31,9 +30,16 @@ void Warn(Warnings& warnings, const std::string& file, const std::string& key, c
   warnings.push_back(file + ": " + key + ": " + text);
 }
 
+// True for ASCII letters, digits and `more` alone.
+bool IsMadeOf(const std::string& text, const std::string& more) {
+  return std::all_of(text.begin(), text.end(), [&](char c) {
+    return (std::isalnum(static_cast<unsigned char>(c)) != 0 && static_cast<unsigned char>(c) < 0x80) ||
+           more.find(c) != std::string::npos;
+  });
+}
+
 // A name in DNS has to be ASCII. (RFC 5890 says how other names are written.)
 void CheckDomain(Warnings& warnings, const std::string& key, const std::string& name) {
-  static const std::regex form("[A-Za-z0-9_-]+(\\.[A-Za-z0-9_-]+)*|.*\\$.*|");
   if (std::any_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) >= 0x80; })) {
     char* ascii = nullptr;
     const bool known = idn2_to_ascii_8z(name.c_str(), &ascii, IDN2_NONTRANSITIONAL) == IDN2_OK;
@@ -41,18 +47,30 @@ void CheckDomain(Warnings& warnings, const std::string& key, const std::string& 
          name + " is not ASCII: its mail is refused, and signing it may end OpenDKIM; write " +
              (known ? ascii : "its xn-- form"));
     std::free(ascii);
-  } else if (!std::regex_match(name, form)) {
+  } else if (!name.empty() && !Contains(name, "$") &&
+             (!IsMadeOf(name, "-._") || Contains("." + name + ".", ".."))) {
     Warn(warnings, kSmtp, key, "\"" + name + "\" is no domain name, so no mail finds it");
   }
 }
 
-// In a value of main.cf, `$` begins the name of a parameter.
-void CheckMainCfValue(Warnings& warnings, const std::string& key, const std::string& value) {
-  static const std::regex wellFormed(R"(\$(\$|\w+|\{\w[^}]*\}|\(\w[^)]*\)))");
-  if (std::regex_replace(value, wellFormed, "").find('$') != std::string::npos) {
-    Warn(warnings, kSmtp, key,
-         "a $ without a parameter's name: Postfix refuses all of main.cf; write $$ for a $");
+// In a value of main.cf, `$` begins the name of a parameter, also in braces, and `$$` is a `$`.
+bool HasStrayDollar(const std::string& value) {
+  const auto isName = [&](size_t at) { return at < value.size() && IsMadeOf(value.substr(at, 1), "_"); };
+  for (size_t at = 0; (at = value.find('$', at)) != std::string::npos;) {
+    const char next = value[++at];
+    if (next == '$') ++at;
+    if (next == '$' || isName(at)) continue;
+    if ((next != '{' && next != '(') || !isName(at + 1)) return true;
+    at = value.find(next == '{' ? '}' : ')', at);
+    if (at == std::string::npos) return true;
   }
+  return false;
+}
+
+void CheckMainCfValue(Warnings& warnings, const std::string& key, const std::string& value) {
+  if (!HasStrayDollar(value)) return;
+  Warn(warnings, kSmtp, key,
+       "a $ without a parameter's name: Postfix refuses all of main.cf; write $$ for a $");
 }
 
 bool Customised(const char* file, const char* key) {
@@ -77,9 +95,13 @@ std::string Lower(std::string text) {
 // The local name of a recipient, if neither a user nor an alias has it. Empty otherwise, and where a
 // directory or a customisation may know the name.
 std::string UnknownName(const std::string& recipient, Postfix& smtp, const Json::Value& aliases) {
-  static const std::regex plain(R"(\\?([A-Za-z0-9._+-]+)(?:@([A-Za-z0-9.-]+))?)");
-  std::smatch match;
-  if (GetString(smtp, "account_type") != "local" || !std::regex_match(recipient, match, plain)) return "";
+  const size_t begin = StartsWith(recipient, "\\") ? 1 : 0;
+  const size_t at = std::min(recipient.find('@'), recipient.size());
+  const std::string name = Lower(recipient.substr(begin, at - begin));
+  const std::string domain = Lower(recipient.substr(std::min(at + 1, recipient.size())));
+  if (GetString(smtp, "account_type") != "local" || name.empty() || !IsMadeOf(name, "._+-") ||
+      !IsMadeOf(domain, ".-") || EndsWith(recipient, "@"))
+    return "";
   for (const char* key :
        {"alias_maps", "local_recipient_maps", "luser_relay", "mailbox_transport", "mailbox_transport_maps",
         "fallback_transport", "fallback_transport_maps", "virtual_alias_maps", "virtual_alias_domains",
@@ -89,11 +111,9 @@ std::string UnknownName(const std::string& recipient, Postfix& smtp, const Json:
   }
   std::list<std::string> domains = smtp.GetAdditionDomain();
   domains.insert(domains.end(), {"", "localhost", GetString(smtp, "smtp_hostname")});
-  const std::string domain = Lower(match[2]);
   if (std::none_of(domains.begin(), domains.end(), [&](const auto& own) { return Lower(own) == domain; })) {
     return "";
   }
-  const std::string name = Lower(match[1]);
   const std::vector<std::string> known = aliases.getMemberNames();
   const bool alias =
       std::any_of(known.begin(), known.end(), [&](const auto& one) { return Lower(one) == name; });
@@ -170,7 +190,7 @@ Warnings SettingsWarnings(Postfix& smtp, MailScanner& scanner, ImapPop3& imapPop
   return warnings;
 }
 
-Warnings AllWarnings(bool listenersChange, const Parameters& mainCf) {
+Warnings AllWarnings(bool listenersChange, const PostfixConfig& postfix) {
   Warnings warnings;
   const auto add = [&](const Warnings& more) { warnings.insert(warnings.end(), more.begin(), more.end()); };
   Postfix smtp;
@@ -181,13 +201,11 @@ Warnings AllWarnings(bool listenersChange, const Parameters& mainCf) {
     add(SettingsWarnings(smtp, scanner, imapPop3, ReadObject(kAliases), ReadObject(kAttachments),
                          listenersChange));
   }
-  if (mainCf.empty()) return warnings;
-  const std::string services = RunProgram({"postconf", "-c", kEtc, "-M"}).output;
-  const std::string options = RunProgram({"postconf", "-c", kEtc, "-Px"}).output;
-  add(PostfixWarnings(mainCf, services, options));
-  for (const Certificate& certificate : Certificates(mainCf)) {
+  if (postfix.parameters.empty()) return warnings;
+  add(PostfixWarnings(postfix));
+  for (const Certificate& certificate : Certificates(postfix.parameters)) {
     if (!certificate.fault.empty()) Warn(warnings, certificate.file, certificate.readers, certificate.fault);
   }
-  add(PeerWarnings(mainCf, services, options));
+  add(PeerWarnings(postfix));
   return warnings;
 }

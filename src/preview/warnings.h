@@ -14,21 +14,20 @@ using Warnings = std::vector<std::string>;
 
 /// All warnings about the stored settings, the new files and what they refer to outside this machine. To be
 /// called before the network is left: it asks DNS, and connects to directories and filters, at most three
-/// seconds each. `listenersChange` is true when Dovecot's 10-master.conf is about to change. `mainCf` is
-/// empty where there is no main.cf that Postfix can read.
-Warnings AllWarnings(bool listenersChange, const Parameters& mainCf);
+/// seconds each. `listenersChange` is true when Dovecot's 10-master.conf is about to change. `postfix` is
+/// empty where Postfix cannot read its files.
+Warnings AllWarnings(bool listenersChange, const PostfixConfig& postfix);
 
 /// Warnings about the given settings and the customisation files, in the order of the files and keys.
 /// `aliases` and `attachments` are the JSON objects in aliases.json and attachment_filter.json.
 Warnings SettingsWarnings(Postfix& smtp, MailScanner& scanner, ImapPop3& imapPop3, const Json::Value& aliases,
                           const Json::Value& attachments, bool listenersChange);
 
-/// Warnings about Postfix's parameters. `services` is what `postconf -M` prints of master.cf, and `options`
-/// what `postconf -P` prints.
-Warnings PostfixWarnings(Parameters mainCf, const std::string& services, const std::string& options);
+/// Warnings about Postfix's parameters and listeners.
+Warnings PostfixWarnings(const PostfixConfig& postfix);
 
-/// Warnings about the directories, filters and name servers that these parameters lead to.
-Warnings PeerWarnings(Parameters mainCf, const std::string& services, const std::string& options);
+/// Warnings about the directories, filters and name servers that these files lead to.
+Warnings PeerWarnings(const PostfixConfig& postfix);
 
 /// Other users who listen where the new main.cf makes Postfix look for a milter: a refusal when the installed
 /// one does not name the milter, and else a warning. To be called before the network is left.

@@ -16,6 +16,9 @@ std::string Trim(const std::string& text);
 /// True when the text begins with the prefix.
 bool StartsWith(const std::string& text, const std::string& prefix);
 
+/// True when the text ends with the suffix.
+bool EndsWith(const std::string& text, const std::string& suffix);
+
 /// True when the part stands anywhere in the text.
 bool Contains(const std::string& text, const std::string& part);
 
