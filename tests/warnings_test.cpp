@@ -96,10 +96,11 @@ END)";
   for (const auto& row : kCases) {
     files += std::string(directory) + "/" + row.key + ".key " + directory + "/" + row.certificate + ".crt ";
   }
-  const std::vector<Certificate> found = Certificates({{"smtpd_use_tls", "yes"},
-                                                       {"myhostname", "mail.example.com"},
-                                                       {"mydestination", "localhost, two.example"},
-                                                       {"smtpd_tls_chain_files", files}});
+  const std::vector<Certificate> found = Certificates({{{"smtpd_use_tls", "yes"},
+                                                        {"myhostname", "mail.example.com"},
+                                                        {"mydestination", "localhost, two.example"},
+                                                        {"smtpd_tls_chain_files", files}},
+                                                       ParseServices("25 inet n - n - - smtpd")});
   ASSERT_EQ(found.size(), std::size(kCases));
   for (size_t i = 0; i < found.size(); ++i) {
     EXPECT_EQ(found[i].usable, kCases[i].usable) << found[i].fault;

@@ -53,7 +53,7 @@ void AddForeignOwners(CheckResults& mail) {
 void AddCertificates(CheckResults& mail, Json::Value& shown) {
   std::vector<Certificate> certificates;
   try {
-    certificates = Certificates(PostfixParameters(kEtc));
+    certificates = Certificates(ReadPostfix(kEtc));
   } catch (const Fault&) {  // mail is not well, which is said already
   }
   for (const CheckResult& listener : CheckResults(mail)) {

@@ -4,7 +4,7 @@
 #include <ctime>
 #include <regex>
 
-#include "mail/daemons.h"
+#include "mail/dovecot_config.h"
 #include "system/files.h"
 #include "system/program.h"
 #include "system/text.h"
@@ -26,50 +26,34 @@ void Add(std::vector<Certificate>& found, const std::string& reader, const std::
   found.push_back(fresh);
 }
 
-void AddPostfix(std::vector<Certificate>& found, Parameters& mainCf) {
-  // Options of a listener: "465/inet/smtpd_tls_cert_file = /path".
-  const std::string options = RunProgram({"postconf", "-c", kEtc, "-Px"}).output;
-  const std::regex tls("/inet/smtpd_(tls_wrappermode = yes|tls_security_level = (may|encrypt))");
-  const bool on = mainCf["smtpd_tls_security_level"].empty() ? mainCf["smtpd_use_tls"] == "yes"
-                                                             : mainCf["smtpd_tls_security_level"] != "none";
-  if (!on && !std::regex_search(options, tls)) return;
+void AddPostfix(std::vector<Certificate>& found, const PostfixConfig& postfix) {
+  if (std::none_of(postfix.services.begin(), postfix.services.end(), [&](const PostfixService& service) {
+        return service.type == "inet" && TlsOf(postfix, service) != TlsUse::kNever;
+      }))
+    return;
   std::string key;
-  for (const std::string& file : Words(mainCf["smtpd_tls_chain_files"])) {  // a key, then its certificate
+  for (const std::string& file : Words(postfix.Value("smtpd_tls_chain_files"))) {  // a key, its certificate
     const std::string text = ReadFile(file);
     if (Contains(text, "PRIVATE KEY-----")) key = file;
     if (Contains(text, "-----BEGIN CERTIFICATE")) Add(found, "Postfix", file, key);
   }
   if (key.empty()) {
     for (const std::string kind : {"", "ec", "d"}) {
-      Add(found, "Postfix", mainCf["smtpd_tls_" + kind + "cert_file"],
-          mainCf["smtpd_tls_" + kind + "key_file"]);
+      Add(found, "Postfix", postfix.Value("smtpd_tls_" + kind + "cert_file"),
+          postfix.Value("smtpd_tls_" + kind + "key_file"));
     }
   }
-  Parameters listeners = ParseParameters(options);
-  const std::string name = "smtpd_tls_cert_file";
-  for (const auto& [option, value] : Parameters(listeners)) {
-    const size_t at = option.rfind("/inet/" + name);
-    if (at == std::string::npos) continue;
-    const std::string own = listeners[option.substr(0, at) + "/inet/smtpd_tls_key_file"];
-    Add(found, "Postfix", value, own.empty() ? mainCf["smtpd_tls_key_file"] : own);
+  for (const PostfixService& service : postfix.services) {
+    const auto own = service.options.find("smtpd_tls_cert_file");
+    if (own != service.options.end())
+      Add(found, "Postfix", own->second, postfix.Value(service, "smtpd_tls_key_file"));
   }
 }
 
-// "ssl_cert = </path" of Dovecot 2.3, "cert_file = /path" in a block of 2.4; also in a block for one name.
-// The key comes after it.
 void AddDovecot(std::vector<Certificate>& found) {
-  std::vector<std::string> command = DaemonNamed("Dovecot").check;
-  command.emplace_back("-P");
-  const std::string text = RunProgram(command).output;
-  if (std::regex_search(text, std::regex("(^|\n)ssl = no"))) return;
-  const std::regex form("(?:^|\n) *(?:ssl_)?(?:server_)?(cert|key)(?:_file)? = \"?<?([^\n\"]*)");
-  std::string certificate;
-  for (std::sregex_iterator line(text.begin(), text.end(), form), end; line != end; ++line) {
-    if ((*line)[1] == "cert") {
-      certificate = (*line)[2];
-    } else {
-      Add(found, "Dovecot", certificate, (*line)[2]);
-    }
+  try {
+    for (const auto& [file, key] : DovecotCertificates(ReadDovecot())) Add(found, "Dovecot", file, key);
+  } catch (const Fault&) {  // its checker says why
   }
 }
 
@@ -81,9 +65,9 @@ std::time_t TimeAfter(const std::string& text, const std::string& name) {
   return timegm(&time);
 }
 
-bool IsFor(const Certificate& certificate, Parameters& mainCf) {
-  std::vector<std::string> wanted = Words(mainCf["mydestination"]);
-  wanted.insert(wanted.begin(), mainCf["myhostname"]);
+bool IsFor(const Certificate& certificate, const PostfixConfig& postfix) {
+  std::vector<std::string> wanted = Words(postfix.Value("mydestination"));
+  wanted.insert(wanted.begin(), postfix.Value("myhostname"));
   return std::any_of(wanted.begin(), wanted.end(), [&](const std::string& name) {
     return Contains(
         RunProgram({"openssl", "x509", "-in", certificate.file, "-noout", "-checkhost", name}).output,
@@ -91,7 +75,7 @@ bool IsFor(const Certificate& certificate, Parameters& mainCf) {
   });
 }
 
-void Examine(Certificate& certificate, Parameters& mainCf) {
+void Examine(Certificate& certificate, const PostfixConfig& postfix) {
   const auto unusable = [&](const std::string& why) {
     certificate.usable = false;
     certificate.fault = why;
@@ -129,19 +113,19 @@ void Examine(Certificate& certificate, Parameters& mainCf) {
   }
   // What the installation makes is signed by itself.
   const bool selfSigned = std::regex_search(text, std::regex("subject=([^\n]*)\nissuer=\\1\n"));
-  if (certificate.fault.empty() && !selfSigned && !IsFor(certificate, mainCf)) {
-    certificate.fault = "is for " + certificate.names + ", and not for " + mainCf["myhostname"] +
+  if (certificate.fault.empty() && !selfSigned && !IsFor(certificate, postfix)) {
+    certificate.fault = "is for " + certificate.names + ", and not for " + postfix.Value("myhostname") +
                         " or a mail domain, so mail programs complain";
   }
 }
 
 }  // namespace
 
-std::vector<Certificate> Certificates(Parameters mainCf) {
+std::vector<Certificate> Certificates(const PostfixConfig& postfix) {
   std::vector<Certificate> found;
-  AddPostfix(found, mainCf);
+  AddPostfix(found, postfix);
   AddDovecot(found);
-  for (Certificate& certificate : found) Examine(certificate, mainCf);
+  for (Certificate& certificate : found) Examine(certificate, postfix);
   return found;
 }
 

@@ -21,10 +21,10 @@ struct Certificate {
 /// A certificate that expires in fewer days has a fault.
 inline constexpr long kFewDays = 14;
 
-/// The certificates that Postfix with these parameters and the Dovecot that reads target/etc would show, each
+/// The certificates that Postfix with these files and the Dovecot that reads target/etc would show, each
 /// once. None where TLS is off, or where Dovecot cannot read its files. One that others have signed has a
 /// fault when it is made for neither myhostname nor a name in mydestination.
-std::vector<Certificate> Certificates(Parameters mainCf);
+std::vector<Certificate> Certificates(const PostfixConfig& postfix);
 
 /// The fingerprint of the certificate that a running listener shows at ADDRESS:PORT; `startTls` is "smtp",
 /// "imap" or "pop3" where TLS begins by STARTTLS, and empty where it begins at once. Empty when the listener

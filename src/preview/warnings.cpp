@@ -203,7 +203,7 @@ Warnings AllWarnings(bool listenersChange, const PostfixConfig& postfix) {
   }
   if (postfix.parameters.empty()) return warnings;
   add(PostfixWarnings(postfix));
-  for (const Certificate& certificate : Certificates(postfix.parameters)) {
+  for (const Certificate& certificate : Certificates(postfix)) {
     if (!certificate.fault.empty()) Warn(warnings, certificate.file, certificate.readers, certificate.fault);
   }
   add(PeerWarnings(postfix));
