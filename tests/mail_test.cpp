@@ -246,6 +246,10 @@ TEST(PostfixLog, IsReadLineByLine) {
       add("at:", place(line->relay));
       add("not:", place(line->unreachable));
       add("", line->status);
+      if (!line->status.empty()) {
+        EXPECT_EQ(line->said.substr(line->said.find(" status=") + 1),
+                  "status=" + line->status + " " + line->reason);
+      }
       EXPECT_EQ(line->text, (line->queueId.empty() ? "" : line->queueId + ": ") + line->said);
       EXPECT_EQ(row.line.substr(row.line.size() - line->text.size()), line->text);
     }

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
-#include <regex>
+#include <optional>
 
 #include "checks/strangers.h"
 #include "mail/daemons.h"
@@ -47,6 +47,7 @@ void Delivery::HandIn(const std::string& name, const std::string& to, const std:
   const Question question = {Topic::kDelivery, DaemonId::kPostfix, "", Asker::kMachine, name};
   Message message = {{question, Grade::kBad, Lines(handedIn.errors), sentence}, to, id, ""};
   message.ended = handedIn.status != 0;
+  if (!message.ended) message.result.words = {"it is not taken into the queue"};
   if (!message.ended && log_.empty()) {
     message.result.grade = check_.isolated ? Grade::kNotAsked : Grade::kGood;
     message.result.words = {"handed in, and not followed, since maillog_file is empty"};
@@ -62,13 +63,14 @@ CheckResults Delivery::Follow() {
         Read();
         const bool late = std::chrono::steady_clock::now() > start + kAfterFault;
         return std::all_of(messages_.begin(), messages_.end(), [&](const Message& message) {
-          return message.ended || (check_.isolated && late && Contains(message.result.Said(), "fatal: "));
+          return message.ended || (check_.isolated && late && !fatal_.empty() && message.result.Bad());
         });
       },
       kDelivery);
   CheckResults results;
   for (Message& message : messages_) {
     CheckResult& result = message.result;
+    if (!message.ended && result.Bad()) result.words[0] += fatal_;
     if (result.grade == Grade::kGood && !message.user.empty() && check_.dovecot) FindInInbox(message);
     if (result.grade == Grade::kGood) result.sentence = "";
     results.push_back(result);
@@ -76,90 +78,71 @@ CheckResults Delivery::Follow() {
   return results;
 }
 
+// Reads the lines that have come since the last time.
 void Delivery::Read() {
   std::ifstream file(log_);
   file.seekg(begin_);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(file, line);) lines.push_back(line);
-  held_ = false;
-  for (Message& message : messages_) {
-    if (!message.ended) Decide(message, lines);
+  for (std::string text; std::getline(file, text) && !file.eof();) {
+    begin_ += static_cast<std::streamoff>(text.size() + 1);
+    const std::optional<PostfixLogLine> line = ParsePostfixLogLine(text);
+    if (!line) continue;
+    // Anybody may write such a line into the log, so it is a reason and decides nothing.
+    if (line->event == MailEvent::kFatal) fatal_ = "; " + line->said;
+    for (Message& message : messages_) {
+      if (!message.ended) Decide(message, *line);
+    }
   }
-  if (!held_) return;
+  if (std::none_of(messages_.begin(), messages_.end(),
+                   [](const Message& message) { return message.held && !message.ended; }))
+    return;
   // Again and again: a message that is still being written stays.
   RunProgram({"postsuper", "-c", kEtc, "-H", "ALL"});
   RunProgram({"postqueue", "-c", kEtc, "-f"});
 }
 
-// Reads in the log what became of the message for its recipient. A copy for somebody else (always_bcc) does
-// not count. Anybody may write a line with "fatal: " into the log, so such a line is a reason and no verdict.
-void Delivery::Decide(Message& message, const std::vector<std::string>& lines) {
+// What becomes of the message for its recipient. A copy for somebody else (always_bcc) does not count.
+void Delivery::Decide(Message& message, const PostfixLogLine& line) {
   CheckResult& result = message.result;
-  std::string queueId;  // the last: what an alias forwards to another host gets another
-  std::string fatal;
-  std::smatch match;
-  for (const std::string& line : lines) {
-    const size_t end = line.find(": message-id=" + message.id);
-    if (end != std::string::npos) queueId = line.substr(0, end).substr(line.rfind(' ', end) + 1);
-    if (std::regex_search(line, match, std::regex("\\[[0-9]+\\]: (fatal: .*)")))
-      fatal = "; " + match[1].str();
+  if (line.event == MailEvent::kMessageId && line.messageId == message.id) {
+    message.queueId = line.queueId;  // again: what an alias forwards to another host gets another
+    result.grade = Grade::kBad;
+    result.words = {"it waits in the queue"};
+    message.held = false;
   }
-  result.grade = Grade::kBad;
-  result.words = {(queueId.empty() ? "it is not taken into the queue" : "it waits in the queue") + fatal};
-  bool held = false;
-  for (const std::string& line : lines) {
-    if (queueId.empty() || !Contains(line, ' ' + queueId + ": ")) continue;
-    if (std::regex_search(line, match, std::regex(": milter-reject: .*"))) {
-      result.words = {match.str().substr(2)};
-      message.ended = true;
-    } else if (Contains(line, ": hold: ")) {
-      result.words = {"held, for scanning"};
-      result.grade = Grade::kGood;
-      message.ended = !check_.isolated;
-      held = true;
-    } else if (Contains(line, " (queue active)")) {
-      held = false;
-    } else if (Contains(line, ": removed")) {
-      result.grade = Grade::kGood;
-      message.ended = true;
-    } else if ((Contains(line, " orig_to=<" + message.to + ">,") ||
-                Contains(line, " to=<" + message.to + ">,")) &&
-               std::regex_search(line, match, std::regex("status=(sent|deferred|bounced|expired) .*"))) {
-      result.words = {match[0]};
-      if (match[1] == "sent" && !(message.to == kElsewhere && IsHere(line))) result.grade = Grade::kGood;
-      if (match[1] == "deferred") Deferred(message, line);
-      message.ended = true;
-    }
-    if (message.ended) return;
+  if (line.queueId.empty() || line.queueId != message.queueId) return;
+  if (line.event == MailEvent::kRejected) {
+    result.words = {line.said};
+    message.ended = true;
+  } else if (line.event == MailEvent::kHeld) {
+    result.words = {"held, for scanning"};
+    result.grade = Grade::kGood;
+    message.ended = !check_.isolated;
+    message.held = true;
+  } else if (line.event == MailEvent::kActive) {
+    message.held = false;
+  } else if (line.event == MailEvent::kRemoved) {
+    result.grade = Grade::kGood;
+    message.ended = true;
+  } else if (line.event == MailEvent::kDelivery && (line.originalTo == message.to || line.to == message.to)) {
+    const bool here = message.to == kElsewhere && IsOwn(listeners_, line.relay.host, line.relay.port);
+    result.words = {"status=" + line.status + " " + line.reason};
+    result.grade = line.status == "sent" && !here ? Grade::kGood : Grade::kBad;
+    if (line.status == "deferred" && check_.isolated) result.grade = GradeOfDeferred(line);
+    message.ended = true;
   }
-  held_ = held_ || (held && check_.isolated);
 }
 
-// A message that waits for what is outside a rehearsal.
-void Delivery::Deferred(Message& message, const std::string& line) {
-  if (!check_.isolated) return;
-  std::smatch match;
-  const bool client = Contains(line, "/smtp[") || Contains(line, "/lmtp[");
-  if (!client) {
-    if (Contains(main_.at("alias_maps"), "ldap:") && Contains(line, "/local["))
-      message.result.grade = Grade::kNotAsked;
-    return;
+// Of a message that waits for what is outside a rehearsal.
+Grade Delivery::GradeOfDeferred(const PostfixLogLine& line) const {
+  if (!EndsWith(line.program, "/smtp") && !EndsWith(line.program, "/lmtp")) {
+    const bool directory = EndsWith(line.program, "/local") && Contains(main_.at("alias_maps"), "ldap:");
+    return directory ? Grade::kNotAsked : Grade::kBad;
   }
-  if (Contains(line, "loops back to myself")) return;
-  message.result.grade = Grade::kGood;
-  if (!std::regex_search(line, match, std::regex("connect to [^\\[]*\\[([^\\]]*)\\]:?(\\d*): "))) return;
-  const std::string address = match[1];
-  const bool path = Contains(address, "/");
-  if (!path && !IsLoopback(address) && !Contains(OwnAddresses(), address)) return;
-  const std::string place = path ? address : address + ":" + match[2].str();
-  message.result.grade = check_.runsOutside && check_.runsOutside(place) ? Grade::kNotAsked : Grade::kBad;
-}
-
-// True when the line says that the message went to one of this Postfix's own listeners.
-bool Delivery::IsHere(const std::string& line) const {
-  std::smatch match;
-  if (!std::regex_search(line, match, std::regex("relay=[^\\[,]*\\[([^\\]]*)\\]:(\\d+)"))) return false;
-  return IsOwn(listeners_, match[1], match[2]);
+  if (Contains(line.reason, "loops back to myself")) return Grade::kBad;
+  const Peer& peer = line.unreachable;
+  const bool remote = !IsLoopback(peer.host) && !Contains(OwnAddresses(), peer.host);
+  if (peer.path.empty() && (peer.host.empty() || remote)) return Grade::kGood;
+  return check_.runsOutside && check_.runsOutside(peer) ? Grade::kNotAsked : Grade::kBad;
 }
 
 void Delivery::FindInInbox(Message& message) const {

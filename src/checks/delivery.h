@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "checks/mail_questions.h"
+#include "mail/postfix_log.h"
 #include "mail/smtp_listeners.h"
 
 /// Hands in a message to postmaster, and in a rehearsal to each user and to another host. Call Follow() once
@@ -21,21 +22,22 @@ class Delivery {
     std::string to;
     std::string id;    // Message-ID
     std::string user;  // of this machine, if it is to one
+    std::string queueId{};
+    bool held = false;
     bool ended = false;
   };
 
   void HandIn(const std::string& name, const std::string& to, const std::string& sentence);
   void Read();
-  void Decide(Message& message, const std::vector<std::string>& lines);
-  void Deferred(Message& message, const std::string& line);
-  bool IsHere(const std::string& line) const;
+  void Decide(Message& message, const PostfixLogLine& line);
+  Grade GradeOfDeferred(const PostfixLogLine& line) const;
   void FindInInbox(Message& message) const;
 
   const MailCheck& check_;
   const Parameters& main_;
   const std::vector<SmtpListener>& listeners_;
   std::string log_;
-  std::streamoff begin_;
+  std::streamoff begin_;  // of what is not read yet
+  std::string fatal_;     // the last error that ended a program
   std::vector<Message> messages_;
-  bool held_ = false;
 };

@@ -17,9 +17,9 @@ struct MailCheck {
   std::string subject;               ///< subject of the message to postmaster; empty: none is sent
   std::string text;                  ///< its body: lines that end in newlines
   std::vector<std::string> users{};  ///< of this machine, who get mail and read it; in a rehearsal
-  /// True when what Postfix could not reach is a program outside the rehearsal: `place` is an address and a
-  /// port, "127.0.0.1:10024", or the path of a socket.
-  std::function<bool(const std::string& place)> runsOutside{};
+  /// True when what Postfix could not reach is a program outside the rehearsal, at an address and
+  /// a port, or at the path of a socket.
+  std::function<bool(const Peer& peer)> runsOutside{};
 };
 
 /// Checks the daemons that run with the files in target/etc, on this machine's own addresses:

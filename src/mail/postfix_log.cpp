@@ -54,8 +54,9 @@ void ReadDelivery(PostfixLogLine& line) {
     if (name == "orig_to") line.originalTo = value;
     if (name == "relay") line.relay = BracketedIn(value);
     if (name == "status") {
-      const size_t connect = said.find("(connect to ", end);
-      if (connect != std::string::npos) line.unreachable = BracketedIn(said.substr(connect));
+      line.reason = said.substr(end + 1);
+      const size_t connect = line.reason.find("connect to ");
+      if (connect != std::string::npos) line.unreachable = BracketedIn(line.reason.substr(connect));
       line.status = value;
       line.event = MailEvent::kDelivery;
       return;

@@ -31,6 +31,7 @@ struct PostfixLogLine {
   Peer relay{};              ///< numeric: the server that was given the message
   Peer unreachable{};        ///< numeric: the server or the socket that could not be reached
   std::string status{};      ///< "sent", "deferred", "bounced" or "expired"
+  std::string reason{};      ///< why, in parentheses
 };
 
 /// A line "TIME [HOST] PROGRAM[PID]: TEXT", where the time is that of RFC 3164 or RFC 5424, with the <number>

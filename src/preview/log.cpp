@@ -8,8 +8,9 @@
 
 #include <algorithm>
 #include <fstream>
-#include <regex>
 #include <stdexcept>
+
+#include "mail/postfix_log.h"
 
 namespace {
 
@@ -64,11 +65,9 @@ std::vector<LogLine> TakeLog() {
 }
 
 std::vector<LogLine> LogLines(const std::vector<std::string>& lines) {
-  const std::regex head(R"(^(?:<\d+>)?.{15} (?:[^ :]+ )?([^ :\[]+)(?:\[\d+\])?: )");
   std::vector<LogLine> parts;
   for (const std::string& line : lines) {
-    std::smatch match;
-    if (std::regex_search(line, match, head)) parts.push_back({match[1], match.suffix()});
+    if (const auto read = ParsePostfixLogLine(line)) parts.push_back({read->program, read->text});
   }
   return parts;
 }

@@ -159,7 +159,7 @@ std::vector<Verdict> Rehearse(const std::vector<Place>& taken) {
   check.text = "This is a rehearsal.\n";
   check.dovecot = check.postfix = false;
   check.users = MailUsers();
-  check.runsOutside = [&](const std::string& place) { return RunsOutside(place, taken); };
+  check.runsOutside = [&](const Peer& peer) { return RunsOutside(peer, taken); };
   TakeLog();
   // A login that is refused would wait for two seconds.
   const std::string& dovecotConf = DaemonNamed("Dovecot").configuration;

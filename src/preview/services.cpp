@@ -73,7 +73,7 @@ std::vector<Service> TcpServices(const std::vector<Place>& taken) {
     if (!path.empty() || !asked.emplace(host, port).second) continue;
     for (const std::string& address : AddressesOf(host)) {
       const bool local = IsLoopback(address) || Contains(OwnAddresses(), address);
-      if (local && (IsOurMilter(port) || !RunsOutside(address + ":" + port, taken))) continue;
+      if (local && (IsOurMilter(port) || !RunsOutside({"", address, port, ""}, taken))) continue;
       services.push_back({host, {address, port}, local});
     }
   }
@@ -89,12 +89,11 @@ void KeepSockets() {
   }
 }
 
-bool RunsOutside(const std::string& place, const std::vector<Place>& taken) {
-  if (Contains(place, "/")) return IsSocket(kMachine + InQueue(place)) && !IsOurs(InQueue(place));
-  const size_t colon = place.rfind(':');
-  const std::string address = place.substr(0, colon);
+bool RunsOutside(const Peer& peer, const std::vector<Place>& taken) {
+  const std::string path = InQueue(peer.path);
+  if (!peer.path.empty()) return IsSocket(kMachine + path) && !IsOurs(path);
   return std::any_of(taken.begin(), taken.end(), [&](const Place& one) {
-    return one.port == place.substr(colon + 1) &&
-           (one.address == address || one.address == "0.0.0.0" || one.address == "::");
+    return one.port == peer.port &&
+           (one.address == peer.host || one.address == "0.0.0.0" || one.address == "::");
   });
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "mail/postfix_config.h"
 #include "preview/network.h"
 
 /// Those in the new main.cf and master.cf that listen on TCP, without our own daemons. To be asked on the
@@ -17,6 +18,5 @@ std::vector<Service> TcpServices(const std::vector<Place>& taken);
 /// Makes their UNIX sockets reachable in the sandbox.
 void KeepSockets();
 
-/// True when somebody else's program listens on the machine: `place` is ADDRESS:PORT, or a path, which may be
-/// relative to the queue.
-bool RunsOutside(const std::string& place, const std::vector<Place>& taken);
+/// True when somebody else's program listens on the machine. The peer is an address and a port, or a path.
+bool RunsOutside(const Peer& peer, const std::vector<Place>& taken);
