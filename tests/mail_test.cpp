@@ -153,7 +153,8 @@ TEST(SmtpListeners, AreThoseOfMasterCf) {
   const struct {
     const char* mainCf;
     const char* line;
-    const char* seen;  // PORT REACHED_AT OUTSIDE; wrapped, startTls, mustTls, forUsers, offersLogin
+    const char*
+        seen;  // PORT REACHED_AT OUTSIDE; implicitTls, startTls, requiresTls, requiresLogin, offersLogin
   } kCases[] = {
       {"", "smtp inet n - n - - smtpd", "25 127.0.0.1 192.0.2.1 2001:db8::1 "},
       {"inet_protocols = ipv4", "25 inet n - n - - postscreen", "25 127.0.0.1 192.0.2.1 "},
@@ -182,10 +183,10 @@ TEST(SmtpListeners, AreThoseOfMasterCf) {
     std::string seen;
     for (const SmtpListener& one :
          SmtpListeners({ParseParameters(mainCf + row.mainCf), ParseServices(row.line)})) {
-      seen = one.port + " " + one.here + " ";
+      seen = one.port + " " + one.reachableAt + " ";
       for (const std::string& address : one.outside) seen += address + " ";
-      seen += std::string(one.wrapped ? "w" : "") + (one.startTls ? "s" : "") + (one.mustTls ? "m" : "") +
-              (one.forUsers ? "u" : "") + (one.offersLogin ? "l" : "");
+      seen += std::string(one.implicitTls ? "w" : "") + (one.startTls ? "s" : "") +
+              (one.requiresTls ? "m" : "") + (one.requiresLogin ? "u" : "") + (one.offersLogin ? "l" : "");
     }
     EXPECT_EQ(seen, row.seen) << row.mainCf << row.line;
   }

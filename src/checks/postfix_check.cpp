@@ -15,9 +15,9 @@ namespace {
 
 // Banner and EHLO of a listener, and its TLS.
 void AddListener(std::vector<Inquiry>& inquiries, const MailCheck& check, const SmtpListener& listener) {
-  Question question = {Topic::kGreeting, DaemonId::kPostfix, listener.name, Asker::kMachine, "",
-                       listener.wrapped};
-  const std::string url = listener.Url(listener.here) + "localhost";
+  Question question = {Topic::kGreeting,    DaemonId::kPostfix, listener.name, Asker::kMachine, "",
+                       listener.implicitTls};
+  const std::string url = listener.Url(listener.reachableAt) + "localhost";
   const std::string nobody = "Nobody can use port " + listener.name;
   inquiries.push_back(AskThreeTimes(check, question, {url, "NOOP"}, nobody + "."));
   if (!listener.startTls) return;
@@ -98,7 +98,7 @@ void CheckPostfix(CheckResults& results, const MailCheck& check) {
   listeners.erase(std::remove_if(listeners.begin(), listeners.end(),
                                  [&](const SmtpListener& listener) {
                                    return failed(listener, Topic::kGreeting) ||
-                                          (listener.mustTls && failed(listener, Topic::kStartTls));
+                                          (listener.requiresTls && failed(listener, Topic::kStartTls));
                                  }),
                   listeners.end());
   for (SmtpListener& listener : listeners) {

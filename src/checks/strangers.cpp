@@ -63,7 +63,7 @@ bool IsFault(const std::string& refusal, bool isolated) {
 // names in DNS rejects; where addresses are rejected, a name.
 Answer Send(const SmtpListener& listener, Dialogue dialogue) {
   const std::string begin = dialogue.url;
-  dialogue.startTls = dialogue.startTls || (listener.mustTls && !listener.wrapped);
+  dialogue.startTls = dialogue.startTls || (listener.requiresTls && !listener.implicitTls);
   dialogue.url = begin + "%5B" + (IsSix(dialogue.from) ? "IPv6:" : "") + dialogue.from + "%5D";
   Answer answer = Converse(dialogue);
   if (answer.good || !Contains(answer.said, "Helo command rejected")) return answer;
@@ -117,7 +117,7 @@ void AddRelay(std::vector<Inquiry>& inquiries, const SmtpListener& listener, con
     if (!check.isolated && (IsSix(address) || !network.empty())) continue;
     if (network.empty()) network = IsSix(address) ? "::/0" : "0.0.0.0/0";
     add(Asker::kStranger, address, from, network);
-    if (!check.isolated || listener.forUsers) continue;
+    if (!check.isolated || listener.requiresLogin) continue;
     add(Asker::kLocalSender, address, from, network);
     for (const Range& range : kPrivate) {
       if (IsSix(range.address) == IsSix(address))
@@ -185,9 +185,9 @@ std::vector<Inquiry> StrangerInquiries(const std::vector<SmtpListener>& listener
   std::string alone;
   bool open = false;
   for (const SmtpListener& listener : listeners) {
-    if (!listener.forUsers && listener.outside.empty()) alone += " " + listener.name;
+    if (!listener.requiresLogin && listener.outside.empty()) alone += " " + listener.name;
     if (listener.outside.empty()) continue;
-    const bool first = !open && !listener.forUsers;
+    const bool first = !open && !listener.requiresLogin;
     AddRelay(inquiries, listener, first ? "" : listener.name, main, check);
     if (first) AddArrival(inquiries, listener, main, check);
     open = open || first;
@@ -241,8 +241,9 @@ std::vector<Inquiry> LoginInquiries(const std::vector<SmtpListener>& listeners) 
   for (const SmtpListener& listener : listeners) {
     if (!listener.offersLogin) continue;
     const bool outside = !listener.outside.empty();
-    Dialogue dialogue = {listener.Url(outside ? listener.outside[0] : listener.here) + "client.example",
-                         "NOOP", listener.startTls};
+    Dialogue dialogue = {
+        listener.Url(outside ? listener.outside[0] : listener.reachableAt) + "client.example", "NOOP",
+        listener.startTls};
     if (outside && !IsSix(listener.outside[0]))
       dialogue.from = OutsideAddresses::User(static_cast<int>(inquiries.size()) + 1);
     dialogue.user = "rehearsal";
@@ -251,7 +252,7 @@ std::vector<Inquiry> LoginInquiries(const std::vector<SmtpListener>& listeners) 
                                listener.name,
                                Asker::kUser,
                                "",
-                               listener.wrapped || listener.startTls};
+                               listener.implicitTls || listener.startTls};
     inquiries.push_back([=] { return JudgeLogin(question, Converse(dialogue)); });
   }
   return inquiries;

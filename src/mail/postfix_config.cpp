@@ -197,6 +197,13 @@ bool HasPeer(const std::string& value, const std::string& port) {
   return std::any_of(peers.begin(), peers.end(), [&](const Peer& peer) { return peer.port == port; });
 }
 
+void SetParameter(const std::string& name, const std::string& value) {
+  RunProgram({"postconf", "-c", kEtc, "-e", name + "=" + value});
+  SkipSettleTime(kEtc + "/main.cf");
+}
+
+std::vector<std::string> MainCfCheck() { return {"postconf", "-c", kEtc, "-n"}; }
+
 void SkipSettleTime(const std::string& path) {
   fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::seconds(10));
 }

@@ -82,6 +82,12 @@ std::vector<Peer> PeersIn(const std::string& value);
 /// True when one of the peers has this port.
 bool HasPeer(const std::string& value, const std::string& port);
 
+/// Changes a parameter of target/etc/main.cf.
+void SetParameter(const std::string& name, const std::string& value);
+
+/// The command that names what is wrong in target/etc/main.cf.
+std::vector<std::string> MainCfCheck();
+
 /// Makes a file of Postfix ten seconds old: Postfix's programs would wait until it is two seconds old, since
 /// they cannot know that it is whole.
 void SkipSettleTime(const std::string& path);

@@ -41,21 +41,21 @@ SmtpListener ListenerOf(const PostfixConfig& config, const PostfixService& servi
       if (!IsLoopback(address) && first) listener.outside.push_back(address);
     }
   }
-  listener.here = protocols == "ipv6" ? "::1" : "127.0.0.1";
-  if (!everywhere && !places.empty()) listener.here = places[0];
+  listener.reachableAt = protocols == "ipv6" ? "::1" : "127.0.0.1";
+  if (!everywhere && !places.empty()) listener.reachableAt = places[0];
   std::sort(listener.outside.begin(), listener.outside.end(),
             [](const std::string& one, const std::string& other) { return IsSix(one) < IsSix(other); });
   const TlsUse tls = TlsOf(config, service);
-  listener.wrapped = tls == TlsUse::kImplicit;
+  listener.implicitTls = tls == TlsUse::kImplicit;
   listener.startTls = tls == TlsUse::kOffered || tls == TlsUse::kRequired;
-  listener.mustTls = tls == TlsUse::kImplicit || tls == TlsUse::kRequired;
+  listener.requiresTls = tls == TlsUse::kImplicit || tls == TlsUse::kRequired;
   std::vector<std::string> own;
   for (const char* list : {"client", "recipient", "relay"}) {
     const auto option = service.options.find(std::string("smtpd_") + list + "_restrictions");
     if (option == service.options.end()) continue;
     for (const std::string& word : Words(option->second)) own.push_back(word);
   }
-  listener.forUsers = Contains(own, "permit_sasl_authenticated") && Contains(own, "reject");
+  listener.requiresLogin = Contains(own, "permit_sasl_authenticated") && Contains(own, "reject");
   listener.offersLogin = config.Value(service, "smtpd_sasl_auth_enable") == "yes" &&
                          (tls != TlsUse::kNever || config.Value(service, "smtpd_tls_auth_only") != "yes");
   return listener;
@@ -83,7 +83,7 @@ std::vector<std::string> AddressesOf(const std::string& name) {
 std::string InUrl(const std::string& address) { return IsSix(address) ? "[" + address + "]" : address; }
 
 std::string SmtpListener::Url(const std::string& address) const {
-  return (wrapped ? "smtps://" : "smtp://") + InUrl(address) + ":" + port + "/";
+  return (implicitTls ? "smtps://" : "smtp://") + InUrl(address) + ":" + port + "/";
 }
 
 std::vector<SmtpListener> SmtpListeners(const PostfixConfig& config) {

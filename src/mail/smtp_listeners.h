@@ -9,12 +9,12 @@
 struct SmtpListener {
   std::string name;                  ///< as in master.cf: a port, or HOST:PORT
   std::string port;                  ///< numeric
-  std::string here;                  ///< an address at which this machine reaches it
+  std::string reachableAt;           ///< an address at which this machine reaches it
   std::vector<std::string> outside;  ///< addresses at which other machines reach it: an IPv4 one, an IPv6 one
-  bool wrapped;                      ///< TLS from the first byte
+  bool implicitTls;                  ///< TLS from the first byte
   bool startTls;                     ///< STARTTLS has to be offered
-  bool mustTls;                      ///< nothing goes without TLS
-  bool forUsers;  ///< by options of its own, it takes mail from those alone who have logged in
+  bool requiresTls;                  ///< nothing goes without TLS
+  bool requiresLogin;  ///< by options of its own, it takes mail from those alone who have logged in
   bool offersLogin;
 
   /// The beginning of a URL with an address of the listener, up to the name for EHLO.

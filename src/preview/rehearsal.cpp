@@ -66,8 +66,7 @@ bool Runs(std::vector<Verdict>& verdicts, Rehearsed& daemon, std::vector<LogLine
 // Why the master has ended at once: what it says goes to its own log socket, where nobody listened yet. Here
 // it starts once more, with the system log for its log.
 std::vector<std::string> MasterSays(const std::string& master) {
-  RunProgram({"postconf", "-c", kEtc, "-e", "maillog_file="});
-  SkipSettleTime(kMain);
+  SetParameter("maillog_file", "");
   TakeLog();
   RunProgram({master, "-c", kEtc, "-w"});
   return SaidBy("", TakeLog());

@@ -33,7 +33,7 @@ Verdict Judge(const std::string& by, bool good, const std::vector<std::string>& 
 void StartCheckers(std::list<Checker>& checkers, const std::string& word) {
   const auto start = [&](const std::vector<std::string>& command) { checkers.emplace_back(command); };
   if (word == "smtp" && fs::exists(kEtc + "/main.cf") && fs::exists(kEtc + "/master.cf")) {
-    start({"postconf", "-c", kEtc, "-n"});
+    start(MainCfCheck());
     start(DaemonNamed("Postfix").check);
     for (const char* milter : {"OpenDKIM", "OpenDMARC"}) {
       if (IsWanted(DaemonNamed(milter), MainCf())) start(DaemonNamed(milter).check);
