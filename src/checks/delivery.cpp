@@ -88,8 +88,14 @@ void Delivery::Read() {
     if (!line) continue;
     // Anybody may write such a line into the log, so it is a reason and decides nothing.
     if (line->event == MailEvent::kFatal) fatal_ = "; " + line->said;
+    if (line->queueId.empty()) continue;
+    lines_[line->queueId].push_back(*line);
     for (Message& message : messages_) {
-      if (!message.ended) Decide(message, *line);
+      if (line->event == MailEvent::kMessageId && line->messageId == message.id) {
+        Begin(message, line->queueId);
+      } else if (line->queueId == message.queueId) {
+        Decide(message, *line);
+      }
     }
   }
   if (std::none_of(messages_.begin(), messages_.end(),
@@ -100,16 +106,20 @@ void Delivery::Read() {
   RunProgram({"postqueue", "-c", kEtc, "-f"});
 }
 
+// The message has got a queue ID: again, when an alias forwards it to another host.
+void Delivery::Begin(Message& message, const std::string& queueId) {
+  if (message.ended) return;
+  message.queueId = queueId;
+  message.result.grade = Grade::kBad;
+  message.result.words = {"it waits in the queue"};
+  message.held = false;
+  for (const PostfixLogLine& line : lines_[queueId]) Decide(message, line);  // it may be held already
+}
+
 // What becomes of the message for its recipient. A copy for somebody else (always_bcc) does not count.
 void Delivery::Decide(Message& message, const PostfixLogLine& line) {
   CheckResult& result = message.result;
-  if (line.event == MailEvent::kMessageId && line.messageId == message.id) {
-    message.queueId = line.queueId;  // again: what an alias forwards to another host gets another
-    result.grade = Grade::kBad;
-    result.words = {"it waits in the queue"};
-    message.held = false;
-  }
-  if (line.queueId.empty() || line.queueId != message.queueId) return;
+  if (message.ended) return;
   if (line.event == MailEvent::kRejected) {
     result.words = {line.said};
     message.ended = true;

@@ -1,6 +1,8 @@
 /// Messages that are followed through Postfix's log.
 #pragma once
 
+#include <map>
+#include <string>
 #include <vector>
 
 #include "checks/mail_questions.h"
@@ -29,6 +31,7 @@ class Delivery {
 
   void HandIn(const std::string& name, const std::string& to, const std::string& sentence);
   void Read();
+  void Begin(Message& message, const std::string& queueId);
   void Decide(Message& message, const PostfixLogLine& line);
   Grade GradeOfDeferred(const PostfixLogLine& line) const;
   void FindInInbox(Message& message) const;
@@ -37,7 +40,8 @@ class Delivery {
   const Parameters& main_;
   const std::vector<SmtpListener>& listeners_;
   std::string log_;
-  std::streamoff begin_;  // of what is not read yet
-  std::string fatal_;     // the last error that ended a program
+  std::streamoff begin_;                                      // of what is not read yet
+  std::string fatal_;                                         // the last error that ended a program
+  std::map<std::string, std::vector<PostfixLogLine>> lines_;  // by queue ID
   std::vector<Message> messages_;
 };
