@@ -32,7 +32,7 @@ TEST(PostfixConfig, HasTheServicesOfMasterCf) {
        "smtpd_tls_wrappermode=yes;"},
       {"[::1]:587 inet n - n - - smtpd -o {smtpd_client_restrictions=permit_mynetworks, reject}",
        "::1 587 smtpd-", "smtpd_client_restrictions=permit_mynetworks, reject;"},
-      {"127.0.0.1:10025 inet n - - - - smtpd -o { a = b {c d} e } -oe=", "127.0.0.1 10025 smtpd-",
+      {"127.0.0.1:10025 inet n - - - - smtpd -o { a = b {c d} e } -oe= -v", "127.0.0.1 10025 smtpd-",
        "a=b {c d} e;e=;"},
       {"mail.example.com:smtp inet - - n - 1 postscreen -o a={b c} -o", "mail.example.com 25 postscreen",
        "a={b c};"},
@@ -126,11 +126,12 @@ TEST(PostfixConfig, NamesPeers) {
   for (const auto& [word, peer] : kCases) EXPECT_EQ(Text(ParsePeer(word)), peer) << word;
   std::string found;
   for (const Peer& peer :
-       PeersIn("check_policy_service {inet:h:10, timeout=3s},\tunix:private/p hash:/etc/x :11 a:smtp "
+       PeersIn("check_policy_service {inet:h:1239, timeout=3s},\tunix:private/p hash:/etc/x :11 a:smtp "
                "inet:i:12,[::1]/128 10.0.0.0/8 permit")) {
     found += Text(peer) + " ";
   }
-  EXPECT_EQ(found, "inet|h|10| unix|||private/p inet|i|12| ");
+  EXPECT_TRUE(HasPeer("unix:/x, inet:h:8891", "8891") && !HasPeer("inet:h:8891", "889"));
+  EXPECT_EQ(found, "inet|h|1239| unix|||private/p inet|i|12| ");
 }
 
 TEST(PostfixConfig, KnowsItsDomains) {
@@ -227,6 +228,8 @@ TEST(PostfixLog, IsReadLineByLine) {
       {head + "smtpd[7]: NOQUEUE: milter-reject: RCPT from x", "postfix/smtpd  0"},
       {head + "smtpd[7]: A1: fatal: x", "postfix/smtpd A1 0"},
       {"Nov 26 12:00:00 mail last message repeated 2 times", ""},
+      {"Nov 26 12:00:00 mail last message: repeated", ""},
+      {"Nov 26 12:00:00  x: y", ""},
       {"Nov 26", ""},
       {"", ""},
   };
@@ -272,6 +275,7 @@ TEST(DovecotConfig, HasBlocks) {
       {"protocol !smtp{\na=b\n}", ": protocol !smtp:a=b;"},
       {"}\n!include_try conf.d/*.conf\na = b", ":a=b;"},
       {"a =\n", ":a=;"},
+      {"a = \"\"", ":a=;"},
   };
   for (const auto& [text, blocks] : kCases) {
     std::string found;

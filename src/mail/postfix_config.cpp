@@ -132,12 +132,8 @@ TlsUse TlsOf(const PostfixConfig& config, const PostfixService& service) {
 }
 
 std::string PortNumber(const std::string& port) {
-  if (const servent* service = getservbyname(port.c_str(), "tcp"))
-    return std::to_string(ntohs(static_cast<std::uint16_t>(service->s_port)));
-  // Where there is no services(5).
-  const Parameters known = {{"smtp", "25"}, {"submission", "587"}, {"submissions", "465"}, {"smtps", "465"}};
-  const auto found = known.find(port);
-  return found == known.end() ? port : found->second;
+  const servent* service = getservbyname(port.c_str(), "tcp");
+  return service == nullptr ? port : std::to_string(ntohs(static_cast<std::uint16_t>(service->s_port)));
 }
 
 std::vector<std::string> LocalDomains(const Parameters& mainCf) {

@@ -2,8 +2,9 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <regex>
+#include <cstdlib>
 
+#include "mail/smtp_listeners.h"
 #include "preview/warnings.h"
 #include "system/program.h"
 #include "system/text.h"
@@ -15,13 +16,15 @@ const std::string kMain = kEtc + "/main.cf";
 // "192.0.2.0/24" for "192.0.2.7/24", and "[2001:db8::]/32" for "[2001:db8::1]/32". Empty for a network
 // without host bits, and for anything else.
 std::string NetworkOf(const std::string& text) {
-  static const std::regex form(R"(!?(\[?)([0-9a-fA-F.:]+)\]?/(\d{1,3}))");
-  std::smatch match;
   unsigned char bytes[sizeof(in6_addr)] = {};
-  if (!std::regex_match(text, match, form)) return "";
-  const int family = Contains(match[2], ":") ? AF_INET6 : AF_INET;
-  const unsigned long bits = std::stoul(match[3]);
-  if (inet_pton(family, match[2].str().c_str(), bytes) != 1) return "";
+  const size_t slash = text.rfind('/');
+  const size_t begin = text.find_first_not_of("![");
+  if (slash == std::string::npos || begin > slash) return "";
+  const std::string length = text.substr(slash + 1);
+  const std::string address = text.substr(begin, text.find_first_of("]/", begin) - begin);
+  const int family = Contains(address, ":") ? AF_INET6 : AF_INET;
+  const unsigned long bits = std::strtoul(length.c_str(), nullptr, 10);
+  if (inet_pton(family, address.c_str(), bytes) != 1) return "";
   bool hostBits = false;
   for (unsigned long bit = bits; bit < (family == AF_INET ? 32UL : 128UL); ++bit) {
     const auto mask = static_cast<unsigned char>(0x80U >> bit % 8);
@@ -31,7 +34,7 @@ std::string NetworkOf(const std::string& text) {
   char network[INET6_ADDRSTRLEN] = "";
   inet_ntop(family, bytes, network, sizeof network);
   if (!hostBits) return "";
-  return family == AF_INET ? network + ("/" + match[3].str()) : "[" + (network + ("]/" + match[3].str()));
+  return family == AF_INET ? network + ("/" + length) : "[" + (network + ("]/" + length));
 }
 
 // True when port 25, to which other servers send, takes no mail without TLS.
@@ -41,9 +44,8 @@ bool DemandsTls(const PostfixConfig& postfix) {
   });
 }
 
-bool IsLoopback(const std::string& interface) {
-  return interface == "loopback-only" || interface == "localhost" || StartsWith(interface, "127.") ||
-         interface == "::1" || interface == "[::1]";
+bool IsLocal(const std::string& interface) {
+  return interface == "loopback-only" || interface == "[::1]" || IsLoopback(interface);
 }
 
 // True for a table that is asked without another program.
@@ -101,7 +103,7 @@ Warnings PostfixWarnings(const PostfixConfig& postfix) {
          "may");
   }
   const std::vector<std::string> interfaces = Words(postfix.Value("inet_interfaces"));
-  if (!interfaces.empty() && std::all_of(interfaces.begin(), interfaces.end(), IsLoopback)) {
+  if (!interfaces.empty() && std::all_of(interfaces.begin(), interfaces.end(), IsLocal)) {
     warn("inet_interfaces", "only programs on this machine reach it, so no mail comes from others");
   }
   CheckPostmaster(warnings, postfix);
