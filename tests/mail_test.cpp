@@ -189,8 +189,8 @@ TEST(SmtpListeners, AreThoseOfMasterCf) {
 TEST(PostfixLog, IsReadLineByLine) {
   const std::string head = "Nov  6 12:00:00 mail postfix/";
   const Rows rows = {
-      {head + "cleanup[77]: 4XqZr53zKlz9vBN: message-id=<1.2@mail>",
-       "postfix/cleanup 4XqZr53zKlz9vBN 1 <1.2@mail>"},
+      {head + "cleanup[77]: 4XqZr53zKlz9vBN: message-id=<1=2@mail>",
+       "postfix/cleanup 4XqZr53zKlz9vBN 1 <1=2@mail>"},
       {"2026-11-26T12:00:00.123456+00:00 mail postfix/qmgr[7]: 0A1B2C: from=<a>, nrcpt=1 (queue active)",
        "postfix/qmgr 0A1B2C 2"},
       {head + "cleanup[7]: A1: hold: header Received: x: removed; to=<b>", "postfix/cleanup A1 3"},
@@ -211,7 +211,7 @@ TEST(PostfixLog, IsReadLineByLine) {
       {head + "smtp[7]: A1: host b[192.0.2.1] said: 450 to=<a@b>, status=sent (", "postfix/smtp A1 0"},
       {head + "qmgr[7]: A1: from=<a@b>, status=expired, returned to sender", "postfix/qmgr A1 0"},
       {head + "qmgr[7]: A1: removed", "postfix/qmgr A1 6"},
-      {"<22>Nov 26 12:00:00 postfix/smtpd[7]: fatal: no SASL: x", "postfix/smtpd  7"},
+      {"<22>Nov 26 12:00:00 postfix/smtpd[7]: fatal: no SASL: x>y", "postfix/smtpd  7"},
       {"<22>Nov 26 12:00:00 dovecot: imap: Error: y", "dovecot  0"},
       {head + "smtpd[7]: warning: A1: removed", "postfix/smtpd  0"},
       {head + "smtpd[7]: NOQUEUE: milter-reject: RCPT from x", "postfix/smtpd  0"},
@@ -253,7 +253,7 @@ TEST(DovecotConfig, HasBlocks) {
        ": service imap-login:x=y; service imap-login/inet_listener imaps:port=1; "},
       {"protocol !smtp{\na=b\n}", ": protocol !smtp:a=b; "},
       {"}\n!include_try conf.d/*.conf\na = b", ":a=b; "},
-      {"a =\n", ":a=; "}};
+      {"a =\nb = \"", ":a=;b=\"; "}};
   ExpectReads(rows, [](const std::string& text) {
     std::string seen;
     for (const DovecotBlock& one : ParseDovecot(text)) seen += one.name + ":" + Text(one.settings) + " ";
