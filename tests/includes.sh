@@ -14,6 +14,6 @@ forbid system "core|platform|mail|checks|preview|change|apply"
 forbid mail "core|platform|checks|preview|change|apply"
 forbid checks "core|platform|preview|change|apply"
 forbid preview "change|apply"
-forbid change "preview|platform"
+forbid change "apply|preview|platform"
 forbid apply "preview"
 exit $status

@@ -7,8 +7,9 @@
 
 int Apply(const Request& request) {
   const std::vector<std::string> words = request.arguments.empty() ? CommandWords() : request.arguments;
-  const Change change = Begin(words.size() == 1 ? "nubo_config_apply " + words[0] : "nubo_config_apply",
-                              request, DaemonsOf(words));
+  const PendingChange change =
+      Begin(words.size() == 1 ? "nubo_config_apply " + words[0] : "nubo_config_apply", request.message,
+            request.user, WrittenFor(words));
   const std::string base = StateDirectory(change.base);
   const Preview preview = RunPreview(words);
   if (!preview.changes && HasFiles(base, FileKind::kInput) && Differing(FileKind::kOutput, base).empty() &&
@@ -17,7 +18,7 @@ int Apply(const Request& request) {
     return 0;
   }
   return RunChange(change, ChangeKind::kApply, request.minutes, [&] {
-    SaveTriedInputs(change);
+    change.SaveTriedInputs();
     Generate(words, preview);
     return preview.report;
   });

@@ -123,8 +123,8 @@ void Print(const CheckResults& mail, const std::vector<InstalledVersion>& versio
 
 int Check(const Request& request) {
   // Whether they run or not: a daemon that is down is not well.
-  std::set<std::string> daemons = {"Postfix"};
-  if (std::filesystem::exists("/usr/sbin/dovecot")) daemons.insert("Dovecot");
+  std::set<DaemonId> daemons = {DaemonId::kPostfix};
+  if (std::filesystem::exists("/usr/sbin/dovecot")) daemons.insert(DaemonId::kDovecot);
   const bool message = !Contains(request.arguments, "--no-message");
   CheckResults mail =
       AskMail(daemons, message ? "Mail is checked" : "", "nubo_config_apply check asked for this.\n");
@@ -141,7 +141,7 @@ int Check(const Request& request) {
   }
   const bool well = std::none_of(mail.begin(), mail.end(), [](const CheckResult& one) { return one.Bad(); });
   all["queue"] = Queue();
-  if (IsPending()) all["pending"] = ReadPending().what;
+  if (PendingChange::Exists()) all["pending"] = PendingChange::Read().what;
   Json::Value& differing = all["differing"] = Json::arrayValue;
   if (!States().empty()) {
     const int last = *States().rbegin();

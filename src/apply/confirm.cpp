@@ -1,11 +1,9 @@
-#include <filesystem>
-
 #include "apply/commands.h"
 #include "change/change.h"
 
 int Confirm(const Request&) {
-  const Change pending = ReadPending();
-  if (!std::filesystem::exists(kGood)) {
+  const PendingChange pending = PendingChange::Read();
+  if (!PendingChange::IsGood()) {
     throw Fault("the change is not whole; take it back by: nubo_config_apply recover");
   }
   if (pending.boot != ThisBoot() || (pending.deadline > 0 && Now() >= pending.deadline)) {

@@ -37,24 +37,9 @@ Preview RunPreview(const std::vector<std::string>& words) {
   return preview;
 }
 
-std::set<std::string> DaemonsOf(const std::vector<std::string>& words) {
-  std::set<std::string> daemons;
-  for (const std::string& word : words) {
-    if (word == "dovecot") {
-      daemons.insert("Dovecot");
-    } else if (word == "mailscanner") {
-      daemons.insert("MailScanner");
-    } else {
-      daemons.insert("Postfix");
-    }
-    if (word == "smtp") daemons.insert({"OpenDKIM", "OpenDMARC"});
-  }
-  return daemons;
-}
-
 void Generate(const std::vector<std::string>& words, const Preview& preview) {
   const Step step("The files are written");
-  SavePlan(preview.files);
+  PendingChange::SavePlan(preview.files);
   for (const std::string& word : words) {
     // In a session of its own: Ctrl-C would end it, and not the compiler of tables that it runs.
     RunOrThrow({"setsid", "--wait", "flock", kRunLock, kBin + "nubo_set_config", word},

@@ -1,7 +1,6 @@
 /// Runs the preview and nubo_set_config for a change.
 #pragma once
 
-#include <set>
 #include <string>
 #include <vector>
 
@@ -17,10 +16,7 @@ struct Preview {
 /// Runs the preview, with its rehearsal. Throws Fault, and prints the report, when the settings are refused.
 Preview RunPreview(const std::vector<std::string>& words);
 
-/// The daemons whose files these words of nubo_set_config write.
-std::set<std::string> DaemonsOf(const std::vector<std::string>& words);
-
-/// Runs nubo_set_config for the pending change, after SaveTriedInputs. Throws Fault when a run fails, when
+/// Runs nubo_set_config for the pending change, after PendingChange::SaveTriedInputs. Throws Fault when a run fails, when
 /// somebody changes the settings meanwhile, or when a file that the preview listed did not change. (The exit
 /// status of "nubo_set_config smtp" does not tell.)
 void Generate(const std::vector<std::string>& words, const Preview& preview);

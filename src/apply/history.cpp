@@ -33,9 +33,9 @@ void PrintJson() {
     }
     all["states"].append(state);
   }
-  if (IsPending()) {
-    all["pending"]["change"] = ReadPending().what;
-    all["pending"]["user"] = ReadPending().user;
+  if (PendingChange::Exists()) {
+    all["pending"]["change"] = PendingChange::Read().what;
+    all["pending"]["user"] = PendingChange::Read().user;
   }
   std::cout << all.toStyledString() << std::flush;
 }
@@ -63,6 +63,7 @@ int History(const Request& request) {
     const std::string shown = ReadFile(StateDirectory(number) + "/preview");
     std::cout << number << "  " << shown.substr(0, shown.find('\n')) << std::endl;
   }
-  if (IsPending()) std::cout << "pending: " << ReadPending().user << "  " << ReadPending().what << std::endl;
+  if (PendingChange::Exists())
+    std::cout << "pending: " << PendingChange::Read().user << "  " << PendingChange::Read().what << std::endl;
   return 0;
 }

@@ -31,21 +31,20 @@ int Renew(const Request& request) {
     throw Fault(key + " is not the key of " + certificate);
   }
   // A new certificate would take a daemon down whose files are being edited.
-  const Change change = Begin("nubo_config_apply renew", request, {});
-  for (const std::string& name : ReadersOf({kSsl})) {
-    if (change.running.count(name) != 0) CheckFiles(DaemonNamed(name));
+  const PendingChange change = Begin("nubo_config_apply renew", request.message, request.user, {});
+  for (const DaemonId reader : ReadersOf({kSsl})) {
+    if (change.running.count(reader) != 0) CheckFiles(DaemonOf(reader));
   }
   return RunChange(change, ChangeKind::kRenew, 0, [&] {
     const Step step("The certificate is put in place");
-    const std::string fresh = kPending + "/ssl.new";
-    RunOrThrow({"cp", "-aT", fs::canonical(kSsl), fresh}, "cannot copy " + kSsl);
+    RunOrThrow({"cp", "-aT", fs::canonical(kSsl), kNewSsl}, "cannot copy " + kSsl);
     const auto put = [&](const std::string& name, const std::string& source, int mode) {
-      WriteFile(fresh + name, ReadFile(source));
-      fs::permissions(fresh + name, fs::perms(mode));
+      WriteFile(kNewSsl + name, ReadFile(source));
+      fs::permissions(kNewSsl + name, fs::perms(mode));
     };
     put("/server.crt", certificate, 0644);
     put("/server.key", key, 0600);
-    InstallSsl(fresh);
+    InstallSsl(kNewSsl);
     return "It has a new certificate.\n";
   });
 }

@@ -6,12 +6,12 @@
 
 int Restart(const Request&) {
   // A machine on which none runs needs no states.
-  const std::set<std::string> running = RunningDaemons();
+  const std::set<DaemonId> running = RunningDaemons();
   if (running.empty()) return 0;
   LockStates(std::chrono::seconds(60), false);
   std::list<std::string> failed;
   for (const Daemon& daemon : Daemons()) {
-    if (running.count(daemon.name) == 0) continue;
+    if (running.count(daemon.id) == 0) continue;
     try {
       RestartDaemon(daemon);
     } catch (const Fault& fault) {

@@ -10,13 +10,14 @@ int Undo(const Request& request) {
   if (states.count(state) == 0) throw Fault("there is no such state, see: nubo_config_apply history");
   const std::string tree = StateDirectory(state);
   const std::vector<std::string> words = CommandWords();
-  Change change = Begin("nubo_config_apply undo " + std::to_string(state), request, DaemonsOf(words));
+  PendingChange change = Begin("nubo_config_apply undo " + std::to_string(state), request.message,
+                               request.user, WrittenFor(words));
   if (!HasFiles(tree, FileKind::kInput)) {
     return RunChange(change, ChangeKind::kAsFound, request.minutes, [&] {
       const Step step("The files are put back");
       Paths paths = Files(FileKind::kOutput, tree);
       paths.merge(Files(FileKind::kOutput, StateDirectory(change.base)));
-      SavePlan(paths);
+      PendingChange::SavePlan(paths);
       RestoreFiles(FileKind::kOutput, paths, tree);
       return "The files of state " + std::to_string(state) + ".\n";
     });
@@ -24,7 +25,7 @@ int Undo(const Request& request) {
   change.source = state;
   return RunChange(change, ChangeKind::kUndo, request.minutes, [&] {
     ReplaceInputs(change);
-    SaveTriedInputs(change);
+    change.SaveTriedInputs();
     const Preview preview = RunPreview(words);
     Generate(words, preview);
     return preview.report;

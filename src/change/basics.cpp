@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <ctime>
 #include <iomanip>
 #include <iostream>
 
@@ -14,4 +15,12 @@ Step::~Step() {
   if (isatty(STDOUT_FILENO) != 0) std::cout << '\r';
   std::cout << text_ << ": " << (result_.empty() ? "" : result_ + ", ") << std::fixed << std::setprecision(1)
             << time.count() << " s" << std::endl;
+}
+
+std::string TimeOfDay(const char* format, long seconds) {
+  const std::time_t time = std::time(nullptr) + seconds;
+  std::tm local = {};
+  char text[32] = "";
+  std::strftime(text, sizeof text, format, localtime_r(&time, &local));
+  return text;
 }

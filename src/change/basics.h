@@ -25,3 +25,6 @@ class Step {
   std::string result_;
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
+
+/// The time of day so many seconds from now, in a format of strftime(3).
+std::string TimeOfDay(const char* format, long seconds);

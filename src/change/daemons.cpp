@@ -55,7 +55,7 @@ std::vector<pid_t> ProcessesOf(const Daemon& daemon) {
 }
 
 bool HasMaster() {
-  Daemon master = DaemonNamed("Postfix");
+  Daemon master = DaemonOf(DaemonId::kPostfix);
   master.program += "sbin/master";
   return !ProcessesOf(master).empty();
 }
@@ -128,7 +128,8 @@ bool ReloadMailScanner() {
   if (process <= 0 || lstat(kMailScannerPid, &file) != 0 || !S_ISREG(file.st_mode)) return false;
   const std::string place = "/proc/" + std::to_string(process);
   return (file.st_uid == 0 || file.st_uid == UserOf(process)) &&
-         Contains(ReadFile(place + "/cmdline"), kMailScanner) && kill(process, SIGHUP) == 0;
+         Contains(ReadFile(place + "/cmdline"), DaemonOf(DaemonId::kMailScanner).name) &&
+         kill(process, SIGHUP) == 0;
 }
 
 // What Postfix reads at its start only. Nothing when the main.cf in the directory cannot be read.
@@ -141,7 +142,7 @@ std::optional<std::vector<std::string>> FixedParameters(const std::string& etc) 
   }
 }
 
-std::string LoadPostfix(const Daemon& postfix, const std::vector<std::string>& earlier) {
+std::string ReloadPostfix(const Daemon& postfix, const std::vector<std::string>& earlier) {
   CheckFiles(postfix);
   const auto now = FixedParameters(kEtc);
   const bool reload = HasMaster() && std::all_of(earlier.begin(), earlier.end(), [&](const std::string& etc) {
@@ -161,44 +162,26 @@ std::string LoadPostfix(const Daemon& postfix, const std::vector<std::string>& e
 
 }  // namespace
 
-std::set<std::string> ReadersOf(const std::set<std::string>& paths) {
-  std::set<std::string> readers;
-  for (const std::string& path : paths) {
-    if (StartsWith(path, kEtc + "/MailScanner/") || StartsWith(path, kEtc + "/spamassassin/")) {
-      readers.insert(kMailScanner);
-      continue;
-    }
-    for (const Daemon& daemon : Daemons()) {
-      if (!std::any_of(daemon.files.begin(), daemon.files.end(),
-                       [&](const std::string& begin) { return StartsWith(path, begin); }))
-        continue;
-      readers.insert(daemon.name);
-      if (!StartsWith(path, kSsl)) break;  // of E's files, the first daemon's
-    }
-  }
-  return readers;
-}
-
-std::set<std::string> RunningDaemons() {
-  std::set<std::string> running;
+std::set<DaemonId> RunningDaemons() {
+  std::set<DaemonId> running;
   for (const Daemon& daemon : Daemons()) {
-    if (!ProcessesOf(daemon).empty()) running.insert(daemon.name);
+    if (!ProcessesOf(daemon).empty()) running.insert(daemon.id);
   }
   return running;
 }
 
 bool IsServing(const Daemon& daemon) {
-  if (daemon.name == "Postfix") return HasMaster();
+  if (daemon.id == DaemonId::kPostfix) return HasMaster();
   return daemon.milterPort.empty() ? !ProcessesOf(daemon).empty()
                                    : !Holders(daemon.milterPort, daemon, true).empty();
 }
 
-std::set<std::string> WantedMilters(const std::string& etc) {
-  std::set<std::string> wanted;
+std::set<DaemonId> WantedMilters(const std::string& etc) {
+  std::set<DaemonId> wanted;
   try {
     const Parameters mainCf = PostfixParameters(etc);
     for (const Daemon& daemon : Daemons()) {
-      if (!daemon.milterPort.empty() && IsWanted(daemon, mainCf)) wanted.insert(daemon.name);
+      if (!daemon.milterPort.empty() && IsWanted(daemon, mainCf)) wanted.insert(daemon.id);
     }
   } catch (const Fault&) {
   }
@@ -209,11 +192,17 @@ void CheckFiles(const Daemon& daemon) {
   RunOrThrow(daemon.check, "the files of " + daemon.name + " are not good");
 }
 
-std::string LoadFiles(const std::string& name, const std::vector<std::string>& earlier) {
-  if (name == kMailScanner) return ReloadMailScanner() ? "reloaded" : "not running";
-  const Daemon& daemon = DaemonNamed(name);
-  if (name == "Postfix") return LoadPostfix(daemon, earlier);
-  RestartDaemon(daemon);
+std::string ReloadDaemon(DaemonId id, const std::vector<std::string>& earlier) {
+  switch (id) {
+    case DaemonId::kMailScanner:
+      return ReloadMailScanner() ? "reloaded" : "not running";
+    case DaemonId::kPostfix:
+      return ReloadPostfix(DaemonOf(id), earlier);
+    case DaemonId::kDovecot:
+    case DaemonId::kOpenDkim:
+    case DaemonId::kOpenDmarc:
+      RestartDaemon(DaemonOf(id));
+  }
   return "restarted";
 }
 
@@ -239,6 +228,23 @@ void StopDaemon(const Daemon& daemon) {
   }
 }
 
+std::list<std::string> SharedPorts() {
+  const Daemon& postfix = DaemonOf(DaemonId::kPostfix);
+  std::set<std::string> ports;
+  const std::vector<TcpListener> all = TcpListeners();
+  for (const TcpListener& one : all) {
+    const bool twice = std::any_of(all.begin(), all.end(), [&](const TcpListener& other) {
+      return other.port == one.port && other.address == one.address && other.inode != one.inode;
+    });
+    if (twice && IsHeldBy(one, postfix)) ports.insert(one.port);
+  }
+  std::list<std::string> lines;
+  for (const std::string& port : ports) {
+    for (const std::string& line : Foreigners(port, postfix)) lines.push_back(line);
+  }
+  return lines;
+}
+
 std::string StartCommand(const Daemon& daemon) {
   return IsManaged() ? "systemctl start " + daemon.unit
                      : JoinList({daemon.start.begin(), daemon.start.end()}, " ");
@@ -247,11 +253,11 @@ std::string StartCommand(const Daemon& daemon) {
 std::set<std::string> FirstSteps() {
   std::set<std::string> steps;
   for (const PostfixService& service : ParseServices(ReadFile(kEtc + "/master.cf"))) {
-    if (service.type == "inet") steps.merge(Foreigners(service.port, DaemonNamed("Postfix")));
+    if (service.type == "inet") steps.merge(Foreigners(service.port, DaemonOf(DaemonId::kPostfix)));
   }
   const std::string listeners = ReadFile(kEtc + "/dovecot/conf.d/10-master.conf");
   for (const DovecotListener& listener : DovecotListeners(ParseDovecot(listeners))) {
-    steps.merge(Foreigners(listener.port, DaemonNamed("Dovecot")));
+    steps.merge(Foreigners(listener.port, DaemonOf(DaemonId::kDovecot)));
   }
   if (HasSystemd()) {
     steps.insert("Start the daemons now and with the machine: systemctl enable --now brindlecot-mail.target");

@@ -5,6 +5,7 @@
 /// taken for one.
 #pragma once
 
+#include <list>
 #include <set>
 #include <string>
 #include <vector>
@@ -13,20 +14,14 @@
 #include "mail/listeners.h"
 #include "mail/paths.h"
 
-/// MailScanner is no part of the table of daemons: it is reloaded, and never started or stopped.
-inline const std::string kMailScanner = "MailScanner";
-
-/// The names of the daemons that read any of the files.
-std::set<std::string> ReadersOf(const std::set<std::string>& paths);
-
-/// The names of the daemons that run now: "OpenDKIM", "OpenDMARC", "Dovecot", "Postfix".
-std::set<std::string> RunningDaemons();
+/// The daemons that run now; never MailScanner.
+std::set<DaemonId> RunningDaemons();
 
 /// True when the daemon runs: Postfix has a master, and a milter has its port.
 bool IsServing(const Daemon& daemon);
 
 /// The milters that a main.cf, in this directory, wants and does not want; none when Postfix cannot read it.
-std::set<std::string> WantedMilters(const std::string& etc);
+std::set<DaemonId> WantedMilters(const std::string& etc);
 
 /// Asks the daemon's own checkers about its files. Throws Fault unless they accept them.
 void CheckFiles(const Daemon& daemon);
@@ -35,7 +30,7 @@ void CheckFiles(const Daemon& daemon);
 /// was started with other values of what it reads at its start only. `earlier` are the directories with files
 /// that it may have been started with. The other daemons are restarted. A daemon is stopped only when
 /// CheckFiles accepts its files. Throws Fault.
-std::string LoadFiles(const std::string& name, const std::vector<std::string>& earlier);
+std::string ReloadDaemon(DaemonId id, const std::vector<std::string>& earlier);
 
 /// Stops a daemon and starts it again, when CheckFiles accepts its files. Throws Fault.
 void RestartDaemon(const Daemon& daemon);
@@ -47,9 +42,13 @@ bool IsHeldBy(const TcpListener& listener, const Daemon& daemon);
 /// Stops a daemon, and what a dead master of Postfix has left behind.
 void StopDaemon(const Daemon& daemon);
 
+/// A line for each place where our Postfix and another program listen both, and take the connections by
+/// turns: the program, and how it is stopped.
+std::list<std::string> SharedPorts();
+
 /// The command that starts a daemon, for people.
 std::string StartCommand(const Daemon& daemon);
 
-/// What to do where no daemon runs yet, one line each: who holds their ports, and how the daemons are
+/// The steps to take where no daemon runs yet, one line each: who holds their ports, and how the daemons are
 /// started.
 std::set<std::string> FirstSteps();

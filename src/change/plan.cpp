@@ -1,23 +1,21 @@
 #include "change/plan.h"
 
-#include <fstream>
-
 #include "change/daemons.h"
 
 namespace {
 
 // The daemons that read what is not as it was found, or not as in the last state.
-std::set<std::string> Readers(const Change& change, ChangeKind kind) {
+std::set<DaemonId> Readers(const PendingChange& change, ChangeKind kind) {
   if (kind == ChangeKind::kRenew) return ReadersOf({kSsl});
   Paths written = Differing(FileKind::kOutput, kPending);
   written.merge(Differing(FileKind::kInput, kPending));
-  std::set<std::string> readers = ReadersOf(written);
+  std::set<DaemonId> readers = ReadersOf(written);
   const std::string base = StateDirectory(change.base);
   // Nobody knows what the daemons have loaded of files as found.
   Paths stale = Differing(FileKind::kOutput, HasFiles(base, FileKind::kInput) ? base : "/nowhere");
   stale.merge(Differing(FileKind::kInput, base));
-  for (const std::string& name : ReadersOf(stale)) {
-    if (change.concerned.count(name) != 0) readers.insert(name);
+  for (const DaemonId reader : ReadersOf(stale)) {
+    if (change.affected.count(reader) != 0) readers.insert(reader);
   }
   written.merge(stale);
   Sync(written);
@@ -26,45 +24,40 @@ std::set<std::string> Readers(const Change& change, ChangeKind kind) {
 
 }  // namespace
 
-std::list<std::string> LoadChange(const Change& change, ChangeKind kind) {
-  const std::set<std::string> readers = Readers(change, kind);
+std::list<std::string> ReloadDaemons(const PendingChange& change, ChangeKind kind) {
+  const std::set<DaemonId> readers = Readers(change, kind);
   const std::string found = kPending + "/out" + kEtc;
   const std::string base = StateDirectory(change.base) + "/out" + kEtc;
-  const std::set<std::string> wanted = WantedMilters(kEtc);
-  std::set<std::string> before = WantedMilters(found);
+  const std::set<DaemonId> wanted = WantedMilters(kEtc);
+  std::set<DaemonId> before = WantedMilters(found);
   if (HasFiles(StateDirectory(change.base), FileKind::kInput)) {
-    const std::set<std::string> last = WantedMilters(base);
-    for (const std::string& name : wanted) {
-      if (last.count(name) == 0) before.erase(name);
+    const std::set<DaemonId> last = WantedMilters(base);
+    for (const DaemonId milter : wanted) {
+      if (last.count(milter) == 0) before.erase(milter);
     }
   }
   std::list<std::string> done;
-  std::ofstream touched(kPending + "/touched");
-  const auto touch = [&](const std::string& name) {
-    touched << name << std::endl;
-    Sync({kPending + "/touched"});
+  std::list<DaemonId> switchedOff;
+  const auto reload = [&](DaemonId id) {
+    PendingChange::Touch(id);
+    done.push_back(DaemonOf(id).name + " " + ReloadDaemon(id, {found, base}));
   };
   for (const Daemon& daemon : Daemons()) {
-    const bool off = !daemon.milterPort.empty() && wanted.count(daemon.name) == 0;
-    const bool runs = change.running.count(daemon.name) != 0;
+    const bool milter = !daemon.milterPort.empty();
+    const bool runs = change.running.count(daemon.id) != 0;
     const bool starts =
-        !daemon.milterPort.empty() && change.running.count("Postfix") != 0 && before.count(daemon.name) == 0;
-    if (off || !(runs ? readers.count(daemon.name) != 0 : starts)) continue;
-    touch(daemon.name);
-    done.push_back(daemon.name + " " + LoadFiles(daemon.name, {found, base}));
-  }
-  if (readers.count(kMailScanner) != 0) {
-    touch(kMailScanner);
-    done.push_back(kMailScanner + " " + LoadFiles(kMailScanner, {}));
-  }
-  for (const Daemon& daemon : Daemons()) {
-    if (daemon.milterPort.empty() || wanted.count(daemon.name) != 0 ||
-        change.running.count(daemon.name) == 0) {
-      continue;
+        milter && change.running.count(DaemonId::kPostfix) != 0 && before.count(daemon.id) == 0;
+    if (milter && wanted.count(daemon.id) == 0) {
+      if (runs) switchedOff.push_back(daemon.id);
+    } else if (runs ? readers.count(daemon.id) != 0 : starts) {
+      reload(daemon.id);
     }
-    touch(daemon.name);
-    StopDaemon(daemon);
-    done.push_back(daemon.name + " stopped");
+  }
+  if (readers.count(DaemonId::kMailScanner) != 0) reload(DaemonId::kMailScanner);
+  for (const DaemonId milter : switchedOff) {
+    PendingChange::Touch(milter);
+    StopDaemon(DaemonOf(milter));
+    done.push_back(DaemonOf(milter).name + " stopped");
   }
   return done;
 }

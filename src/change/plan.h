@@ -9,4 +9,4 @@
 /// Makes the daemons load the files that the change wrote. What did not run stays off, except for a milter
 /// that was switched on. A milter that was switched off stops last. Returns a phrase for each thing done.
 /// Throws Fault.
-std::list<std::string> LoadChange(const Change& change, ChangeKind kind);
+std::list<std::string> ReloadDaemons(const PendingChange& change, ChangeKind kind);

@@ -1,6 +1,5 @@
 #include <syslog.h>
 
-#include <csignal>
 #include <ctime>
 #include <filesystem>
 #include <iostream>
@@ -13,13 +12,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Says that the inputs have been replaced, and must be put back.
-const std::string kInputsReplaced = kPending + "/inputs";
 constexpr size_t kKept = 10;
 
 // Keeps the installed files of these paths in a directory that it prints: they hold words of the
 // administrator that are about to be replaced.
-void KeepWords(FileKind kind, Paths paths) {
+void KeepInstalled(FileKind kind, Paths paths) {
   for (auto path = paths.begin(); path != paths.end();) {
     path = fs::exists(*path) ? std::next(path) : paths.erase(path);
   }
@@ -38,21 +35,21 @@ void KeepWords(FileKind kind, Paths paths) {
 
 // Loads a daemon that has been touched. It may be that it never ran on the files as they were found, since
 // somebody is half-way through an edit: then it gets those of the last state while it loads.
-void LoadFound(const Daemon& daemon, const Change& change) {
+void ReloadAsFound(const Daemon& daemon, const PendingChange& change) {
   const std::string base = StateDirectory(change.base);
   const std::vector<std::string> loaded = {kTried + "/out" + kEtc, base + "/out" + kEtc};
   try {
-    (void)LoadFiles(daemon.name, loaded);
+    (void)ReloadDaemon(daemon.id, loaded);
     return;
   } catch (const Fault&) {
     if (!HasFiles(base, FileKind::kInput)) throw;
   }
-  WriteFile(kInputsReplaced, "");
+  PendingChange::SayInputsReplaced();
   const auto restore = [&](const std::string& tree) {
     for (const FileKind kind : {FileKind::kInput, FileKind::kOutput}) {
       Paths read;
       for (const std::string& path : Differing(kind, kPending, base)) {
-        if (ReadersOf({path}).count(daemon.name) != 0) read.insert(path);
+        if (ReadersOf({path}).count(daemon.id) != 0) read.insert(path);
       }
       RestoreFiles(kind, read, tree);
     }
@@ -60,7 +57,7 @@ void LoadFound(const Daemon& daemon, const Change& change) {
   std::string failed;
   try {
     restore(base);
-    (void)LoadFiles(daemon.name, loaded);
+    (void)ReloadDaemon(daemon.id, loaded);
   } catch (const std::exception& error) {
     failed = error.what();
   }
@@ -70,26 +67,25 @@ void LoadFound(const Daemon& daemon, const Change& change) {
 }
 
 // The daemons that have to load the files again.
-std::set<std::string> TouchedDaemons(const Change& change, const Paths& restored) {
-  const std::set<std::string> readers = ReadersOf(restored);
-  std::set<std::string> touched;
-  for (const std::string& name : Lines(ReadFile(kPending + "/touched"))) touched.insert(name);
-  for (const std::string& name : change.running) {
+std::set<DaemonId> TouchedDaemons(const PendingChange& change, const Paths& restored) {
+  const std::set<DaemonId> readers = ReadersOf(restored);
+  std::set<DaemonId> touched = PendingChange::Touched();
+  for (const DaemonId id : change.running) {
     // Postfix's processes read its files whenever one of them starts; and after a boot all have read them.
-    const bool read = name == "Postfix" || change.boot != ThisBoot();
-    if ((read && readers.count(name) != 0) || !IsServing(DaemonNamed(name))) touched.insert(name);
+    const bool read = id == DaemonId::kPostfix || change.boot != ThisBoot();
+    if ((read && readers.count(id) != 0) || !IsServing(DaemonOf(id))) touched.insert(id);
   }
   return touched;
 }
 
 // Says how the rollback went. Returns the exit status.
-int Tell(const Change& pending, const std::string& reason, const std::list<std::string>& failed) {
+int Explain(const PendingChange& pending, const std::string& reason, const std::list<std::string>& failed) {
   syslog(LOG_MAIL | LOG_WARNING, "%s was taken back: %s", pending.what.c_str(), reason.c_str());
   for (const std::string& one : failed) {
     std::cout << "Not as before: " << one << std::endl;
     syslog(LOG_MAIL | LOG_ERR, "not as before: %s", one.c_str());
   }
-  if (IsPending()) {
+  if (PendingChange::Exists()) {
     std::cout << "Mend what is named, then run: nubo_config_apply recover" << std::endl;
     return 4;
   }
@@ -105,22 +101,21 @@ int Tell(const Change& pending, const std::string& reason, const std::list<std::
 
 }  // namespace
 
-void ReplaceInputs(const Change& change) {
+void ReplaceInputs(const PendingChange& change) {
   const std::string tree = StateDirectory(change.source);
   Paths lost;
   for (const std::string& path : Differing(FileKind::kInput, tree)) {
     if (!IsSame(FileKind::kInput, path, StateDirectory(change.base))) lost.insert(path);
   }
-  KeepWords(FileKind::kInput, lost);
-  WriteFile(kInputsReplaced, "");
+  KeepInstalled(FileKind::kInput, lost);
+  PendingChange::SayInputsReplaced();
   RestoreFiles(FileKind::kInput, Differing(FileKind::kInput, tree), tree);
 }
 
-Paths RestoreFound(const Change& pending) {
+Paths RestoreFound(const PendingChange& pending) {
   Paths restored;
   const bool tried = HasFiles(kTried, FileKind::kOutput);
-  Paths planned;
-  for (const std::string& path : Lines(ReadFile(kPlan))) planned.insert(path);
+  const Paths planned = PendingChange::Plan();
   Paths edited;
   for (const std::string& path : Differing(FileKind::kOutput, kPending)) {
     const bool found = fs::exists(fs::symlink_status(PlaceOf(FileKind::kOutput, kPending, path)));
@@ -130,10 +125,10 @@ Paths RestoreFound(const Change& pending) {
     restored.insert(path);
     if (tried && !IsSame(FileKind::kOutput, path, kTried)) edited.insert(path);
   }
-  KeepWords(FileKind::kOutput, edited);
+  KeepInstalled(FileKind::kOutput, edited);
   RestoreFiles(FileKind::kOutput, restored, kPending);
   if (!tried) RemoveLeftovers(kPending + "/about");
-  if (!fs::exists(kInputsReplaced)) return restored;
+  if (!PendingChange::AreInputsReplaced()) return restored;
   const Paths inputs = Differing(FileKind::kInput, kPending);
   edited.clear();
   for (const std::string& path : inputs) {
@@ -142,14 +137,14 @@ Paths RestoreFound(const Change& pending) {
       edited.insert(path);
     }
   }
-  KeepWords(FileKind::kInput, edited);
+  KeepInstalled(FileKind::kInput, edited);
   RestoreFiles(FileKind::kInput, inputs, kPending);
   restored.insert(inputs.begin(), inputs.end());
   return restored;
 }
 
-int RollBack(const Change& pending, const std::string& reason) {
-  std::signal(SIGINT, SIG_IGN);  // one more must not end the programs that put things back
+int RollBack(const PendingChange& pending, const std::string& reason) {
+  IgnoreInterrupts();
   std::cout << "Taken back: " << reason << std::endl;
   std::list<std::string> failed;
   const auto attempt = [&](const std::function<void()>& work) {
@@ -159,37 +154,37 @@ int RollBack(const Change& pending, const std::string& reason) {
       failed.emplace_back(error.what());
     }
   };
-  Change before = pending;
+  PendingChange before = pending;
   if (pending.boot != ThisBoot()) before.running = RunningDaemons();  // none, when this is done at boot
   Paths restored;
   attempt([&] {
     const Step step("The files are put back");
-    fs::remove(kGood);
-    fs::remove(kPending + "/room");
-    Sync({kGood});
-    if (fs::exists(kSavedSsl)) InstallSsl(kSavedSsl);
+    PendingChange::BeginRollback();
+    if (fs::exists(kFoundSsl)) InstallSsl(kFoundSsl);
     restored = RestoreFound(pending);
   });
   const bool whole = failed.empty();
-  const std::set<std::string> touched = TouchedDaemons(before, restored);
+  const std::set<DaemonId> touched = TouchedDaemons(before, restored);
   for (const Daemon& daemon : Daemons()) {
-    if (touched.count(daemon.name) == 0) continue;
-    if (before.running.count(daemon.name) != 0) {
+    if (touched.count(daemon.id) == 0) continue;
+    if (before.running.count(daemon.id) != 0) {
       attempt([&] {
         const Step step(daemon.name + " loads them");
-        LoadFound(daemon, before);
+        ReloadAsFound(daemon, before);
       });
     } else {
       StopDaemon(daemon);
     }
   }
-  if (touched.count(kMailScanner) != 0) (void)LoadFiles(kMailScanner, {});
-  if (!before.running.empty()) {
+  if (touched.count(DaemonId::kMailScanner) != 0) (void)ReloadDaemon(DaemonId::kMailScanner, {});
+  const std::list<std::string> shared = SharedPorts();
+  if (!shared.empty()) std::cout << "Mail is not checked. " << JoinList(shared, "; ") << std::endl;
+  if (shared.empty() && !before.running.empty()) {
     attempt([&] {
       (void)CheckAgain(before, "A change of the mail system was taken back",
                        " was taken back.\n" + reason + "\n");
     });
   }
-  if (whole) attempt(EndPending);
-  return Tell(pending, reason, failed);
+  if (whole) attempt(PendingChange::End);
+  return Explain(pending, reason, failed);
 }

@@ -5,13 +5,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <list>
-#include <regex>
 #include <vector>
 
 #include "change/basics.h"
@@ -22,6 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
+constexpr std::chrono::seconds kRunPatience(60);
 constexpr const char* kTemplates = "/var/packages/Brindlecot/target/etc/template/";
 constexpr const char* kPamConfig = "/usr/nubo/etc/pam-config/Brindlecot.json";
 constexpr const char* kInputs[] = {
@@ -43,9 +46,22 @@ std::string Folder(FileKind kind, const std::string& tree) {
 // makes them, or a directory of such a name in which a table is compiled. Empty for other names, such as
 // main.cfbackup.
 std::string FileOfTemporary(const std::string& path) {
-  static const std::regex name(R"((.*?)\.?(?=[^/]*[A-Z])(?=[^/]*[a-z0-9])[A-Za-z0-9]{6}(/[^/]+)?)");
-  std::smatch match;
-  return std::regex_match(path, match, name) ? match[1].str() : "";
+  const auto suffixed = [](const std::string& name) {
+    if (name.size() < 6) return false;
+    const std::string letters = name.substr(name.size() - 6);
+    const auto capital = [](unsigned char c) { return std::isupper(c) != 0; };
+    const auto other = [](unsigned char c) { return std::islower(c) != 0 || std::isdigit(c) != 0; };
+    return std::all_of(letters.begin(), letters.end(),
+                       [](unsigned char c) { return std::isalnum(c) != 0; }) &&
+           std::any_of(letters.begin(), letters.end(), capital) &&
+           std::any_of(letters.begin(), letters.end(), other);
+  };
+  for (const std::string& name : {path, fs::path(path).parent_path().string()}) {
+    if (!suffixed(name)) continue;
+    const std::string file = name.substr(0, name.size() - 6);
+    return EndsWith(file, ".") ? file.substr(0, file.size() - 1) : file;
+  }
+  return "";
 }
 
 bool IsTemporary(const std::string& folder, const std::string& path) {
@@ -103,6 +119,12 @@ void Replace(const std::string& source, const std::string& target, bool byLink) 
   }
 }
 
+int OpenLock(const std::string& path) {
+  const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (file < 0) throw Fault("cannot lock " + path + ": " + std::strerror(errno));
+  return file;
+}
+
 // Where an installed file of the kind is written. Throws Fault when it must go, and is a link.
 std::string TargetOf(FileKind kind, const std::string& path, bool wanted) {
   if (kind == FileKind::kOutput || !fs::is_symlink(path)) return path;
@@ -115,16 +137,27 @@ std::string TargetOf(FileKind kind, const std::string& path, bool wanted) {
 void LockStates(std::chrono::seconds patience, bool settled) {
   fs::create_directories(kStates);
   fs::permissions(kStates, fs::perms::owner_all);
-  const int file = open((kStates + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (file < 0) throw Fault("cannot lock " + kStates + ": " + std::strerror(errno));
+  const std::string path = kStates + "/lock";
+  const int file = OpenLock(path);
   const auto lock = [&] {
     if (flock(file, LOCK_EX | LOCK_NB) != 0) return false;
     const bool good = !settled || !fs::exists(kPending);
     if (!good) flock(file, LOCK_UN);
     return good;
   };
-  if (!WaitFor(lock, patience)) throw Fault("another change is under way");
-  RunOrThrow({"flock", "-w", "60", kRunLock, "true"}, "nubo_set_config is still running");
+  if (!WaitFor(lock, patience)) {
+    throw Fault("another change is under way" +
+                (fs::exists(kPending) && settled ? ", or waits to be confirmed" : ": " + ReadFile(path)));
+  }
+  const int run = OpenLock(kRunLock);
+  const bool free = WaitFor([&] { return flock(run, LOCK_EX | LOCK_NB) == 0; }, kRunPatience);
+  close(run);
+  if (!free) throw Fault("nubo_set_config is still running, after a change that was killed");
+  // For whom this keeps waiting. It is no part of what is saved, so it need not be on disk.
+  std::string command = ReadFile("/proc/self/cmdline");
+  std::replace(command.begin(), command.end(), '\0', ' ');
+  std::ofstream(path) << "process " << getpid() << ", " << Trim(command) << ", since "
+                      << TimeOfDay("%Y-%m-%d %H:%M:%S", 0);
   for (const fs::directory_entry& entry : fs::directory_iterator(kStates)) {
     if (entry.path().extension() == ".new") fs::remove_all(entry.path());
   }

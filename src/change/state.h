@@ -33,7 +33,7 @@ using Paths = std::set<std::string>;
 /// Makes the directory of the states if it is missing, and locks it until the program ends. Also waits for a
 /// nubo_set_config that a killed change has left running, and removes trees that are not complete. With
 /// `settled` it waits, too, until no change is pending. Throws Fault when it has to wait longer than
-/// `patience`.
+/// `patience`, with the process that has the lock, its command, and since when.
 void LockStates(std::chrono::seconds patience, bool settled);
 
 /// Directory of a state.

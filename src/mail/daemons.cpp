@@ -46,6 +46,34 @@ const std::vector<Daemon>& Daemons() {
   return started;
 }
 
+std::set<DaemonId> ReadersOf(const std::set<std::string>& paths) {
+  std::set<DaemonId> readers;
+  for (const std::string& path : paths) {
+    size_t longest = 0;
+    std::set<DaemonId> those;
+    for (const Daemon& daemon : Table()) {
+      for (const std::string& begin : daemon.files) {
+        if (!StartsWith(path, begin) || begin.size() < longest) continue;
+        if (begin.size() > longest) those.clear();
+        longest = begin.size();
+        those.insert(daemon.id);
+      }
+    }
+    readers.merge(those);
+  }
+  return readers;
+}
+
+std::set<DaemonId> WrittenFor(const std::vector<std::string>& words) {
+  std::set<DaemonId> daemons;
+  for (const Daemon& daemon : Table()) {
+    for (const std::string& word : words) {
+      if (Contains(daemon.words, word)) daemons.insert(daemon.id);
+    }
+  }
+  return daemons;
+}
+
 std::vector<std::string> StartOnIpv6(const Daemon& milter) {
   std::vector<std::string> command = milter.start;
   command.insert(command.end(), {"-p", "inet6:" + milter.milterPort + "@[::1]", "-P",

@@ -1,6 +1,7 @@
 /// The daemons that run on the generated files: one table of what is known of them.
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,7 +20,7 @@ struct Daemon {
   std::vector<std::string> check;  ///< the command that checks its files
   std::string milterPort;          ///< where Postfix finds it on this machine; empty unless it is a milter
   std::string account;             ///< the account that it takes, unless it is root; for a milter
-  std::vector<std::string> files;  ///< how the paths of the files begin that it reads
+  std::vector<std::string> files;  ///< how the paths of the files begin that it reads; the longest one counts
   std::vector<std::string> words;  ///< the words of nubo_set_config that write its files
 };
 
@@ -32,6 +33,12 @@ const Daemon& DaemonNamed(const std::string& name);
 
 /// The daemons that are started and stopped here, in the order of their start: all but MailScanner.
 const std::vector<Daemon>& Daemons();
+
+/// The daemons that read any of the files.
+std::set<DaemonId> ReadersOf(const std::set<std::string>& paths);
+
+/// The daemons whose files these words of nubo_set_config write.
+std::set<DaemonId> WrittenFor(const std::vector<std::string>& words);
 
 /// The command that starts a second one of a milter, on [::1]. Postfix looks for the milter at "localhost",
 /// and asks [::1] there first, where any user could answer while the milter listens on 127.0.0.1 alone.

@@ -1,18 +1,14 @@
-#include "change/timer.h"
-
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <thread>
 
 #include "apply/commands.h"
 #include "change/change.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 // Two processes, each of which replaces the other one when that dies.
 struct Pair {
@@ -30,21 +26,9 @@ void KeepWhole(Pair& pair) {
 
 }  // namespace
 
-void StartTimer() {
-  // It has to outlive the session, and where systemd ends a session's processes, their group too.
-  const std::string self = fs::read_symlink("/proc/self/exe");
-  if (!fs::exists("/run/systemd/system") ||
-      RunProgram({"systemd-run", "--quiet", "--collect", "--property=Restart=always",
-                  "--property=RestartSec=1", "--property=RestartPreventExitStatus=0 1 3 4",
-                  "--property=StartLimitIntervalSec=0", self, "wait"})
-              .status != 0) {
-    RunOrThrow({"setsid", "--fork", self, "wait"}, "cannot start the timer that takes the change back");
-  }
-}
-
 int Wait(const Request&) {
-  const long deadline = ReadPending().deadline;
-  const auto gone = [&] { return !IsPending() || ReadPending().deadline != deadline; };
+  const long deadline = PendingChange::Read().deadline;
+  const auto gone = [&] { return !PendingChange::Exists() || PendingChange::Read().deadline != deadline; };
   Pair pair;
   while (Now() < deadline) {
     KeepWhole(pair);
@@ -53,6 +37,13 @@ int Wait(const Request&) {
   }
   // Until here a shutdown ends it; what is pending then is taken back at boot.
   IgnoreHangup();
-  LockStates(std::chrono::hours(24), false);
+  for (bool locked = false; !locked && !gone();) {
+    try {
+      LockStates(std::chrono::minutes(1), false);
+      locked = true;
+    } catch (const Fault& fault) {
+      syslog(LOG_MAIL | LOG_ERR, "the change is over, and not taken back yet: %s", fault.what());
+    }
+  }
   return gone() ? 0 : Recover({});
 }
