@@ -16,7 +16,8 @@
 namespace {
 
 constexpr const char* kElsewhere = "postmaster@elsewhere.invalid";  // never exists: RFC 6761, section 6.4
-constexpr std::chrono::seconds kDelivery(15);
+constexpr std::chrono::seconds kRehearsed(15);
+constexpr std::chrono::seconds kLive(70);       // pickup(8) looks for what it was not told of once a minute
 constexpr std::chrono::seconds kAfterFault(3);  // a fatal error may belong to another message
 
 }  // namespace
@@ -66,7 +67,7 @@ CheckResults Delivery::Follow() {
           return message.ended || (check_.isolated && late && !fatal_.empty() && message.result.Bad());
         });
       },
-      kDelivery);
+      check_.isolated ? kRehearsed : kLive);
   CheckResults results;
   for (Message& message : messages_) {
     CheckResult& result = message.result;
