@@ -138,6 +138,20 @@ class Apply(ApplianceTest):
     def test_port_is_taken(self):
         self.assert_taken_back("Postfix", "smtp", lambda: self.take(587), smtp={**SMTP, "smtp_tls_enabled": True})
 
+    def test_another_postfix(self):
+        """It shares port 25, and is named: before a change, which then touches nothing, and after it."""
+        write("/run/other/main.cf", "compatibility_level = 3.6\nqueue_directory = /run/other/queue\n"
+              "data_directory = /run/other/data\n")
+        shutil.copy("/usr/share/postfix/master.cf.dist", "/run/other/master.cf")
+        os.makedirs("/run/other/queue")
+        self.addCleanup(run, "postfix", "-c", "/run/other", "stop")
+        named = "Port 25 is held by /usr/lib/postfix/sbin/master, process "
+        self.assert_taken_back(named, "smtp", lambda: run("postfix", "-c", "/run/other", "start", check=True),
+                               smtp={**SMTP, "message_limit": 21})
+        before = files()
+        self.assertIn(named, self.apply("smtp", status=1))
+        self.assert_same(before, files())
+
     def test_daemon_does_not_start(self):
         self.assert_taken_back("Dovecot does not start", "dovecot", lambda: self.take(993),
                                imap_pop3={"imaps_enabled": True})

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "change/change.h"
+#include "change/lock.h"
 #include "change/state.h"
 #include "core/commands.h"
 #include "system/text.h"
@@ -28,9 +29,7 @@ bool AnyNumber(const Arguments& arguments) {
          number.find_first_not_of("0123456789") == std::string::npos;
 }
 bool HistoryArguments(const Arguments& arguments) {
-  return arguments == Arguments{"--json"} ||
-         (arguments.size() < 3 && std::all_of(arguments.begin(), arguments.end(),
-                                              [](const std::string& one) { return AnyNumber({one}); }));
+  return arguments == Arguments{"--json"} || AnyNumber(arguments);
 }
 bool AnyWord(const Arguments& arguments) {
   return arguments.empty() || (arguments.size() == 1 && Contains(CommandWords(), arguments[0]));
@@ -56,7 +55,7 @@ constexpr Command kCommands[] = {
     {"check", " [--json] [--no-message]", CheckOptions, false, kNoLock, Check},
     {"confirm", "", None, false, 0, Confirm},
     {"undo", " [STATE]", AnyNumber, true, 0, Undo},
-    {"history", " [--json | STATE [STATE]]", HistoryArguments, false, kNoLock, History},
+    {"history", " [--json | STATE]", HistoryArguments, false, kNoLock, History},
     {"recover", "", None, false, 60, Recover},
     {"renew", " CERTIFICATE KEY", Two, false, kUntilSettled, Renew},
     {"restart", "", None, false, kNoLock, Restart},

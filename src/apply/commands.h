@@ -16,7 +16,7 @@ struct Request {
 };
 
 /// Runs the command that the words of a command line begin with, with the options of the request. Takes the
-/// lock of the states (state.h) for those that change something. Prints the usage and returns 2 when the
+/// lock of the states (lock.h) for those that change something. Prints the usage and returns 2 when the
 /// command line is wrong.
 int RunCommandLine(const std::vector<std::string>& words, Request request);
 

@@ -5,6 +5,7 @@
 #include <iostream>
 #include <memory>
 
+#include "change/lock.h"
 #include "core/config_generator.h"
 #include "mail/postfix_config.h"
 

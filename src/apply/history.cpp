@@ -1,36 +1,29 @@
 #include <json/json.h>
 
 #include <iostream>
-#include <regex>
-#include <utility>
+#include <sstream>
 
 #include "apply/commands.h"
-#include "change/basics.h"
 #include "change/change.h"
-#include "change/state.h"
 
 namespace {
 
-// The first line of a state's preview; "As found" alone, or as an earlier version has written it, without
-// zone and user.
-const std::regex kHeading("([-0-9]{10}) ([:0-9]{8})(?: ([-+][0-9]{4}))?  (?:(\\S+)  )?(.*)");
+std::string ReportOf(int state) { return ReadFile(StateDirectory(state) + "/preview"); }
+
+// "As found" for state 1.
+std::string HeadingOf(int state) {
+  const std::string report = ReportOf(state);
+  return report.substr(0, report.find('\n'));
+}
 
 void PrintJson() {
   Json::Value all;
   all["states"] = Json::arrayValue;
   for (const int number : States()) {
-    const std::string shown = ReadFile(StateDirectory(number) + "/preview");
-    const std::string heading = shown.substr(0, shown.find('\n'));
     Json::Value state;
+    std::istringstream about(ReadFile(StateDirectory(number) + "/about"));
+    if (about.peek() == EOF || !(about >> state)) state["change"] = HeadingOf(number);
     state["state"] = number;
-    std::smatch match;
-    if (std::regex_match(heading, match, kHeading)) {
-      state["time"] = match[1].str() + "T" + match[2].str() + match[3].str();
-      state["user"] = match[4].str();
-      state["change"] = match[5].str();
-    } else {
-      state["change"] = heading;
-    }
     all["states"].append(state);
   }
   if (PendingChange::Exists()) {
@@ -43,27 +36,17 @@ void PrintJson() {
 }  // namespace
 
 int History(const Request& request) {
-  if (request.arguments == std::vector<std::string>{"--json"}) {
+  const std::string word = request.arguments.empty() ? "" : request.arguments[0];
+  if (word == "--json") {
     PrintJson();
-    return 0;
-  }
-  if (!request.arguments.empty()) {
-    int first = std::stoi(request.arguments.front());
-    int last = std::stoi(request.arguments.back());
-    if (first > last) std::swap(first, last);
-    // The change that made the first of two is not between them.
-    for (int number = first == last ? first : first + 1; number <= last; ++number) {
-      const std::string shown = ReadFile(StateDirectory(number) + "/preview");
-      if (shown.empty()) throw Fault("there is no state " + std::to_string(number));
-      std::cout << (first == last ? "" : "== " + std::to_string(number) + "  ") << shown;
-    }
-    return 0;
-  }
-  for (const int number : States()) {
-    const std::string shown = ReadFile(StateDirectory(number) + "/preview");
-    std::cout << number << "  " << shown.substr(0, shown.find('\n')) << std::endl;
-  }
-  if (PendingChange::Exists())
+  } else if (!word.empty()) {
+    const std::string report = ReportOf(std::stoi(word));
+    if (report.empty()) throw Fault("there is no state " + word);
+    std::cout << report;
+  } else {
+    for (const int number : States()) std::cout << number << "  " << HeadingOf(number) << std::endl;
+    if (!PendingChange::Exists()) return 0;
     std::cout << "pending: " << PendingChange::Read().user << "  " << PendingChange::Read().what << std::endl;
+  }
   return 0;
 }

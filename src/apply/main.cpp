@@ -1,5 +1,6 @@
 // nubo_config_apply: brings the settings into force in the mail system, or puts everything back.
 
+#include <getopt.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -30,21 +31,27 @@ std::string LoginUser() {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  const std::string first = argc == 2 ? argv[1] : "";
-  if (first == "--help") return Usage(true);
-  if (first == "--version") {
-    std::cout << Versions("nubo_config_apply") << std::endl;
-    return 0;
-  }
+  constexpr option kLong[] = {
+      {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'v'}, {}};
   Request request;
-  for (int option; (option = getopt(argc, argv, "+t:m:")) != -1;) {
-    if (option == 'm') {
-      request.message = optarg;
-      continue;
-    }
+  for (int option; (option = getopt_long(argc, argv, "+t:m:", kLong, nullptr)) != -1;) {
     char* end = nullptr;
-    request.minutes = option == 't' ? std::strtod(optarg, &end) : 0;
-    if (end == nullptr || *end != '\0' || !(request.minutes > 0 && request.minutes < 10000)) return Usage();
+    switch (option) {
+      case 'h':
+        return Usage(true);
+      case 'v':
+        std::cout << Versions("nubo_config_apply") << std::endl;
+        return 0;
+      case 'm':
+        request.message = optarg;
+        break;
+      case 't':
+        request.minutes = std::strtod(optarg, &end);
+        if (*end == '\0' && request.minutes > 0 && request.minutes < 10000) break;
+        return Usage();
+      default:
+        return Usage();
+    }
   }
   request.user = LoginUser();
   if (geteuid() != 0) {

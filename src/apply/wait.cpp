@@ -7,6 +7,7 @@
 
 #include "apply/commands.h"
 #include "change/change.h"
+#include "change/lock.h"
 
 namespace {
 

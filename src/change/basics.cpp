@@ -13,8 +13,9 @@ Step::Step(const std::string& text) : text_(text) {
 Step::~Step() {
   const std::chrono::duration<double> time = std::chrono::steady_clock::now() - start_;
   if (isatty(STDOUT_FILENO) != 0) std::cout << '\r';
-  std::cout << text_ << ": " << (result_.empty() ? "" : result_ + ", ") << std::fixed << std::setprecision(1)
-            << time.count() << " s" << std::endl;
+  if (!result_.empty()) result_ += ", ";
+  std::cout << text_ << ": " << result_ << std::fixed << std::setprecision(1) << time.count() << " s"
+            << std::endl;
 }
 
 std::string TimeOfDay(const char* format, long seconds) {

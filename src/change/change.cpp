@@ -28,6 +28,12 @@ void ThrowIfInterrupted() {
   if (interrupted != 0) throw Fault("it was interrupted");
 }
 
+// Nobody can tell which of two has answered, so no check would mean anything.
+void ThrowIfShared() {
+  const std::string shared = SharedPorts();
+  if (!shared.empty()) throw Fault("Postfix shares a port. " + shared);
+}
+
 // True when no server of Postfix that starts from now on will speak TLS: it finds no Dovecot to ask about
 // logins. Those that run already may still do so.
 bool LacksLogins(const std::set<DaemonId>& running) {
@@ -112,10 +118,7 @@ std::string CheckAgain(const PendingChange& change, const std::string& subject, 
     WaitFor([] { return interrupted != 0; }, kThrottle);
     ask();
   }
-  if (!worse.empty()) {
-    worse.splice(worse.begin(), SharedPorts());
-    throw Fault(JoinList(worse, "; "));
-  }
+  if (!worse.empty()) throw Fault(JoinList(worse, "; "));
   return JoinList(asBefore, "; ");
 }
 
@@ -126,9 +129,7 @@ PendingChange Begin(const std::string& command, const std::string& message, cons
         "a change is pending; confirm it by: nubo_config_apply confirm\n"
         "or take it back by: nubo_config_apply recover");
   }
-  // Nobody can tell which of the two a client has asked, so no check would mean anything.
-  const std::list<std::string> shared = SharedPorts();
-  if (!shared.empty()) throw Fault("Postfix shares a port. " + JoinList(shared, "; "));
+  ThrowIfShared();
   if (States().empty()) {
     const std::string tree = StateDirectory(1) + ".new";
     SaveFiles(FileKind::kOutput, tree);
@@ -176,6 +177,7 @@ int RunChange(PendingChange change, ChangeKind kind, double minutes,
       step.Say(done.empty() ? "nothing to do" : JoinList(done, ", "));
     }
     ThrowIfInterrupted();
+    ThrowIfShared();
     // Postfix takes no message of any size.
     const std::string more = shown.size() > kMostShown ? "\n(More: nubo_config_apply history)\n" : "";
     failing = CheckAgain(change, "The configuration of mail has changed",

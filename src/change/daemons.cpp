@@ -228,7 +228,7 @@ void StopDaemon(const Daemon& daemon) {
   }
 }
 
-std::list<std::string> SharedPorts() {
+std::string SharedPorts() {
   const Daemon& postfix = DaemonOf(DaemonId::kPostfix);
   std::set<std::string> ports;
   const std::vector<TcpListener> all = TcpListeners();
@@ -238,11 +238,9 @@ std::list<std::string> SharedPorts() {
     });
     if (twice && IsHeldBy(one, postfix)) ports.insert(one.port);
   }
-  std::list<std::string> lines;
-  for (const std::string& port : ports) {
-    for (const std::string& line : Foreigners(port, postfix)) lines.push_back(line);
-  }
-  return lines;
+  std::set<std::string> lines;
+  for (const std::string& port : ports) lines.merge(Foreigners(port, postfix));
+  return JoinList({lines.begin(), lines.end()}, ". ");
 }
 
 std::string StartCommand(const Daemon& daemon) {

@@ -5,7 +5,6 @@
 /// taken for one.
 #pragma once
 
-#include <list>
 #include <set>
 #include <string>
 #include <vector>
@@ -42,9 +41,9 @@ bool IsHeldBy(const TcpListener& listener, const Daemon& daemon);
 /// Stops a daemon, and what a dead master of Postfix has left behind.
 void StopDaemon(const Daemon& daemon);
 
-/// A line for each place where our Postfix and another program listen both, and take the connections by
-/// turns: the program, and how it is stopped.
-std::list<std::string> SharedPorts();
+/// The programs that listen on a place of our Postfix too, and take the connections by turns, and how they
+/// are stopped; empty when there are none.
+std::string SharedPorts();
 
 /// The command that starts a daemon, for people.
 std::string StartCommand(const Daemon& daemon);

@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 const std::string kAbout = kPending + "/about";  // brindlecot-recover.service looks for the boot in it
 const std::string kRoom = kPending + "/room";
 const std::string kPlan = kPending + "/plan";
-const std::string kTouched = kPending + "/touched/";
+const std::string kTouched = kPending + "/touched";
 const std::string kInputsReplaced = kPending + "/inputs";
 const std::string kGood = kPending + "/good";
 constexpr off_t kRoomBytes = 65536;  // for directories that grow when files are put back
@@ -68,7 +68,6 @@ void PendingChange::Save(bool withCertificate) const {
   about["running"] = Array(running);
   about["mail"] = ToJson(mail);
   WriteFile(tree + "/about", about.toStyledString());
-  fs::create_directory(tree + "/touched");
   ReserveRoom(tree + "/room", kRoomBytes);
   Install(tree, kPending);
 }
@@ -92,11 +91,20 @@ void PendingChange::SaveTriedInputs() const {
 void PendingChange::SaveTried(const std::string& shown) const {
   SaveFiles(FileKind::kOutput, kTried + ".new", StateDirectory(base));
   const std::string time = TimeOfDay("%Y-%m-%d %H:%M:%S %z", 0);
+  Json::Value about;
+  about["time"] = TimeOfDay("%Y-%m-%dT%H:%M:%S%z", 0);
+  about["user"] = user;
+  about["change"] = what;
+  WriteFile(kTried + ".new/about", about.toStyledString());
   WriteFile(kTried + ".new/preview", time + "  " + user + "  " + what + "\n\n" + shown);
   Install(kTried + ".new", kTried);
 }
 
-void PendingChange::Touch(DaemonId daemon) { WriteFile(kTouched + DaemonOf(daemon).name, ""); }
+void PendingChange::Touch(DaemonId daemon) {
+  fs::create_directory(kTouched);
+  WriteFile(kTouched + "/" + DaemonOf(daemon).name, "");
+  Sync({kTouched});
+}
 
 std::set<DaemonId> PendingChange::Touched() {
   std::set<DaemonId> touched;

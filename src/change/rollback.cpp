@@ -177,8 +177,8 @@ int RollBack(const PendingChange& pending, const std::string& reason) {
     }
   }
   if (touched.count(DaemonId::kMailScanner) != 0) (void)ReloadDaemon(DaemonId::kMailScanner, {});
-  const std::list<std::string> shared = SharedPorts();
-  if (!shared.empty()) std::cout << "Mail is not checked. " << JoinList(shared, "; ") << std::endl;
+  const std::string shared = SharedPorts();
+  if (!shared.empty()) std::cout << "Mail is not checked: Postfix shares a port. " << shared << std::endl;
   if (shared.empty() && !before.running.empty()) {
     attempt([&] {
       (void)CheckAgain(before, "A change of the mail system was taken back",

@@ -1,7 +1,6 @@
 #include "change/state.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,7 +10,6 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <list>
 #include <vector>
@@ -24,7 +22,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::chrono::seconds kRunPatience(60);
 constexpr const char* kTemplates = "/var/packages/Brindlecot/target/etc/template/";
 constexpr const char* kPamConfig = "/usr/nubo/etc/pam-config/Brindlecot.json";
 constexpr const char* kInputs[] = {
@@ -119,12 +116,6 @@ void Replace(const std::string& source, const std::string& target, bool byLink) 
   }
 }
 
-int OpenLock(const std::string& path) {
-  const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (file < 0) throw Fault("cannot lock " + path + ": " + std::strerror(errno));
-  return file;
-}
-
 // Where an installed file of the kind is written. Throws Fault when it must go, and is a link.
 std::string TargetOf(FileKind kind, const std::string& path, bool wanted) {
   if (kind == FileKind::kOutput || !fs::is_symlink(path)) return path;
@@ -133,35 +124,6 @@ std::string TargetOf(FileKind kind, const std::string& path, bool wanted) {
 }
 
 }  // namespace
-
-void LockStates(std::chrono::seconds patience, bool settled) {
-  fs::create_directories(kStates);
-  fs::permissions(kStates, fs::perms::owner_all);
-  const std::string path = kStates + "/lock";
-  const int file = OpenLock(path);
-  const auto lock = [&] {
-    if (flock(file, LOCK_EX | LOCK_NB) != 0) return false;
-    const bool good = !settled || !fs::exists(kPending);
-    if (!good) flock(file, LOCK_UN);
-    return good;
-  };
-  if (!WaitFor(lock, patience)) {
-    throw Fault("another change is under way" +
-                (fs::exists(kPending) && settled ? ", or waits to be confirmed" : ": " + ReadFile(path)));
-  }
-  const int run = OpenLock(kRunLock);
-  const bool free = WaitFor([&] { return flock(run, LOCK_EX | LOCK_NB) == 0; }, kRunPatience);
-  close(run);
-  if (!free) throw Fault("nubo_set_config is still running, after a change that was killed");
-  // For whom this keeps waiting. It is no part of what is saved, so it need not be on disk.
-  std::string command = ReadFile("/proc/self/cmdline");
-  std::replace(command.begin(), command.end(), '\0', ' ');
-  std::ofstream(path) << "process " << getpid() << ", " << Trim(command) << ", since "
-                      << TimeOfDay("%Y-%m-%d %H:%M:%S", 0);
-  for (const fs::directory_entry& entry : fs::directory_iterator(kStates)) {
-    if (entry.path().extension() == ".new") fs::remove_all(entry.path());
-  }
-}
 
 std::string StateDirectory(int number) { return kStates + "/" + std::to_string(number); }
 
