@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <functional>
 
+#include "mail/daemons.h"
 #include "mail/dovecot_config.h"
 #include "mail/postfix_config.h"
 #include "mail/postfix_log.h"
@@ -40,6 +41,37 @@ PostfixConfig ConfigOf(const std::string& text) {
 }
 
 }  // namespace
+
+TEST(Daemons, KnowTheirFilesAndWords) {
+  const auto names = [](const std::set<DaemonId>& daemons) {
+    std::string text;
+    for (const DaemonId id : daemons) text += DaemonOf(id).name + " ";
+    return text;
+  };
+  ExpectReads(
+      {
+          {kEtc + "/main.cf", "Postfix "},
+          {kEtc + "/access/client_access", "Postfix "},
+          {kEtc + "/opendkim.conf", "OpenDKIM "},
+          {kEtc + "/opendmarc.conf", "OpenDMARC "},
+          {kEtc + "/dovecot/conf.d/10-mail.conf", "Dovecot "},
+          {kEtc + "/MailScanner/MailScanner.conf", "MailScanner "},
+          {kEtc + "/spamassassin/local.cf", "MailScanner "},
+          {kSsl, "Dovecot Postfix "},
+          {kSsl + "/server.key", "Dovecot Postfix "},
+          {"/etc/postfix/main.cf", ""},
+      },
+      [&](const std::string& path) { return names(ReadersOf({path})); });
+  EXPECT_EQ(names(ReadersOf({kEtc + "/main.cf", kEtc + "/opendkim.conf"})), "OpenDKIM Postfix ");
+  ExpectReads(
+      {
+          {"smtp", "OpenDKIM OpenDMARC Postfix "},
+          {"dovecot mailscanner", "Dovecot MailScanner "},
+          {"alias domain_alias", "Postfix "},
+          {"sender_quota_map", "Postfix "},
+      },
+      [&](const std::string& words) { return names(WrittenFor(Words(words))); });
+}
 
 // NAME TYPE, HOST PORT, the program, "-" when it is public, and the options.
 TEST(PostfixConfig, HasTheServicesOfMasterCf) {
