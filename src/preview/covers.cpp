@@ -10,7 +10,6 @@
 #include "mail/dovecot_config.h"
 #include "preview/sandbox.h"
 #include "preview/verdict.h"
-#include "system/files.h"
 #include "system/text.h"
 
 namespace {

@@ -1,11 +1,8 @@
 #include "preview/services.h"
 
-#include <netdb.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <memory>
 #include <set>
 
 #include "mail/daemons.h"
@@ -13,12 +10,9 @@
 #include "mail/smtp_listeners.h"
 #include "preview/sandbox.h"
 #include "preview/verdict.h"
-#include "system/files.h"
 #include "system/text.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 // The programs that main.cf and master.cf name, but not the mail servers.
 std::vector<Peer> Peers() {
