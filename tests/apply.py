@@ -187,7 +187,7 @@ class Apply(ApplianceTest):
         self.apply("renew", *pair, status=3)
         self.assertTrue(answers(143, "127.0.0.1", True))
 
-    def test_not_well_before(self):
+    def test_failing_before(self):
         """It is not held against a change; a change mends it."""
         write(CUSTOM, "smtpd_helo_restrictions = hostname\n")
         before = files()
@@ -196,7 +196,7 @@ class Apply(ApplianceTest):
         command("smtp")
         run("postfix", "-c", ETC, "reload")
         os.unlink(CUSTOM)
-        self.assertIn("not well", self.apply("smtp"))
+        self.assertIn("as it is: fails: ", self.apply("smtp"))
         self.apply("check")
 
     def test_mail_of_others(self):
@@ -302,7 +302,7 @@ class Apply(ApplianceTest):
     # A process or a machine that ends in the midst of a change.
 
     def test_killed(self):
-        """After `recover` the files are the old or the new ones, as a whole, and mail is well."""
+        """After `recover` the files are the old or the new ones, as a whole, and mail works."""
         moments = int(os.environ.get("MOMENTS", 4))
         for moment in range(moments):
             with self.subTest(seconds=4 * moment / moments):
@@ -348,7 +348,7 @@ class Apply(ApplianceTest):
         self.assertIn("CN = new", run("openssl", "s_client", "-connect", "localhost:465").stdout)
 
     def test_check(self):
-        """For programs: mail is well while a file differs; then a listener shows another certificate than its file."""
+        """For programs: mail works while a file differs; then a listener shows another certificate than its file."""
         write(CUSTOM, "biff = no\n")
         run("sendmail", "-C", ETC, "carol@far.example", text="It waits: there is no network.\n", check=True)
         seen = json.loads(self.apply("check", "--json", "--no-message", status=5))

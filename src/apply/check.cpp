@@ -54,7 +54,7 @@ void AddCertificates(CheckResults& mail, Json::Value& shown) {
   std::vector<Certificate> certificates;
   try {
     certificates = Certificates(ReadPostfix(kEtc));
-  } catch (const Fault&) {  // mail is not well, which is said already
+  } catch (const Fault&) {  // mail does not work, which is said already
   }
   for (const CheckResult& listener : CheckResults(mail)) {
     if (!listener.question.tls || listener.place.empty() || listener.Bad()) continue;
@@ -122,7 +122,7 @@ void Print(const CheckResults& mail, const std::vector<InstalledVersion>& versio
 }  // namespace
 
 int Check(const Request& request) {
-  // Whether they run or not: a daemon that is down is not well.
+  // Whether they run or not: a daemon that is down is a fault.
   std::set<DaemonId> daemons = {DaemonId::kPostfix};
   if (std::filesystem::exists("/usr/sbin/dovecot")) daemons.insert(DaemonId::kDovecot);
   const bool message = !Contains(request.arguments, "--no-message");
@@ -139,7 +139,7 @@ int Check(const Request& request) {
                       Grade::kWarning,
                       {one.warning}});
   }
-  const bool well = std::none_of(mail.begin(), mail.end(), [](const CheckResult& one) { return one.Bad(); });
+  const bool works = std::none_of(mail.begin(), mail.end(), [](const CheckResult& one) { return one.Bad(); });
   all["queue"] = Queue();
   if (PendingChange::Exists()) all["pending"] = PendingChange::Read().what;
   Json::Value& differing = all["differing"] = Json::arrayValue;
@@ -151,7 +151,7 @@ int Check(const Request& request) {
       for (const std::string& path : Differing(kind, StateDirectory(last))) differing.append(path);
     }
   }
-  const int status = !well ? 1 : differing.empty() && all["pending"].isNull() ? 0 : kNotAsConfirmed;
+  const int status = !works ? 1 : differing.empty() && all["pending"].isNull() ? 0 : kNotAsConfirmed;
   all["exit_status"] = status;
   if (Contains(request.arguments, "--json")) {
     all["mail"] = ToJson(mail);

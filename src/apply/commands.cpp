@@ -6,7 +6,6 @@
 #include <string_view>
 
 #include "change/change.h"
-#include "change/lock.h"
 #include "change/state.h"
 #include "core/commands.h"
 #include "system/text.h"

@@ -16,7 +16,7 @@ struct Request {
 };
 
 /// Runs the command that the words of a command line begin with, with the options of the request. Takes the
-/// lock of the states (lock.h) for those that change something. Prints the usage and returns 2 when the
+/// lock of the states (state.h) for those that change something. Prints the usage and returns 2 when the
 /// command line is wrong.
 int RunCommandLine(const std::vector<std::string>& words, Request request);
 
@@ -48,8 +48,8 @@ int Restart(const Request& request);
 int Wait(const Request& request);
 
 /// Shows how mail is, and which files differ from the last confirmed state; for programs with "--json", and
-/// without a message to postmaster with "--no-message". 0 when all is well, 1 when mail is not, 5 when files
-/// differ or a change is pending.
+/// without a message to postmaster with "--no-message". 0 when all is as confirmed, 1 when mail does not
+/// work, 5 when files differ or a change is pending.
 int Check(const Request& request);
 
 /// Lists the states, for programs with "--json"; with a number, shows what made that state; with two, each

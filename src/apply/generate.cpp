@@ -5,7 +5,6 @@
 #include <iostream>
 #include <memory>
 
-#include "change/lock.h"
 #include "core/config_generator.h"
 #include "mail/postfix_config.h"
 

@@ -1,7 +1,7 @@
 #include "apply/commands.h"
 #include "change/basics.h"
 #include "change/daemons.h"
-#include "change/lock.h"
+#include "change/state.h"
 #include "core/config_generator.h"
 
 int Restart(const Request&) {

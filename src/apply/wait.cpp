@@ -7,7 +7,6 @@
 
 #include "apply/commands.h"
 #include "change/change.h"
-#include "change/lock.h"
 
 namespace {
 

@@ -10,7 +10,6 @@
 #include <iostream>
 
 #include "change/daemons.h"
-#include "change/plan.h"
 #include "checks/mail_check.h"
 #include "core/config_generator.h"
 
@@ -152,7 +151,7 @@ PendingChange Begin(const std::string& command, const std::string& message, cons
   if (change.running.empty()) {
     step.Say("no daemon runs");
   } else {
-    step.Say(failing.empty() ? "well" : "not well: " + JoinList(failing, "; "));
+    step.Say(failing.empty() ? "works" : "fails: " + JoinList(failing, "; "));
   }
   return change;
 }
@@ -193,7 +192,7 @@ int RunChange(PendingChange change, ChangeKind kind, double minutes,
     std::cout << "In force. Until " << TimeOfDay("%H:%M:%S", change.deadline - Now())
               << " confirm it by: nubo_config_apply confirm\nOtherwise it is taken back." << std::endl;
   }
-  if (!failing.empty()) std::cout << "Not well, as before: " << failing << std::endl;
+  if (!failing.empty()) std::cout << "Fails, as before: " << failing << std::endl;
   if (!change.running.empty()) return 0;
   std::cout << "No daemon runs on these files yet." << std::endl;
   for (const std::string& step : FirstSteps()) std::cout << step << std::endl;

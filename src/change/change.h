@@ -16,6 +16,7 @@
 #pragma once
 
 #include <functional>
+#include <list>
 #include <set>
 #include <string>
 #include <vector>
@@ -58,6 +59,11 @@ PendingChange Begin(const std::string& command, const std::string& message, cons
 /// touched.
 int RunChange(PendingChange change, ChangeKind kind, double minutes,
               const std::function<std::string()>& write);
+
+/// Makes the daemons load the files that the change wrote. What did not run stays off, except for a milter
+/// that was switched on. A milter that was switched off stops last. Returns a phrase for each thing done.
+/// Throws Fault.
+std::list<std::string> ReloadDaemons(const PendingChange& change, ChangeKind kind);
 
 /// Replaces the inputs by those of the change's source. Those that are in no state are kept under a name that
 /// is printed. Throws Fault.

@@ -1,5 +1,3 @@
-#include "change/lock.h"
-
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>

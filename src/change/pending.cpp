@@ -49,7 +49,7 @@ PendingChange PendingChange::Read() {
           about["source"].asInt(),
           DaemonsIn(about["affected"]),
           DaemonsIn(about["running"]),
-          FromJson(about["mail"])};
+          about["mail"].isNull() ? CheckResults() : FromJson(about["mail"])};  // of an earlier version
 }
 
 void PendingChange::Save(bool withCertificate) const {

@@ -1,5 +1,4 @@
-#include "change/plan.h"
-
+#include "change/change.h"
 #include "change/daemons.h"
 
 namespace {

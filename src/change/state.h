@@ -10,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <set>
 #include <string>
 
@@ -19,12 +20,21 @@ inline const std::string kStates = "/var/packages/Brindlecot/target/var/lib/appl
 /// The change that is under way, or waits to be confirmed (change.h).
 inline const std::string kPending = kStates + "/pending";
 
+/// Lock file, held while we run nubo_set_config.
+inline const std::string kRunLock = kStates + "/run.lock";
+
 /// Pass this as a tree to mean the installed files.
 inline constexpr const char* kLive = "";
 
 /// Inputs are what the administrator writes, outputs what is generated. Templates belong to the package.
 enum class FileKind { kInput, kOutput };
 using Paths = std::set<std::string>;
+
+/// Makes the directory of the states if it is missing, and locks it until the program ends. Also waits for a
+/// nubo_set_config that a killed change has left running, and removes trees that are not complete. With
+/// `settled` it waits, too, until no change is pending. Throws Fault when it has to wait longer than
+/// `patience`, with the process that has the lock, its command, and since when.
+void LockStates(std::chrono::seconds patience, bool settled);
 
 /// Directory of a state.
 std::string StateDirectory(int number);
