@@ -16,8 +16,7 @@
 namespace {
 
 constexpr const char* kElsewhere = "postmaster@elsewhere.invalid";  // never exists: RFC 6761, section 6.4
-constexpr std::chrono::seconds kRehearsed(15);
-constexpr std::chrono::seconds kLive(70);       // pickup(8) looks for what it was not told of once a minute
+constexpr std::chrono::seconds kDelivered(15);
 constexpr std::chrono::seconds kAfterFault(3);  // a fatal error may belong to another message
 
 }  // namespace
@@ -67,7 +66,7 @@ CheckResults Delivery::Follow() {
           return message.ended || (check_.isolated && late && !fatal_.empty() && message.result.Bad());
         });
       },
-      check_.isolated ? kRehearsed : kLive);
+      kDelivered);
   CheckResults results;
   for (Message& message : messages_) {
     CheckResult& result = message.result;
@@ -81,7 +80,8 @@ CheckResults Delivery::Follow() {
 
 // Reads the lines that have come since the last time.
 void Delivery::Read() {
-  std::ifstream file(log_);
+  std::ifstream file(log_, std::ios::ate);
+  if (file.tellg() < begin_) begin_ = 0;  // rotated
   file.seekg(begin_);
   for (std::string text; std::getline(file, text) && !file.eof();) {
     begin_ += static_cast<std::streamoff>(text.size() + 1);

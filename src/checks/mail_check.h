@@ -29,7 +29,7 @@ struct MailCheck {
 /// - a message to postmaster, handed in with sendmail(1) and followed in maillog_file: it has to be delivered
 ///   or held for scanning;
 /// - each of Dovecot's four listeners: it has to answer when it is on; nothing may answer when it is off.
-/// The check waits at most 5 seconds for an answer, and for a delivery 70; 15 in a rehearsal.
+/// The check waits at most 5 seconds for an answer, and for a delivery 15.
 ///
 /// In a rehearsal there is no network, and what waits for DNS, a directory or another host is not decided.
 /// The OutsideAddresses (strangers.h) are routed to this machine, and these are asked too:
