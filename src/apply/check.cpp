@@ -134,10 +134,10 @@ int Check(const Request& request) {
   const std::vector<InstalledVersion> versions = DaemonVersions();
   for (const InstalledVersion& one : versions) {
     all["versions"][one.program] = one.version;
-    if (!one.warning.empty())
-      mail.push_back({{Topic::kVersion, DaemonId::kPostfix, "", Asker::kMachine, one.program},
-                      Grade::kWarning,
-                      {one.warning}});
+    if (one.warning.empty()) continue;
+    mail.push_back({{Topic::kVersion, DaemonId::kPostfix, "", Asker::kMachine, one.program},
+                    Grade::kWarning,
+                    {one.warning}});
   }
   const bool works = std::none_of(mail.begin(), mail.end(), [](const CheckResult& one) { return one.Bad(); });
   all["queue"] = Queue();
