@@ -200,7 +200,7 @@ TEST(SmtpListeners, AreThoseOfMasterCf) {
        "587 127.0.0.2 stu"},
       {"127.0.0.2:587 inet n - n - - smtpd -o {smtpd_relay_restrictions=permit_mynetworks, reject}\n"
        "smtpd_recipient_restrictions = permit_sasl_authenticated, reject",
-       "587 127.0.0.2 "},
+       "587 127.0.0.2 u"},
       {"25 unix n - n - - smtpd", ""},
       {"25 inet n - n - - qmqpd", ""}};
   ExpectReads(rows, [](const std::string& text) {
@@ -210,7 +210,7 @@ TEST(SmtpListeners, AreThoseOfMasterCf) {
     std::string seen;
     for (const SmtpListener& one : SmtpListeners(config)) {
       seen += one.port + " " + one.reachableAt + " " + Text(one.outside) + (one.implicitTls ? "i" : "") +
-              (one.startTls ? "s" : "") + (one.requiresTls ? "t" : "") + (one.requiresLogin ? "u" : "") +
+              (one.startTls ? "s" : "") + (one.requiresTls ? "t" : "") + (one.closed ? "u" : "") +
               (one.offersLogin ? "l" : "");
     }
     return seen;

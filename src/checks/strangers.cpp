@@ -117,7 +117,7 @@ void AddRelay(std::vector<Inquiry>& inquiries, const SmtpListener& listener, con
     if (!check.isolated && (IsSix(address) || !network.empty())) continue;
     if (network.empty()) network = IsSix(address) ? "::/0" : "0.0.0.0/0";
     add(Asker::kStranger, address, from, network);
-    if (!check.isolated || listener.requiresLogin) continue;
+    if (!check.isolated || listener.closed) continue;
     add(Asker::kLocalSender, address, from, network);
     for (const Range& range : kPrivate) {
       if (IsSix(range.address) == IsSix(address))
@@ -185,9 +185,9 @@ std::vector<Inquiry> StrangerInquiries(const std::vector<SmtpListener>& listener
   std::string alone;
   bool open = false;
   for (const SmtpListener& listener : listeners) {
-    if (!listener.requiresLogin && listener.outside.empty()) alone += " " + listener.name;
+    if (!listener.closed && listener.outside.empty()) alone += " " + listener.name;
     if (listener.outside.empty()) continue;
-    const bool first = !open && !listener.requiresLogin;
+    const bool first = !open && !listener.closed;
     AddRelay(inquiries, listener, first ? "" : listener.name, main, check);
     if (first) AddArrival(inquiries, listener, main, check);
     open = open || first;

@@ -55,7 +55,7 @@ SmtpListener ListenerOf(const PostfixConfig& config, const PostfixService& servi
     if (option == service.options.end()) continue;
     for (const std::string& word : Words(option->second)) own.push_back(word);
   }
-  listener.requiresLogin = Contains(own, "permit_sasl_authenticated") && Contains(own, "reject");
+  listener.closed = Contains(own, "reject");
   listener.offersLogin = config.Value(service, "smtpd_sasl_auth_enable") == "yes" &&
                          (tls != TlsUse::kNever || config.Value(service, "smtpd_tls_auth_only") != "yes");
   return listener;

@@ -14,7 +14,7 @@ struct SmtpListener {
   bool implicitTls;                  ///< TLS from the first byte
   bool startTls;                     ///< STARTTLS has to be offered
   bool requiresTls;                  ///< nothing goes without TLS
-  bool requiresLogin;  ///< by options of its own, it takes mail from those alone who have logged in
+  bool closed;  ///< by options of its own, it takes mail from some alone, such as those who have logged in
   bool offersLogin;
 
   /// The beginning of a URL with an address of the listener, up to the name for EHLO.
