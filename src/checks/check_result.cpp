@@ -49,7 +49,8 @@ std::string RelayingName(const Question& question) {
 
 // True when a bad answer means that somebody may do more, and not less, than the administrator wants.
 bool IsAboutOpenness(const Question& question) {
-  return question.topic == Topic::kRelaying || question.topic == Topic::kTrustedNetworks;
+  const Topic open[] = {Topic::kRelaying, Topic::kTrustedNetworks, Topic::kPortOwner, Topic::kSwitchedOff};
+  return std::find(std::begin(open), std::end(open), question.topic) != std::end(open);
 }
 
 // True when a result says why the question could not be asked: its daemon was down, or its listener.
