@@ -113,6 +113,12 @@ GOOD = {
                               DOVECOT_CUSTOM: "mail_location = maildir:/srv/mail/%u\n"}),
     "an access table that was missing before": Case(
         HOST, files={ETC + "/access/client_access.db": None}, says="It was so before .*\n.*client_access.db"),
+    "TLS that is promised to nobody": Case(TLS, files={CUSTOM: "smtpd_tls_security_level = none\n"}),
+    "a port for the network alone": Case(TLS, files={ETC + "/template/master.template": lambda text: text +
+        "26 inet n - n - - smtpd\n -o {smtpd_client_restrictions=permit_mynetworks, reject}\n"}),
+    "logins that nobody checked before": Case(
+        TLS, says="login: warning\n.*\n.*It was so before", files={DOVECOT: lambda text: text.replace(
+            "driver = pam", "driver = static").replace("dovecot.local", "nopassword=y")}),
     "another port, an archive elsewhere": Case({"smtp_port": 2525, "always_bcc": "a@elsewhere.example"}),
 }
 printed = []  # all that previews have said

@@ -24,7 +24,8 @@ const std::vector<Daemon>& Table() {
       {DaemonId::kPostfix, "Postfix", "brindlecot-postfix", "/usr/lib/postfix/", kEtc,
        {"postfix", "-c", kEtc, "start"}, {"postfix", "-c", kEtc, "check"}, "", "postfix", {kEtc + "/", kSsl},
        {"smtp", "alias", "domain_alias", "sender_quota_map"}},
-      {DaemonId::kMailScanner, "MailScanner", "", "", "", {}, {}, "", "",
+      {DaemonId::kMailScanner, "MailScanner", "", "", "", {},
+       {"spamassassin", "--lint", "--siteconfigpath=" + kEtc + "/spamassassin"}, "", "",
        {kEtc + "/MailScanner/", kEtc + "/spamassassin/"}, {"mailscanner"}}};
   return table;
 }

@@ -24,7 +24,8 @@ struct Daemon {
   std::vector<std::string> words;  ///< the words of nubo_set_config that write its files
 };
 
-/// What is known of a daemon. MailScanner has a name, files and words alone: it is reloaded, and never
+/// What is known of a daemon. MailScanner has a name, a checker, files and words alone: it is reloaded, and
+/// never
 /// started or stopped here.
 const Daemon& DaemonOf(DaemonId id);
 

@@ -9,7 +9,6 @@
 
 #include "mail/dovecot_config.h"
 #include "preview/sandbox.h"
-#include "preview/verdict.h"
 #include "system/text.h"
 
 namespace {
@@ -32,9 +31,9 @@ std::vector<Person> People() {
 }
 
 // Where mail may be in a home.
-std::vector<std::string> MailPlaces() {
+std::vector<std::string> MailPlaces(const PostfixConfig& postfix) {
   std::vector<std::string> places = {"Maildir", "Mail", "mail", "mbox", "mdbox", "sdbox"};
-  const std::string own = MainParameter("home_mailbox");
+  const std::string own = postfix.Value("home_mailbox");
   if (!own.empty()) places.push_back(own.substr(0, own.find('/')));
   return places;
 }
@@ -52,12 +51,12 @@ std::vector<std::string> PathsIn(const std::string& value) {
 }
 
 // The directories and log files, of Dovecot's configuration and Postfix's, outside the package.
-void CoverNamed() {
+void CoverNamed(const PostfixConfig& postfix) {
   std::vector<std::string> folders;
-  std::vector<std::string> files = {MainParameter("maillog_file")};
+  std::vector<std::string> files = {postfix.Value("maillog_file")};
   for (const char* name :
        {"queue_directory", "data_directory", "mail_spool_directory", "virtual_mailbox_base"}) {
-    folders.push_back(MainParameter(name));
+    folders.push_back(postfix.Value(name));
   }
   // "mail_location = maildir:/srv/mail/%u:INDEX=/srv/index/%u", "mail_path = /srv/mail/%{user}"
   for (const DovecotBlock& block : ReadDovecotFiles()) {
@@ -78,24 +77,24 @@ void CoverNamed() {
 
 }  // namespace
 
-void CoverData() {
+void CoverData(const PostfixConfig& postfix) {
   for (const char* folder : {"/var/log", "/var/tmp", "/var/lib/dovecot"}) CoverByDirectories(folder);
-  CoverNamed();
-  const std::string spool = MainParameter("mail_spool_directory");
+  CoverNamed(postfix);
+  const std::string spool = postfix.Value("mail_spool_directory");
   for (const Person& person : People()) {
     CoverShape(spool + "/" + person.name);
     if (StartsWith(kEtc, person.home)) continue;
     Cover(person.home);
-    for (const std::string& place : MailPlaces()) CoverShape(person.home + "/" + place);
+    for (const std::string& place : MailPlaces(postfix)) CoverShape(person.home + "/" + place);
   }
 }
 
-std::vector<std::string> MailUsers() {
-  const std::string own = MainParameter("home_mailbox");
+std::vector<std::string> MailUsers(const PostfixConfig& postfix) {
+  const std::string own = postfix.Value("home_mailbox");
   std::string usual;
   std::string strange;
   for (const Person& person : People()) {
-    const std::string home = kMachine + person.home;
+    const std::string home = kMachineRoot + person.home;
     struct stat status = {};
     if (person.uid == 0 || stat(home.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) continue;
     bool writable = status.st_uid == person.uid;

@@ -16,8 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kKeptPamConfig = "/usr/nubo/etc/pam-config/Brindlecot.json";
-
 // The text of a file; of a compiled table, its entries without the one that has the time of compilation.
 std::string EntriesOrText(const fs::path& path) {
   if (path.extension() != ".db" || !fs::exists(path)) return ReadFile(path);

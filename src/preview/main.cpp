@@ -1,27 +1,17 @@
 // nubo_config_preview [--json] [--no-rehearsal] [WORD]: what `nubo_set_config WORD` would change, and what
 // the daemons would say of it. See nubo_config_preview(8).
 
-#include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <memory>
+#include <sstream>
 
-#include "checks/mail_questions.h"
 #include "core/commands.h"
-#include "mail/paths.h"
-#include "mail/versions.h"
-#include "preview/baseline.h"
-#include "preview/covers.h"
-#include "preview/log.h"
-#include "preview/network.h"
-#include "preview/rehearsal.h"
-#include "preview/report.h"
 #include "preview/sandbox.h"
-#include "preview/warnings.h"
-#include "system/program.h"
+#include "preview/trial.h"
 #include "system/text.h"
 
 namespace {
@@ -41,59 +31,43 @@ bool WantsColour() {
          terminal != std::string("dumb");
 }
 
-// Runs the generators of one command in a new process.
-Run RunGenerators(const std::string& word) {
-  constexpr const char* kProgram = "nubo_set_config";
-  TakeLog();
-  const ProgramResult ended = Program([&] {
-                                openlog(kProgram, 0, LOG_USER);
-                                const char* const arguments[] = {kProgram, word.c_str(), nullptr};
-                                return RunCommand(2, arguments);
-                              }).Wait();
-  Run run = {word, ended.status, Lines(ended.output + ended.errors), ended.status != 0};
-  for (const std::string& line : SaidBy(kProgram, TakeLog())) {
-    run.said.push_back("log: " + line);
-    run.failed = true;
-  }
-  return run;
+// What a sandbox has printed. Throws Fault when that is not JSON: then it says why.
+Preview ResultOf(Program& sandbox) {
+  const ProgramResult ended = sandbox.Wait();
+  std::cerr << ended.errors;
+  Json::Value all;
+  std::istringstream text(ended.output);
+  if (!Json::parseFromStream(Json::CharReaderBuilder(), text, &all, nullptr))
+    throw Fault("nothing was tried");
+  return PreviewFromJson(all);
 }
 
-// Inside the sandbox.
-Preview Try(const std::vector<std::string>& words, bool rehearsal, const std::vector<Place>& taken) {
-  Preview preview;
-  std::list<Checker> lint;  // takes as long as all the rest
-  std::list<Checker> checkers;
-  for (const std::string& word : words) {
-    preview.runs.push_back(RunGenerators(word));
-    if (word == "mailscanner") StartCheckers(lint, word);
-  }
-  const bool failed = preview.Failed();  // then the files are not those of the settings, and nobody is asked
-  CoverData();
-  for (const std::string& word : words) {
-    if (word != "mailscanner" && !failed) StartCheckers(checkers, word);
-  }
-  preview.files = FindDifferences(preview.masks);
-  if (failed) return preview;
-  const std::string listeners = kEtc + "/dovecot/conf.d/10-master.conf";
-  const bool listenersChange = std::any_of(preview.files.begin(), preview.files.end(),
-                                           [&](const Difference& file) { return file.path == listeners; });
-  // A process of its own stays on the machine's network, and its peers may keep it waiting.
-  Program warnings([&] {
-    for (const std::string& line : AllWarnings(listenersChange, NewPostfix())) std::cout << line << '\n';
-    return 0;
-  });
-  preview.verdicts = Verdicts(checkers);
-  const auto add = [&](const std::vector<Verdict>& more) {
-    preview.verdicts.insert(preview.verdicts.end(), more.begin(), more.end());
+// As JSON, without any change of what is not UTF-8.
+std::string Written(const Json::Value& all, bool anyBytes) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "  ";
+  builder["emitUTF8"] = anyBytes;
+  return Json::writeString(builder, all) + '\n';
+}
+
+// Tries the new files beside the installed ones, in two sandboxes.
+Preview TryBoth(const Trial& trial) {
+  const auto start = [&](bool generate) {
+    return InSandbox([&trial, generate] {
+      std::cout << Written(ToJson(Try(trial, generate)), true);
+      return 0;
+    });
   };
-  add(PortVerdicts(MainCf()));
-  if (rehearsal) add(Rehearse(taken));
-  add(Verdicts(lint));
-  preview.versions = DaemonVersions();
-  for (const InstalledVersion& one : preview.versions) {
+  const std::unique_ptr<Program> fresh = start(true);
+  const std::unique_ptr<Program> installed = start(false);
+  const std::vector<InstalledVersion> versions = DaemonVersions();
+  Preview preview = ResultOf(*fresh);
+  if (preview.Failed()) return preview;  // the other sandbox ends with this process
+  ExcuseOldFaults(preview, ResultOf(*installed).results, trial.words);
+  preview.versions = versions;
+  for (const InstalledVersion& one : versions) {
     if (!one.warning.empty()) preview.warnings.push_back(one.warning);
   }
-  for (const std::string& line : Lines(warnings.Wait().output)) preview.warnings.push_back(line);
   return preview;
 }
 
@@ -131,17 +105,13 @@ int main(int argc, char* argv[]) {
   // No daemon that is rehearsed reads what this command writes.
   if (words == std::vector<std::string>{"mailscanner"}) rehearsal = false;
   try {
-    const std::vector<Place> taken = TakenPlaces();
-    Baseline baseline(words, rehearsal, taken);
-    const int status = InSandbox(
-        [&] {
-          Preview preview = Try(words, rehearsal, taken);
-          baseline.Compare(preview.verdicts, preview.files);
-          json ? PrintJson(std::cout, preview) : PrintText(std::cout, preview, colour);
-          return preview.Status();
-        },
-        [&] { baseline.Serve(); });
-    return status < 0 ? 2 : status;
+    const Preview preview = TryBoth({words, rehearsal, TakenPlaces()});
+    std::ostringstream text;
+    PrintText(text, preview, colour && !json);
+    Json::Value all = ToJson(preview);
+    all["report"] = text.str();
+    std::cout << (json ? Written(all, false) : text.str());
+    return preview.Status();
   } catch (const std::exception& error) {
     std::cerr << "nubo_config_preview: " << error.what() << std::endl;
     return 2;

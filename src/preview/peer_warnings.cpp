@@ -7,11 +7,9 @@
 #include <memory>
 #include <optional>
 
-#include "checks/mail_check.h"
 #include "mail/certificate.h"
 #include "mail/daemons.h"
 #include "mail/smtp_listeners.h"
-#include "preview/sandbox.h"
 #include "preview/warnings.h"
 #include "system/files.h"
 #include "system/program.h"
@@ -165,20 +163,4 @@ Warnings PeerWarnings(const PostfixConfig& postfix) {
   CheckFilters(warnings, postfix);
   CheckDkimKeys(warnings, postfix);
   return warnings;
-}
-
-std::vector<Verdict> PortVerdicts(const Parameters& mainCf) {
-  std::vector<Verdict> verdicts;
-  for (const CheckResult& result : CheckPorts(mainCf)) {
-    if (!result.Bad()) continue;
-    Parameters installed;
-    try {
-      installed = PostfixParameters(kInstalled);
-    } catch (const Fault&) {  // there was none
-    }
-    const bool before = HasPeer(installed["smtpd_milters"], result.question.listener);
-    verdicts.push_back({Name(result.question), before ? Verdict::kWarning : Verdict::kRefused, result.words,
-                        result.sentence});
-  }
-  return verdicts;
 }

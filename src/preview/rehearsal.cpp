@@ -11,21 +11,15 @@
 #include <filesystem>
 #include <fstream>
 #include <list>
-#include <memory>
-#include <regex>
 
 #include "checks/mail_check.h"
-#include "mail/daemons.h"
 #include "mail/dovecot_config.h"
 #include "mail/listeners.h"
-#include "mail/postfix_config.h"
 #include "preview/covers.h"
 #include "preview/log.h"
-#include "preview/network.h"
 #include "preview/sandbox.h"
 #include "preview/services.h"
 #include "system/files.h"
-#include "system/program.h"
 #include "system/text.h"
 #include "system/wait.h"
 
@@ -33,32 +27,30 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::string kMain = kEtc + "/main.cf";
-
 constexpr std::chrono::seconds kPatience(5);
 
 // A daemon that goes into the background.
 struct Rehearsed {
-  Rehearsed(const std::vector<std::string>& command, const std::string& place)
-      : name(fs::path(command[0]).filename()), port(place), program(command) {}
+  Rehearsed(DaemonId daemon, const std::vector<std::string>& command) : id(daemon), program(command) {}
 
-  std::string name;  // of its program
-  std::string port;  // where it listens some time after it has gone into the background; may be empty
+  DaemonId id;
   Program program;
 };
 
-// Waits until the daemon runs. False, with its verdict, when it does not; false without, when it is not
-// installed, as a checker has said. `log` gets what was logged meanwhile.
-bool Runs(std::vector<Verdict>& verdicts, Rehearsed& daemon, std::vector<LogLine>& log) {
-  const auto listens = [&] { return daemon.port.empty() || IsListening(daemon.port); };
+// Waits until the daemon runs, which is a result unless it is not installed, as a checker has said. `log`
+// gets what was logged meanwhile.
+bool Runs(CheckResults& results, Rehearsed& daemon, std::vector<LogLine>& log) {
+  const std::string& port = DaemonOf(daemon.id).milterPort;  // where it listens some time after that
+  const auto listens = [&] { return port.empty() || IsListening(port); };
   const ProgramResult ended = daemon.program.Wait();
   if (ended.status == kNotRun) return false;
   const bool runs = ended.status == 0 && WaitFor(listens, kPatience);
   for (const LogLine& line : TakeLog()) log.push_back(line);
-  verdicts.push_back(Judge("rehearsal: " + daemon.name + " starts", runs, {}));
+  const Question question = StartOf(daemon.id);
+  results.push_back(Judge(question, runs, {}, Consequence(daemon.id)));
   if (!runs) {
-    verdicts.back().said = Lines(ended.errors);
-    for (const std::string& line : SaidBy(daemon.name, log)) verdicts.back().said.push_back(line);
+    results.back().words = Lines(ended.errors);
+    for (const std::string& line : SaidBy(question.to, log)) results.back().words.push_back(line);
   }
   return runs;
 }
@@ -73,125 +65,143 @@ std::vector<std::string> MasterSays(const std::string& master) {
 }
 
 // What Postfix's daemons cannot work with, wherever they have met it.
-Verdict JudgeLog(const std::string& log) {
+CheckResult JudgeLog(const std::string& log) {
   std::vector<std::string> said;
   for (const LogLine& line : LogLines(Lines(ReadFile(log)))) {
     // Other errors come from a directory's server that cannot be reached.
-    if (std::regex_search(line.text, std::regex("^(fatal: |panic: |error: (open|unsupported) )")) &&
-        !Contains(line.text, "Read-only file system"))
-      said.push_back(line.program.substr(line.program.rfind('/') + 1) + ": " + line.text);
+    const std::string begins[] = {"fatal: ", "panic: ", "error: open ", "error: unsupported "};
+    const bool fault = std::any_of(std::begin(begins), std::end(begins),
+                                   [&](const std::string& begin) { return StartsWith(line.text, begin); });
+    const std::string text = line.program.substr(line.program.rfind('/') + 1) + ": " + line.text;
+    if (fault && !Contains(text, "Read-only file system") && !Contains(said, text)) said.push_back(text);
   }
-  return Judge("rehearsal: Postfix's log", said.empty(), said);
-}
-
-Verdict VerdictOf(const CheckResult& result) {
-  constexpr Verdict::Word kWords[] = {Verdict::kGood, Verdict::kRefused, Verdict::kWarning,
-                                      Verdict::kNotAsked, Verdict::kNotInstalled};
-  const bool good = result.grade == Grade::kGood;
-  return {"rehearsal: " + Name(result.question), kWords[static_cast<size_t>(result.grade)],
-          good ? std::vector<std::string>() : result.words, result.sentence};
+  return Judge({Topic::kLog, DaemonId::kPostfix}, said.empty(), said,
+               "Mail that needs this part of Postfix would wait.");
 }
 
 // Whether Postfix takes mail at all with so much room on the queue's disk.
-Verdict JudgeRoom() {
-  const std::string queue = kMachine + MainParameter("queue_directory");
+CheckResult JudgeRoom(const PostfixConfig& postfix) {
+  const Question question = {Topic::kRoom, DaemonId::kPostfix};
+  const std::string queue = postfix.Value("queue_directory");
   struct statvfs disk = {};
-  Verdict verdict = Judge("rehearsal: room for mail", true, {});
-  if (statvfs(queue.c_str(), &disk) != 0) {
-    verdict.word = Verdict::kNotAsked;
-    verdict.said = {queue.substr(kMachine.size()) + ": " + std::strerror(errno)};
-    return verdict;
-  }
+  if (statvfs((kMachineRoot + queue).c_str(), &disk) != 0)
+    return {question, Grade::kNotAsked, {queue + ": " + std::strerror(errno)}};
   const double mib = 1024 * 1024;
   const double free = static_cast<double>(disk.f_bavail) * static_cast<double>(disk.f_frsize) / mib;
   // smtpd(8) wants one and a half times the size of the largest message.
-  const double wanted = 1.5 * std::atof(MainParameter("message_size_limit").c_str()) / mib;
-  if (free > wanted) return verdict;
-  verdict.word = Verdict::kRefused;
-  verdict.said = {std::to_string(std::lround(free)) + " MiB are free for the queue, and Postfix wants " +
-                  std::to_string(std::lround(wanted)) + ", for message_size_limit"};
-  verdict.consequence = "Nobody can send mail to this machine.";
-  return verdict;
+  const double wanted = 1.5 * std::atof(postfix.Value("message_size_limit").c_str()) / mib;
+  if (free > wanted) return {question, Grade::kGood};
+  return {question,
+          Grade::kBad,
+          {std::to_string(std::lround(free)) + " MiB are free for the queue, and Postfix wants " +
+           std::to_string(std::lround(wanted)) + ", for message_size_limit"},
+          "Nobody can send mail to this machine."};
 }
 
 // Whether Dovecot asks the PAM services that the package helper is told for this type of account.
-Verdict JudgePam() {
-  Verdict verdict = Judge("rehearsal: PAM services", true, {});
+CheckResult JudgePam() {
+  CheckResult result = {{Topic::kPam, DaemonId::kDovecot}, Grade::kGood};
   std::string told = ReadFile(kToldPamConfig);
-  if (told.empty()) told = ReadFile("/usr/nubo/etc/pam-config/Brindlecot.json");
+  if (told.empty()) told = ReadFile(kKeptPamConfig);
+  const auto warn = [&](const std::string& why, const char* sentence) {
+    result.grade = Grade::kWarning;
+    result.words.push_back("Dovecot asks PAM for " + why);
+    result.sentence = sentence;
+  };
   for (const std::string& name : PamServices(ReadDovecotFiles())) {
     if (!fs::exists("/etc/pam.d/" + name)) {
-      verdict.said.push_back("Dovecot asks PAM for " + name + ", which has no file in /etc/pam.d");
-      verdict.consequence = "Whom the service \"other\" admits can log in, and nobody else.";
+      warn(name + ", which has no file in /etc/pam.d",
+           "Whom the service \"other\" admits can log in, and nobody else.");
     } else if (!told.empty() && !Contains(told, '"' + name + '"')) {
-      verdict.said.push_back("Dovecot asks PAM for " + name + ", which is not for the account_type");
-      verdict.consequence = "Users of another account_type can log in, and not those of this one.";
+      warn(name + ", which is not for the account_type",
+           "Users of another account_type can log in, and not those of this one.");
     }
   }
-  if (!verdict.said.empty()) verdict.word = Verdict::kWarning;
-  return verdict;
+  return result;
 }
 
-// A file system that is read-only here, and not on the machine, decides nothing.
-void ExcuseSandbox(std::vector<Verdict>& verdicts) {
-  for (Verdict& verdict : verdicts) {
-    if (verdict.word == Verdict::kRefused &&
-        std::any_of(verdict.said.begin(), verdict.said.end(),
-                    [](const std::string& line) { return Contains(line, "Read-only file system"); }))
-      verdict.word = Verdict::kNotAsked;
+// A file system that is read-only here, and not on the machine, decides nothing. Good answers need no words.
+void Tidy(CheckResults& results) {
+  for (CheckResult& result : results) {
+    if (result.Bad() && Contains(result.Said(), "Read-only file system")) result.grade = Grade::kNotAsked;
+    if (result.grade == Grade::kGood) result.words.clear();
   }
 }
 
 }  // namespace
 
-std::vector<Verdict> Rehearse(const std::vector<Place>& taken) {
-  std::vector<Verdict> verdicts;
-  const bool postfix = fs::exists(kMain) && fs::exists(kEtc + "/master.cf");
-  LeaveNetwork(taken, postfix ? TcpServices(taken) : std::vector<Service>());
-  if (postfix) KeepSockets();
+Question StartOf(DaemonId id) {
+  const std::string program =
+      id == DaemonId::kPostfix ? "master" : fs::path(DaemonOf(id).program).filename().string();
+  return {Topic::kStarts, id, "", Asker::kMachine, program};
+}
+
+std::string Consequence(DaemonId id, bool installed) {
+  switch (id) {
+    case DaemonId::kOpenDkim:
+      return installed ? "Mail would wait, since OpenDKIM would not answer (451)."
+                       : "Mail would wait (451): install opendkim, or switch enable_dkim off.";
+    case DaemonId::kOpenDmarc:
+      return installed ? "Mail would wait, since OpenDMARC would not answer (451)."
+                       : "Mail would wait (451): install opendmarc, or switch enable_dmarc off.";
+    case DaemonId::kDovecot:
+      return installed ? "Nobody could read mail or log in to send, since Dovecot would not run."
+                       : "Nobody can read mail or log in to send: install dovecot-imapd and dovecot-pop3d.";
+    case DaemonId::kPostfix:
+      return installed ? "Nobody could send or receive mail, since Postfix would not run."
+                       : "Nobody can send or receive mail: install postfix.";
+    case DaemonId::kMailScanner:
+      return installed ? "Spam would not be recognised." : "Spam is not recognised: install spamassassin.";
+  }
+  return "";
+}
+
+CheckResults Rehearse(const PostfixConfig& postfix, const std::vector<Place>& taken) {
+  CheckResults results;
+  const bool files = fs::exists(kEtc + "/main.cf") && fs::exists(kEtc + "/master.cf");
+  LeaveNetwork(taken, files ? TcpServices(postfix, taken) : std::vector<Service>());
+  if (files) KeepSockets(postfix);
   // Makes the directories of the queue, of which Dovecot needs one for its socket.
-  if (postfix && !fs::exists(MainParameter("queue_directory") + "/pid"))
-    RunProgram({"postfix", "-c", kEtc, "check"});
-  MailCheck check;
-  check.isolated = true;
-  check.subject = "rehearsal";
-  check.text = "This is a rehearsal.\n";
-  check.dovecot = check.postfix = false;
-  check.users = MailUsers();
-  check.runsOutside = [&](const Peer& peer) { return RunsOutside(peer, taken); };
+  if (files && !fs::exists(postfix.Value("queue_directory") + "/pid"))
+    RunProgram(DaemonOf(DaemonId::kPostfix).check);
+  MailCheck check = {
+      false, false, true, "rehearsal", "This is a rehearsal.\n", MailUsers(postfix), [&](const Peer& peer) {
+        return RunsOutside(postfix, peer, taken);
+      }};
   TakeLog();
   // A login that is refused would wait for two seconds.
-  const std::string& dovecotConf = DaemonNamed("Dovecot").configuration;
+  const std::string& dovecotConf = DaemonOf(DaemonId::kDovecot).configuration;
   if (fs::exists(dovecotConf)) std::ofstream(dovecotConf, std::ios::app) << "\nauth_failure_delay = 0\n";
   std::vector<LogLine> logged;
   std::list<Rehearsed> daemons;
   for (const Daemon& daemon : Daemons()) {
     const bool milter = !daemon.milterPort.empty();
-    const bool wanted = milter ? postfix && IsWanted(daemon, MainCf()) : fs::exists(daemon.configuration);
-    if (daemon.name != "Postfix" && wanted) daemons.emplace_back(daemon.start, daemon.milterPort);
+    const bool wanted =
+        milter ? files && IsWanted(daemon, postfix.parameters) : fs::exists(daemon.configuration);
+    if (daemon.id != DaemonId::kPostfix && wanted) daemons.emplace_back(daemon.id, daemon.start);
   }
   for (Rehearsed& daemon : daemons) {
-    const bool runs = Runs(verdicts, daemon, logged);
-    if (daemon.name == "dovecot") check.dovecot = runs;
+    const bool runs = Runs(results, daemon, logged);
+    if (daemon.id == DaemonId::kDovecot) check.dovecot = runs;
   }
-  const std::string log = MainParameter("maillog_file");
-  const std::string master = MainParameter("daemon_directory") + "/master";
-  if (postfix) {
+  const std::string master = postfix.Value("daemon_directory") + "/master";
+  if (files) {
     // Not by postfix(1), which would check all once more.
-    Rehearsed daemon({master, "-c", kEtc, "-w"}, "");
-    check.postfix = Runs(verdicts, daemon, logged);
-    if (!check.postfix && fs::exists(master)) verdicts.back().said = MasterSays(master);
+    Rehearsed daemon(DaemonId::kPostfix, {master, "-c", kEtc, "-w"});
+    check.postfix = Runs(results, daemon, logged);
+    if (!check.postfix && fs::exists(master)) results.back().words = MasterSays(master);
   }
-  for (const CheckResult& result : CheckMail(check)) verdicts.push_back(VerdictOf(result));
-  if (postfix) {
-    verdicts.push_back(JudgeRoom());
-    verdicts.push_back(JudgePam());
+  for (const CheckResult& result : CheckMail(check)) results.push_back(result);
+  if (files) {
+    results.push_back(JudgeRoom(postfix));
+    results.push_back(JudgePam());
   }
   if (check.postfix) {
     const bool ended = RunProgram({master, "-c", kEtc, "-t"}).status == 0;
-    verdicts.push_back(Judge("rehearsal: postfix goes on", !ended, {}));
-    verdicts.push_back(JudgeLog(log));
+    results.push_back(Judge({Topic::kStaysUp, DaemonId::kPostfix, "", Asker::kMachine, "postfix"}, !ended, {},
+                            Consequence(DaemonId::kPostfix)));
+    results.push_back(JudgeLog(postfix.Value("maillog_file")));
   }
-  ExcuseSandbox(verdicts);
-  return verdicts;
+  Tidy(results);
+  return results;
 }

@@ -1,4 +1,4 @@
-/// The rehearsal: the real daemons run on the new files, in the sandbox, and are asked what users of the mail
+/// The rehearsal: the real daemons run on the files, in the sandbox, and are asked what users of the mail
 /// system would ask. It finds what no checker of a file can: a port that is wanted twice, a table that is not
 /// there, a message that is not delivered.
 ///
@@ -8,10 +8,16 @@
 #include <string>
 #include <vector>
 
+#include "checks/check_result.h"
 #include "preview/network.h"
-#include "preview/verdict.h"
+
+/// The question whether a daemon starts.
+Question StartOf(DaemonId id);
+
+/// Who cannot do what when a daemon does not run: since its files are at fault, or since it is not installed.
+std::string Consequence(DaemonId id, bool installed = true);
 
 /// Starts Dovecot, the milters that are on and Postfix, as far as they are installed and have files, and asks
 /// them. `taken` are the places where others listen (TakenPlaces). To be called once, after
 /// CoverData: the network is left for good.
-std::vector<Verdict> Rehearse(const std::vector<Place>& taken);
+CheckResults Rehearse(const PostfixConfig& postfix, const std::vector<Place>& taken);

@@ -6,7 +6,7 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -121,8 +121,8 @@ void LayOut() {
   // As large as any queue or disk: what has room on the machine has room here.
   Need(mount("tmpfs", "/tmp", "tmpfs", MS_NOSUID, "size=1t,nr_inodes=0"), "mount /tmp");
   Need(mkdir(kWork, 0700), "make a directory");
-  Need(mkdir(kMachine.c_str(), 0700), "make a directory");
-  Bind("/", kMachine);
+  Need(mkdir(kMachineRoot.c_str(), 0700), "make a directory");
+  Bind("/", kMachineRoot);
   Copy(kEtc, kInstalled);
   for (const std::string& directory :
        {kEtc, std::string("/var/lib/samba"), std::string("/var/cache/samba")}) {  // samba: for net(8)
@@ -141,40 +141,32 @@ void LayOut() {
 
 }  // namespace
 
-int InSandbox(const std::function<int()>& work, const std::function<void()>& meanwhile) {
+std::unique_ptr<Program> InSandbox(const std::function<int()>& work) {
   signal(SIGCHLD, SIG_DFL);
   clearenv();  // cron's PATH has no sbin, and MAIL_CONFIG would lead Postfix elsewhere
   setenv("PATH", "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", 1);
   setenv("LC_ALL", "C", 1);
-  int alive[2];  // the writing end is this process's alone
-  Need(pipe2(alive, O_CLOEXEC), "make a pipe");
+  const int parent = Need(static_cast<int>(syscall(SYS_pidfd_open, getpid(), 0)), "watch a process");
   const int own = Need(open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC), "open /proc/self/ns/pid");
   Need(unshare(CLONE_NEWPID), "make a process namespace");
-  const pid_t first = Need(fork(), "start a process");
-  if (first == 0) {
-    close(alive[1]);
+  auto first = std::make_unique<Program>([&] {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    pollfd parent = {alive[0], POLLIN, 0};
-    if (poll(&parent, 1, 0) != 0) _exit(2);  // ended before it could be asked for
-    int status = 2;
+    pollfd end = {parent, POLLIN, 0};
+    if (poll(&end, 1, 0) != 0) return 2;  // the parent ended before it could be asked for
     try {
       ProtectMachine();
       LayOut();
       KeepLog();
-      status = work();
+      return work();
     } catch (const std::exception& error) {
       std::cerr << "nubo_config_preview: " << error.what() << std::endl;
     }
-    std::cout.flush();
-    _exit(status);
-  }
+    return 2;
+  });
   Need(setns(own, CLONE_NEWPID), "start processes outside again");
   close(own);
-  meanwhile();
-  int status = 0;
-  while (waitpid(first, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  close(parent);
+  return first;
 }
 
 void Cover(const std::string& directory, const std::vector<std::string>& kept) {
@@ -206,7 +198,7 @@ void CoverFile(const std::string& path) {
 
 void CoverShape(const std::string& path) {
   struct stat status = {};
-  const std::string from = kMachine + path;
+  const std::string from = kMachineRoot + path;
   std::error_code none;
   if (stat(from.c_str(), &status) != 0 || !fs::exists(fs::path(path).parent_path()) || fs::exists(path))
     return;
@@ -222,7 +214,7 @@ void CoverShape(const std::string& path) {
 void ShowSocket(const std::string& path) {
   if (!fs::exists(fs::path(path).parent_path())) return;
   std::ofstream(path).flush();
-  Bind(kMachine + path, path);
+  Bind(kMachineRoot + path, path);
 }
 
 void ReplaceByText(const std::string& path, const std::string& text) {

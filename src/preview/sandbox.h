@@ -8,22 +8,24 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "mail/paths.h"
+#include "system/program.h"
 
-inline constexpr const char* kWork = "/tmp/preview";           ///< for root alone
-inline const std::string kMachine = "/tmp/preview/machine";    ///< the machine's files, not covered
-inline constexpr const char* kInstalled = "/tmp/preview/old";  ///< the generated files as they were
+inline constexpr const char* kWork = "/tmp/preview";             ///< for root alone
+inline const std::string kMachineRoot = "/tmp/preview/machine";  ///< the machine's files, not covered
+inline constexpr const char* kInstalled = "/tmp/preview/old";    ///< the generated files as they were
 inline constexpr const char* kToldPamConfig =
     "/tmp/preview/pam-config";  ///< what the package helper was told
+inline constexpr const char* kKeptPamConfig =
+    "/usr/nubo/etc/pam-config/Brindlecot.json";  ///< what it has stored
 
-/// Runs `work` in a new sandbox, and `meanwhile` outside. The process gets a new environment. The result of
-/// `work`; -1 when it died of a signal. Throws std::runtime_error where there can be no sandbox. To be called
-/// by a process of one thread.
-int InSandbox(
-    const std::function<int()>& work, const std::function<void()>& meanwhile = [] {});
+/// Starts `work` in a new sandbox, with a new environment. What it prints, also why there can be no sandbox,
+/// is kept. Throws std::runtime_error. To be called by a process of one thread.
+std::unique_ptr<Program> InSandbox(const std::function<int()>& work);
 
 // For `work`:
 

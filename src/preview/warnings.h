@@ -8,7 +8,6 @@
 
 #include "mail/postfix_config.h"
 #include "platform/brindlecot.h"
-#include "preview/verdict.h"
 
 using Warnings = std::vector<std::string>;
 
@@ -28,7 +27,3 @@ Warnings PostfixWarnings(const PostfixConfig& postfix);
 
 /// Warnings about the directories, filters and name servers that these files lead to.
 Warnings PeerWarnings(const PostfixConfig& postfix);
-
-/// Other users who listen where the new main.cf makes Postfix look for a milter: a refusal when the installed
-/// one does not name the milter, and else a warning. To be called before the network is left.
-std::vector<Verdict> PortVerdicts(const Parameters& mainCf);
