@@ -104,6 +104,9 @@ GOOD = {
     "no relaying for the network": Case({**HOST, "smtp_ignore_lan_auth": True}),
     "the network is trusted": main_cf(".", "mynetworks = 127.0.0.0/8, [::1]/128, 192.168.0.0/16\n"),
     "addresses in brackets are refused": main_cf(".", "smtpd_helo_restrictions = check_helo_access regexp:/etc/helo\n"),
+    "mail for postmaster is thrown away": main_cf(
+        "log: warning\n  Mail is taken, and thrown away",
+        "smtpd_recipient_restrictions = check_recipient_access inline:{postmaster@mail.example.com=DISCARD}\n"),
     "a policy service": main_cf(".", "smtpd_client_restrictions = check_policy_service unix:/run/policy/socket\n"),
     "another milter": main_cf(".", "smtpd_milters = inet:localhost:8899\nnon_smtpd_milters = inet:localhost:8899\n"),
     "a filter": main_cf("message from this machine: not asked", "content_filter = smtp:[127.0.0.1]:8899\n"),

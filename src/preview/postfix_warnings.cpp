@@ -1,12 +1,10 @@
 #include <arpa/inet.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <cstdlib>
 
 #include "mail/smtp_listeners.h"
 #include "preview/warnings.h"
-#include "system/program.h"
 #include "system/text.h"
 
 namespace {
@@ -48,40 +46,6 @@ bool IsLocal(const std::string& interface) {
   return interface == "loopback-only" || interface == "[::1]" || IsLoopback(interface);
 }
 
-// True for a table that is asked without another program.
-bool IsLocalTable(const std::string& table) {
-  const std::vector<std::string> types = {"hash",   "btree", "lmdb",   "cdb",   "texthash",
-                                          "regexp", "pcre",  "static", "inline"};
-  return Contains(types, table.substr(0, table.find(':')));
-}
-
-// Every mail system has to take mail for postmaster: RFC 5321, section 4.5.1. An access table may discard it,
-// with the answer that it was taken.
-void CheckPostmaster(Warnings& warnings, const PostfixConfig& postfix) {
-  const std::string host = postfix.Value("myhostname");
-  std::vector<std::string> asked;
-  for (const auto& [name, value] : postfix.parameters) {
-    if (!StartsWith(name, "smtpd_") || !Contains(name, "_restrictions")) continue;
-    const std::vector<std::string> words = ListWords(value);
-    for (size_t i = 1; i < words.size(); ++i) {
-      const std::string& table = words[i];
-      if (words[i - 1] != "check_recipient_access" || !IsLocalTable(table) || Contains(asked, table))
-        continue;
-      asked.push_back(table);
-      const ProgramResult found =
-          RunProgram({"postmap", "-c", kEtc, "-q", "-", table},
-                     "postmaster@" + host + "\n" + host + "\npostmaster@\npostmaster\n");
-      for (const std::string& line : Lines(found.output)) {
-        const size_t tab = line.find('\t');
-        const std::vector<std::string> action = Words(line.substr(std::min(tab, line.size())));
-        if (action.empty() || strcasecmp(action[0].c_str(), "discard") != 0) continue;
-        warnings.push_back(table.substr(table.find(':') + 1) + ": " + line.substr(0, tab) +
-                           ": mail for postmaster is discarded, so nobody can report a fault of mail");
-      }
-    }
-  }
-}
-
 }  // namespace
 
 Warnings PostfixWarnings(const PostfixConfig& postfix) {
@@ -106,6 +70,5 @@ Warnings PostfixWarnings(const PostfixConfig& postfix) {
   if (!interfaces.empty() && std::all_of(interfaces.begin(), interfaces.end(), IsLocal)) {
     warn("inet_interfaces", "only programs on this machine reach it, so no mail comes from others");
   }
-  CheckPostmaster(warnings, postfix);
   return warnings;
 }

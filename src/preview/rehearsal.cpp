@@ -10,7 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <list>
+#include <map>
 
 #include "checks/mail_check.h"
 #include "mail/dovecot_config.h"
@@ -28,26 +28,19 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kPatience(5);
-
-// A daemon that goes into the background.
-struct Rehearsed {
-  Rehearsed(DaemonId daemon, const std::vector<std::string>& command) : id(daemon), program(command) {}
-
-  DaemonId id;
-  Program program;
-};
+const std::string kReadOnly = "Read-only file system";  // here, and not on the machine: it decides nothing
 
 // Waits until the daemon runs, which is a result unless it is not installed, as a checker has said. `log`
 // gets what was logged meanwhile.
-bool Runs(CheckResults& results, Rehearsed& daemon, std::vector<LogLine>& log) {
-  const std::string& port = DaemonOf(daemon.id).milterPort;  // where it listens some time after that
+bool Runs(CheckResults& results, DaemonId id, Program& daemon, std::vector<LogLine>& log) {
+  const std::string& port = DaemonOf(id).milterPort;  // where it listens some time after that
   const auto listens = [&] { return port.empty() || IsListening(port); };
-  const ProgramResult ended = daemon.program.Wait();
+  const ProgramResult ended = daemon.Wait();
   if (ended.status == kNotRun) return false;
   const bool runs = ended.status == 0 && WaitFor(listens, kPatience);
   for (const LogLine& line : TakeLog()) log.push_back(line);
-  const Question question = StartOf(daemon.id);
-  results.push_back(Judge(question, runs, {}, Consequence(daemon.id)));
+  const Question question = StartOf(id);
+  results.push_back(Judge(question, runs, {}, Consequence(id)));
   if (!runs) {
     results.back().words = Lines(ended.errors);
     for (const std::string& line : SaidBy(question.to, log)) results.back().words.push_back(line);
@@ -55,28 +48,23 @@ bool Runs(CheckResults& results, Rehearsed& daemon, std::vector<LogLine>& log) {
   return runs;
 }
 
-// Why the master has ended at once: what it says goes to its own log socket, where nobody listened yet. Here
-// it starts once more, with the system log for its log.
-std::vector<std::string> MasterSays(const std::string& master) {
-  SetParameter("maillog_file", "");
-  TakeLog();
-  RunProgram({master, "-c", kEtc, "-w"});
-  return SaidBy("", TakeLog());
-}
-
-// What Postfix's daemons cannot work with, wherever they have met it.
+// What Postfix's daemons cannot work with, wherever they have met it, and mail that they throw away.
 CheckResult JudgeLog(const std::string& log) {
+  const Question question = {Topic::kLog, DaemonId::kPostfix};
   std::vector<std::string> said;
+  std::vector<std::string> discarded;
   for (const LogLine& line : LogLines(Lines(ReadFile(log)))) {
+    const auto begins = [&](const char* begin) { return StartsWith(line.text, begin); };
+    if (begins("NOQUEUE: discard: RCPT")) discarded = {line.text};
     // Other errors come from a directory's server that cannot be reached.
-    const std::string begins[] = {"fatal: ", "panic: ", "error: open ", "error: unsupported "};
-    const bool fault = std::any_of(std::begin(begins), std::end(begins),
-                                   [&](const std::string& begin) { return StartsWith(line.text, begin); });
+    const bool fault =
+        begins("fatal: ") || begins("panic: ") || begins("error: open ") || begins("error: unsupported ");
     const std::string text = line.program.substr(line.program.rfind('/') + 1) + ": " + line.text;
-    if (fault && !Contains(text, "Read-only file system") && !Contains(said, text)) said.push_back(text);
+    if (fault && !Contains(text, kReadOnly) && !Contains(said, text)) said.push_back(text);
   }
-  return Judge({Topic::kLog, DaemonId::kPostfix}, said.empty(), said,
-               "Mail that needs this part of Postfix would wait.");
+  if (said.empty() && !discarded.empty())
+    return {question, Grade::kWarning, discarded, "Mail is taken, and thrown away: nobody hears of it."};
+  return Judge(question, said.empty(), said, "Mail that needs this part of Postfix would wait.");
 }
 
 // Whether Postfix takes mail at all with so much room on the queue's disk.
@@ -118,14 +106,6 @@ CheckResult JudgePam() {
     }
   }
   return result;
-}
-
-// A file system that is read-only here, and not on the machine, decides nothing. Good answers need no words.
-void Tidy(CheckResults& results) {
-  for (CheckResult& result : results) {
-    if (result.Bad() && Contains(result.Said(), "Read-only file system")) result.grade = Grade::kNotAsked;
-    if (result.grade == Grade::kGood) result.words.clear();
-  }
 }
 
 }  // namespace
@@ -173,23 +153,29 @@ CheckResults Rehearse(const PostfixConfig& postfix, const std::vector<Place>& ta
   const std::string& dovecotConf = DaemonOf(DaemonId::kDovecot).configuration;
   if (fs::exists(dovecotConf)) std::ofstream(dovecotConf, std::ios::app) << "\nauth_failure_delay = 0\n";
   std::vector<LogLine> logged;
-  std::list<Rehearsed> daemons;
+  std::map<DaemonId, Program> started;
   for (const Daemon& daemon : Daemons()) {
     const bool milter = !daemon.milterPort.empty();
     const bool wanted =
         milter ? files && IsWanted(daemon, postfix.parameters) : fs::exists(daemon.configuration);
-    if (daemon.id != DaemonId::kPostfix && wanted) daemons.emplace_back(daemon.id, daemon.start);
+    if (daemon.id != DaemonId::kPostfix && wanted) started.try_emplace(daemon.id, daemon.start);
   }
-  for (Rehearsed& daemon : daemons) {
-    const bool runs = Runs(results, daemon, logged);
-    if (daemon.id == DaemonId::kDovecot) check.dovecot = runs;
+  for (auto& [id, program] : started) {
+    const bool runs = Runs(results, id, program, logged);
+    if (id == DaemonId::kDovecot) check.dovecot = runs;
   }
   const std::string master = postfix.Value("daemon_directory") + "/master";
   if (files) {
     // Not by postfix(1), which would check all once more.
-    Rehearsed daemon(DaemonId::kPostfix, {master, "-c", kEtc, "-w"});
-    check.postfix = Runs(results, daemon, logged);
-    if (!check.postfix && fs::exists(master)) results.back().words = MasterSays(master);
+    Program program({master, "-c", kEtc, "-w"});
+    check.postfix = Runs(results, DaemonId::kPostfix, program, logged);
+    if (!check.postfix && fs::exists(master)) {
+      // It has told its own log socket why, where nobody listened yet: here it tells the system log.
+      SetParameter("maillog_file", "");
+      TakeLog();
+      RunProgram({master, "-c", kEtc, "-w"});
+      results.back().words = SaidBy("", TakeLog());
+    }
   }
   for (const CheckResult& result : CheckMail(check)) results.push_back(result);
   if (files) {
@@ -202,6 +188,9 @@ CheckResults Rehearse(const PostfixConfig& postfix, const std::vector<Place>& ta
                             Consequence(DaemonId::kPostfix)));
     results.push_back(JudgeLog(postfix.Value("maillog_file")));
   }
-  Tidy(results);
+  for (CheckResult& result : results) {
+    if (result.Bad() && Contains(result.Said(), kReadOnly)) result.grade = Grade::kNotAsked;
+    if (result.grade == Grade::kGood) result.words.clear();
+  }
   return results;
 }
