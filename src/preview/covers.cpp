@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 #include <memory>
 
 #include "mail/dovecot_config.h"
@@ -71,28 +72,27 @@ void CoverNamed(const PostfixConfig& postfix) {
   for (const std::string& file : files) CoverFile(file);
   for (const std::string& folder : folders) {
     if (std::count(folder.begin(), folder.end(), '/') > (StartsWith(folder, "/srv") ? 0 : 1))
-      CoverByDirectories(folder);
+      Cover(folder, kDeepest);
   }
 }
 
 }  // namespace
 
 void CoverData(const PostfixConfig& postfix) {
-  for (const char* folder : {"/var/log", "/var/tmp", "/var/lib/dovecot"}) CoverByDirectories(folder);
+  for (const char* folder : {"/var/log", "/var/tmp", "/var/lib/dovecot"}) Cover(folder, kDeepest);
   CoverNamed(postfix);
   const std::string spool = postfix.Value("mail_spool_directory");
   for (const Person& person : People()) {
     CoverShape(spool + "/" + person.name);
     if (StartsWith(kEtc, person.home)) continue;
-    Cover(person.home);
+    Cover(person.home, 0);
     for (const std::string& place : MailPlaces(postfix)) CoverShape(person.home + "/" + place);
   }
 }
 
 std::vector<std::string> MailUsers(const PostfixConfig& postfix) {
   const std::string own = postfix.Value("home_mailbox");
-  std::string usual;
-  std::string strange;
+  std::map<bool, std::string> first;  // by whether the place is not writable
   for (const Person& person : People()) {
     const std::string home = kMachineRoot + person.home;
     struct stat status = {};
@@ -100,12 +100,9 @@ std::vector<std::string> MailUsers(const PostfixConfig& postfix) {
     bool writable = status.st_uid == person.uid;
     if (!own.empty() && stat((home + "/" + own.substr(0, own.find('/'))).c_str(), &status) == 0)
       writable = writable && status.st_uid == person.uid && S_ISDIR(status.st_mode) == Contains(own, "/");
-    std::string& user = writable ? usual : strange;
-    if (user.empty()) user = person.name;
+    first.try_emplace(!writable, person.name);
   }
   std::vector<std::string> users;
-  for (const std::string& user : {usual, strange}) {
-    if (!user.empty()) users.push_back(user);
-  }
+  for (const auto& [strange, user] : first) users.push_back(user);
   return users;
 }

@@ -4,11 +4,9 @@
 #include <string>
 #include <vector>
 
-/// One message.
-struct LogLine {
-  std::string program;  ///< such as "postfix/smtpd"
-  std::string text;
-};
+#include "mail/postfix_log.h"
+
+using LogLine = PostfixLogLine;
 
 /// From here on keeps what is sent to /dev/log.
 void KeepLog();
@@ -16,8 +14,7 @@ void KeepLog();
 /// What was sent since the last call.
 std::vector<LogLine> TakeLog();
 
-/// The lines of a log as syslog(3) of the C library sends them or Postfix writes them into its own file:
-/// `[<PRIORITY>]TIME [HOST] PROGRAM[[PID]]: TEXT`.
+/// The lines of a log that can be read.
 std::vector<LogLine> LogLines(const std::vector<std::string>& lines);
 
 /// What a program, or any program when that is empty, says in these lines.

@@ -39,8 +39,9 @@ void Tidy(Texts& lines, const Masks& masks, std::set<std::string>* known) {
   for (std::string line : lines) {
     for (size_t at; (at = line.find(kWork)) != std::string::npos;) line.erase(at, std::string(kWork).size());
     const size_t warning = known == nullptr ? std::string::npos : line.find("warning: ");
-    const Texts always = {"smtp_use_tls", "smtpd_use_tls", "smtpd_sasl_sender_quota_maps",
-                          "smtpd_sasl_sender_rate_limit", "smtpd_sasl_sender_quota_cache"};
+    const Texts always = Words(
+        "smtp_use_tls smtpd_use_tls smtpd_sasl_sender_quota_maps smtpd_sasl_sender_rate_limit "
+        "smtpd_sasl_sender_quota_cache");
     if (!GivesReason(line)) continue;
     if (warning != std::string::npos &&
         (std::any_of(always.begin(), always.end(), [&](const auto& name) { return Contains(line, name); }) ||

@@ -28,7 +28,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kTarget = "/var/packages/Brindlecot/target";
-constexpr int kDeepest = 5;  // a queue below target/var needs so many
 constexpr int kMostDirectories = 10'000;
 constexpr const char* kHelper = "/usr/nubo/sbin/nubopkghelper";
 
@@ -77,22 +76,6 @@ void CopyDirectories(const fs::path& from, const fs::path& to, int depth, int& m
   }
 }
 
-// Puts the paths below a directory into its cover that stay as they are.
-void Keep(const std::string& directory, const std::vector<std::string>& kept) {
-  for (const std::string& name : kept) {
-    const fs::path path = fs::path(directory) / name;
-    const fs::path place = kWork + path.string();
-    if (!fs::exists(path)) continue;
-    fs::create_directories(place.parent_path());
-    if (fs::is_directory(path)) {
-      fs::create_directories(place);
-    } else {
-      std::ofstream(place).flush();
-    }
-    Bind(path, place);
-  }
-}
-
 // ---- The sandbox -------------------------------------------------------------------------------------
 
 // Nothing of the machine can be changed through the mounts of this process from here on.
@@ -130,12 +113,12 @@ void LayOut() {
     Copy(directory == kEtc ? kInstalled : directory, kWork + directory);
     Bind(kWork + directory, directory);
   }
-  CoverByDirectories(std::string(kTarget) + "/var");
+  Cover(std::string(kTarget) + "/var", kDeepest);
   // The users of a directory or a domain are asked for through sockets, names too. Everybody may go there.
   const mode_t mask = umask(022);
-  CoverByDirectories("/run", {"nscd", "nslcd", "samba/winbindd", "systemd/resolve", "systemd/userdb"});
+  Cover("/run", kDeepest, {"nscd", "nslcd", "samba/winbindd", "systemd/resolve", "systemd/userdb"});
   umask(mask);
-  Cover("/dev", {"full", "null", "random", "tty", "urandom", "zero"});
+  Cover("/dev", 0, {"full", "null", "random", "tty", "urandom", "zero"});
   ReplaceByText(kHelper, std::string("#!/bin/sh\nprintf %s \"$4\" >") + kToldPamConfig + "\n");
 }
 
@@ -169,20 +152,22 @@ std::unique_ptr<Program> InSandbox(const std::function<int()>& work) {
   return first;
 }
 
-void Cover(const std::string& directory, const std::vector<std::string>& kept) {
-  struct stat status = {};
-  if (stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return;
-  fs::create_directories(kWork + directory);
-  MakeLike(status, kWork + directory);
-  Keep(directory, kept);
-  Bind(kWork + directory, directory);
-}
-
-void CoverByDirectories(const std::string& directory, const std::vector<std::string>& kept) {
+void Cover(const std::string& directory, int depth, const std::vector<std::string>& kept) {
   if (!fs::is_directory(directory)) return;
   int mostLeft = kMostDirectories;
-  CopyDirectories(fs::canonical(directory), kWork + directory, kDeepest, mostLeft);
-  Keep(directory, kept);
+  CopyDirectories(fs::canonical(directory), kWork + directory, depth, mostLeft);
+  for (const std::string& name : kept) {
+    const fs::path path = fs::path(directory) / name;
+    const fs::path place = kWork + path.string();
+    if (!fs::exists(path)) continue;
+    if (fs::is_directory(path)) {
+      fs::create_directories(place);
+    } else {
+      fs::create_directories(place.parent_path());
+      std::ofstream(place).flush();
+    }
+    Bind(path, place);
+  }
   Bind(kWork + directory, directory);
 }
 
@@ -192,7 +177,7 @@ void CoverFile(const std::string& path) {
   if (fs::is_regular_file(path)) {
     ReplaceByText(path, "");
   } else if (!fs::exists(path) && path.rfind('/') > 1) {
-    CoverByDirectories(path.substr(0, path.rfind('/')));
+    Cover(path.substr(0, path.rfind('/')), kDeepest);
   }
 }
 

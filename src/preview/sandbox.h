@@ -29,13 +29,12 @@ std::unique_ptr<Program> InSandbox(const std::function<int()>& work);
 
 // For `work`:
 
-/// Covers the directory with an empty one of the same owner and mode, in memory. Of what was in it, the paths
-/// in `kept` stay. Nothing happens where there is no such directory.
-void Cover(const std::string& directory, const std::vector<std::string>& kept = {});
+inline constexpr int kDeepest = 5;  ///< a queue below target/var needs so many directories in another
 
-/// Covers the directory with a copy of itself, in memory: without files, just with the directories in it.
-/// `kept` is as above.
-void CoverByDirectories(const std::string& directory, const std::vector<std::string>& kept = {});
+/// Covers the directory, in memory, with one of the same owner and mode, in which there are the directories
+/// that are in it, so deep, and no files. Of what was in it, the paths in `kept` stay. Nothing happens where
+/// there is no such directory.
+void Cover(const std::string& directory, int depth, const std::vector<std::string>& kept = {});
 
 /// Covers a file that daemons write to with an empty one; where it does not exist yet, its directory.
 void CoverFile(const std::string& path);

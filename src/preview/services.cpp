@@ -1,8 +1,7 @@
 #include "preview/services.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
+#include <filesystem>
 #include <set>
 
 #include "mail/daemons.h"
@@ -12,6 +11,8 @@
 #include "system/text.h"
 
 namespace {
+
+namespace fs = std::filesystem;
 
 // The programs that main.cf and master.cf name, but not the mail servers.
 std::vector<Peer> Peers(const PostfixConfig& postfix) {
@@ -39,11 +40,6 @@ bool IsOurMilter(const PostfixConfig& postfix, const std::string& port) {
 
 std::string InQueue(const PostfixConfig& postfix, const std::string& path) {
   return path[0] == '/' ? path : postfix.Value("queue_directory") + "/" + path;
-}
-
-bool IsSocket(const std::string& path) {
-  struct stat status = {};
-  return stat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
 // True for a socket that Postfix or Dovecot makes anew in the sandbox.
@@ -77,14 +73,14 @@ void KeepSockets(const PostfixConfig& postfix) {
   for (const Peer& peer : Peers(postfix)) {
     if (peer.path.empty()) continue;
     const std::string path = InQueue(postfix, peer.path);
-    if (!IsSocket(kMachineRoot + path) || IsOurs(postfix, path) || IsSocket(path)) continue;
+    if (!fs::is_socket(kMachineRoot + path) || IsOurs(postfix, path) || fs::is_socket(path)) continue;
     ShowSocket(path);
   }
 }
 
 bool RunsOutside(const PostfixConfig& postfix, const Peer& peer, const std::vector<Place>& taken) {
   const std::string path = InQueue(postfix, peer.path);
-  if (!peer.path.empty()) return IsSocket(kMachineRoot + path) && !IsOurs(postfix, path);
+  if (!peer.path.empty()) return fs::is_socket(kMachineRoot + path) && !IsOurs(postfix, path);
   return std::any_of(taken.begin(), taken.end(), [&](const Place& one) {
     return one.port == peer.port &&
            (one.address == peer.host || one.address == "0.0.0.0" || one.address == "::");
