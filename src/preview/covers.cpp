@@ -103,6 +103,7 @@ std::vector<std::string> MailUsers(const PostfixConfig& postfix) {
     first.try_emplace(!writable, person.name);
   }
   std::vector<std::string> users;
+  users.reserve(2);
   for (const auto& [strange, user] : first) users.push_back(user);
   return users;
 }

@@ -138,7 +138,7 @@ std::string Consequence(DaemonId id, bool installed) {
 
 CheckResults Rehearse(const PostfixConfig& postfix, const std::vector<Place>& taken) {
   CheckResults results;
-  const bool files = fs::exists(kEtc + "/main.cf") && fs::exists(kEtc + "/master.cf");
+  const bool files = !postfix.parameters.empty();
   LeaveNetwork(taken, files ? TcpServices(postfix, taken) : std::vector<Service>());
   if (files) KeepSockets(postfix);
   // Makes the directories of the queue, of which Dovecot needs one for its socket.
