@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """What a run costs, compared with the least that it can cost and with what people use instead. bench.py STAGE RESULTS
-runs on a private machine, from scripts/bench. The table and the plot go into the directory RESULTS."""
+[short] runs on a private machine, from scripts/bench. The table and the plot go into the directory RESULTS. "short"
+measures little, to see that it works."""
 
 import difflib
 import glob
@@ -130,11 +131,11 @@ def shared(program):
     return set(re.findall(r"^\s*(\S+)", run("ldd", program, check=True).stdout, re.M))
 
 
-def commands():
+def commands(words):
     rows = []
     for name, values in SETTINGS.items():
         settings(**values)
-        for word in COMMANDS:
+        for word in words:
             own, (c, cxx) = [PROGRAM, word], floors(word)
             times = [time for time, _ in timed(200, [own, c, cxx])]
             typically = [typical(time) for time in times]
@@ -227,7 +228,7 @@ def compare_rivals():
 
 # ---- The users of a domain ----
 
-def domain_users():
+def domain_users(counts):
     """A row for each number of users: the time, also as a multiple of the floor's; time, the floor's time and memory of
     each user, without what a run with no users takes; the peak of memory; the time with the real postalias."""
     settings(smtp={"account_type": "win", "win_domain_short_name": "CORP"})
@@ -235,7 +236,7 @@ def domain_users():
     own, floor = [PROGRAM, "domain_alias"], [build("users_floor", BENCH + "/users_floor.c")]
     accounts = read("/etc/passwd")
     rows, base = [], None
-    for count in USERS:
+    for count in counts:
         write("/etc/passwd", accounts + "".join(f"CORP\\user{number:07}:x:{100000 + number}:100::/home/u:/bin/sh\n"
                                                 for number in range(count)))
         written = set()
@@ -323,7 +324,11 @@ def plot(path, of_commands, of_rivals, of_users):
 
 
 def main():
-    stage, results = sys.argv[1:]
+    stage, results, *short = sys.argv[1:]
+    words, counts = (["smtp"], USERS[:2]) if short else (COMMANDS, USERS)
+    for rows, kept in ((SETTINGS, "company"), (GROUPS, "smtp"), (ENGINES, "sed")) if short else ():
+        for name in rows.keys() - {kept}:
+            del rows[name]
     os.mkdir(WORK)
     # All files are in memory, so that most of the time is the program's own and not the file system's.
     for directory in ("/var/packages", "/usr/nubo"):
@@ -333,7 +338,7 @@ def main():
     build("timed", "-static", BENCH + "/timed.c")
     build("idle", "-static", BENCH + "/idle.c")
     idle(PACKAGE + "/target/sbin/postmap", POSTALIAS, "/usr/nubo/sbin/nubopkghelper")
-    of_commands, of_rivals, of_users = commands(), compare_rivals(), domain_users()
+    of_commands, of_rivals, of_users = commands(words), compare_rivals(), domain_users(counts)
     heads = [head for word in GROUPS for name in SETTINGS for head in (f"{word}, {name}: ms", "ratio")]
     text = "\n".join((
         table(["command, settings", "ms (median)", "/ C", "/ C++"], of_commands,

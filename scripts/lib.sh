@@ -26,14 +26,16 @@ cross=(g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user)
 presets=(release arm64 armhf)  # of packages
 # shellcheck disable=SC2034 # scripts/package reads the presets
 if [ -n "${NATIVE-}" ]; then  # on another Debian release, this machine's processor is enough, and no look at the text
-  checks=() cross=() presets=(release)
+  checks=() cross=() measure=() presets=(release)
 fi
-# Which script needs which. scripts/test calls scripts/package too.
+# Which script needs which. scripts/test calls all the others.
 case ${0##*/} in
   demo) needed=("${build[@]}" "${mail[@]}" "${network[@]}") ;;
   bench) needed=("${build[@]}" "${measure[@]}") ;;
   package) needed=("${build[@]}" "${pack[@]}" "${cross[@]}") ;;
-  test) needed=("${build[@]}" "${mail[@]}" "${network[@]}" "${checks[@]}" "${pack[@]}" "${cross[@]}") ;;
+  test)
+    needed=("${build[@]}" "${mail[@]}" "${network[@]}" "${measure[@]}" "${checks[@]}" "${pack[@]}" "${cross[@]}")
+    ;;
 esac
 
 heading() { printf '\n== %s\n' "$*"; }
