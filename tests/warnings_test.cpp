@@ -14,7 +14,8 @@ TEST(Warnings, EachSettingHasItsLine) {
   Json::Value aliases, attachments;
   imapPop3.Get("imap_enabled") = Value<bool>{false};
   EXPECT_EQ(SettingsWarnings(smtp, scanner, imapPop3, aliases, attachments, false).size(), 0U);
-  smtp.GetAdditionDomain() = {"ü.example", "$mydomain", "@b.example"};
+  smtp.GetAdditionDomain() = {"ü.example", "$$.${mydomain}.$(mydomain).$mydomain", "${", "a$", "@b.example"};
+  smtp.GetDNSBLList() = {{"$", "RBL"}};
   smtp.Get("smtp_relay_enabled") = Value<bool>{true};
   smtp.Get("smtp_relay_server_port") = Value<int>{465};
   scanner.Get("spam_enable_rewrite") = Value<bool>{true};
@@ -33,7 +34,7 @@ TEST(Warnings, EachSettingHasItsLine) {
             (line.find("xn--tda.example") != line.npos ? "! " : " ");
   }
   EXPECT_EQ(keys,
-            "additional_domains! additional_domains "
+            "additional_domains! additional_domains additional_domains additional_domains dnsbl "
             "smtp_relay_server_port spam_rewrite_subject imap_enabled deny_extensions a@b a@b c d ");
 }
 
@@ -47,12 +48,16 @@ TEST(Warnings, EachParameterHasItsLine) {
       {"mynetworks = 10.1.2.3/20", "", "write 10.1.0.0/20"},
       {"mynetworks = ![2001:db8::1]/29", "", "write [2001:db8::]/29"},
       {"smtpd_tls_security_level = encrypt", "587 inet n - n - - smtpd", ""},
+      {"smtpd_tls_security_level = encrypt", "a unix n - n - - b\n25 inet n - n - - smtpd",
+       "port 25 demands TLS"},
       {"smtpd_tls_security_level = encrypt", "25 inet n - n - - smtpd -o smtpd_tls_security_level=may", ""},
       {"", "[::1]:smtp inet n - n - - smtpd\n -o smtpd_tls_security_level=encrypt", "port 25 demands TLS"},
+      {"inet_interfaces = localhost, [::1]", "", "only programs on this machine"},
+      {"inet_interfaces = 127.0.0.1 192.0.2.1", "", ""},
   };
   for (const auto& row : kCases) {
     const Warnings warnings = PostfixWarnings({ParseParameters(row.mainCf), ParseServices(row.services)});
-    ASSERT_EQ(warnings.size(), *row.said == '\0' ? 0U : 1U) << row.mainCf;
+    ASSERT_EQ(warnings.size(), *row.said == '\0' ? 0U : 1U) << row.mainCf << row.services;
     for (const std::string& warning : warnings)
       EXPECT_NE(warning.find(row.said), std::string::npos) << warning;
   }

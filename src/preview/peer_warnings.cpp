@@ -61,6 +61,45 @@ void CheckDirectories(Warnings& warnings, const PostfixConfig& postfix) {
   }
 }
 
+// True when somebody listens on the path: proc_pid_net(5), /proc/net/unix.
+bool IsSocket(const std::string& path) {
+  const std::string place = StartsWith(path, "/var/run/") ? path.substr(4) : path;
+  for (const std::string& line : Lines(ReadFile("/proc/thread-self/net/unix"))) {
+    const std::vector<std::string> words = Words(line);
+    if (words.size() > 7 && words[3] == "00010000" && (words[7] == path || words[7] == place)) return true;
+  }
+  return false;
+}
+
+// True when a program of ours is started there with Postfix, or Postfix itself listens.
+bool IsStarted(const Peer& peer, const PostfixConfig& postfix) {
+  return std::any_of(Daemons().begin(), Daemons().end(),
+                     [&](const Daemon& daemon) { return daemon.milterPort == peer.port; }) ||
+         std::any_of(postfix.services.begin(), postfix.services.end(),
+                     [&](const PostfixService& service) { return service.port == peer.port; });
+}
+
+// Filters, policy services and milters of others.
+void CheckFilters(Warnings& warnings, const PostfixConfig& postfix) {
+  for (const auto& [name, value] : postfix.AllValues()) {
+    const bool restrictions = Contains(name, "smtpd_") && Contains(name, "_restrictions");
+    if (!restrictions && !EndsWith(name, "content_filter") && !EndsWith(name, "smtpd_proxy_filter") &&
+        !EndsWith(name, "smtpd_milters"))
+      continue;
+    for (const Peer& peer : PeersIn(value)) {
+      // Among restrictions, they are policy services.
+      if (restrictions && peer.via != "inet" && peer.via != "unix") continue;
+      const bool path = !peer.path.empty();
+      if (path ? peer.path[0] != '/' || IsSocket(peer.path)
+               : IsStarted(peer, postfix) || Connects(peer.host, peer.port))
+        continue;
+      warnings.push_back(kMain + ": " + name + ": nobody answers at " +
+                         (path ? peer.path : peer.host + ", port " + peer.port) +
+                         ", so mail waits until somebody does");
+    }
+  }
+}
+
 // ---- The DKIM key in DNS -----------------------------------------------------------------------------
 
 // The TXT records of a name. None when there is no answer.
@@ -121,6 +160,7 @@ void CheckDkimKeys(Warnings& warnings, const PostfixConfig& postfix) {
 Warnings PeerWarnings(const PostfixConfig& postfix) {
   Warnings warnings;
   CheckDirectories(warnings, postfix);
+  CheckFilters(warnings, postfix);
   CheckDkimKeys(warnings, postfix);
   return warnings;
 }

@@ -1,11 +1,15 @@
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstdlib>
 
+#include "mail/smtp_listeners.h"
 #include "preview/warnings.h"
 #include "system/text.h"
 
 namespace {
+
+const std::string kMain = kEtc + "/main.cf";
 
 // "192.0.2.0/24" for "192.0.2.7/24", and "[2001:db8::]/32" for "[2001:db8::1]/32". Empty for a network
 // without host bits, and for anything else.
@@ -31,25 +35,40 @@ std::string NetworkOf(const std::string& text) {
   return family == AF_INET ? network + ("/" + length) : "[" + (network + ("]/" + length));
 }
 
+// True when port 25, to which other servers send, takes no mail without TLS.
+bool DemandsTls(const PostfixConfig& postfix) {
+  return std::any_of(postfix.services.begin(), postfix.services.end(), [&](const PostfixService& service) {
+    return service.port == "25" && TlsOf(postfix, service) == TlsUse::kRequired;
+  });
+}
+
+bool IsLocal(const std::string& interface) {
+  return interface == "loopback-only" || interface == "[::1]" || IsLoopback(interface);
+}
+
 }  // namespace
 
 Warnings PostfixWarnings(const PostfixConfig& postfix) {
   Warnings warnings;
+  const auto warn = [&](const std::string& key, const std::string& text) {
+    warnings.push_back(kMain + ": " + key + ": " + text);
+  };
   for (const std::string& network : Words(postfix.Value("mynetworks"))) {
     const std::string right = NetworkOf(network);
     if (!right.empty()) {
-      warnings.push_back(kEtc + "/main.cf: mynetworks: " + network +
-                         " has host bits, so Postfix answers 451 to all whose address it compares; write " +
-                         right);
+      warn("mynetworks",
+           network + " has host bits, so Postfix answers 451 to all whose address it compares; write " +
+               right);
     }
   }
-  for (const PostfixService& service : postfix.services) {
-    if (service.port == "25" && TlsOf(postfix, service) == TlsUse::kRequired) {
-      warnings.push_back(
-          kEtc +
-          "/main.cf: smtpd_tls_security_level: port 25 demands TLS, so mail from servers without "
-          "TLS does not come (RFC 3207, section 4); write may");
-    }
+  if (DemandsTls(postfix)) {
+    warn("smtpd_tls_security_level",
+         "port 25 demands TLS, so mail from servers without TLS does not come (RFC 3207, section 4); write "
+         "may");
+  }
+  const std::vector<std::string> interfaces = Words(postfix.Value("inet_interfaces"));
+  if (!interfaces.empty() && std::all_of(interfaces.begin(), interfaces.end(), IsLocal)) {
+    warn("inet_interfaces", "only programs on this machine reach it, so no mail comes from others");
   }
   return warnings;
 }

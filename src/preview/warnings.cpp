@@ -53,6 +53,26 @@ void CheckDomain(Warnings& warnings, const std::string& key, const std::string& 
   }
 }
 
+// In a value of main.cf, `$` begins the name of a parameter, also in braces, and `$$` is a `$`.
+bool HasStrayDollar(const std::string& value) {
+  const auto isName = [&](size_t at) { return at < value.size() && IsMadeOf(value.substr(at, 1), "_"); };
+  for (size_t at = 0; (at = value.find('$', at)) != std::string::npos;) {
+    const char next = value[++at];
+    if (next == '$') ++at;
+    if (next == '$' || isName(at)) continue;
+    if ((next != '{' && next != '(') || !isName(at + 1)) return true;
+    at = value.find(next == '{' ? '}' : ')', at);
+    if (at == std::string::npos) return true;
+  }
+  return false;
+}
+
+void CheckMainCfValue(Warnings& warnings, const std::string& key, const std::string& value) {
+  if (!HasStrayDollar(value)) return;
+  Warn(warnings, kSmtp, key,
+       "a $ without a parameter's name: Postfix refuses all of main.cf; write $$ for a $");
+}
+
 bool Customised(const char* file, const char* key) {
   char value[1024];
   return ZELBCFileGetKeyValue(file, key, value, sizeof value, 0) > 0;
@@ -130,7 +150,12 @@ Warnings SettingsWarnings(Postfix& smtp, MailScanner& scanner, ImapPop3& imapPop
   CheckDomain(warnings, "smtp_hostname", GetString(smtp, "smtp_hostname"));
   for (const std::string& domain : smtp.GetAdditionDomain()) {
     CheckDomain(warnings, "additional_domains", domain);
+    CheckMainCfValue(warnings, "additional_domains", domain);
   }
+  for (const char* key : {"smtp_hostname", "always_bcc", "smtp_relay_server"}) {
+    CheckMainCfValue(warnings, key, GetString(smtp, key));
+  }
+  for (const auto& [zone, kind] : smtp.GetDNSBLList()) CheckMainCfValue(warnings, "dnsbl", zone);
   const std::string unknown = UnknownName(GetString(smtp, "always_bcc"), smtp, aliases);
   const struct {
     bool applies;
