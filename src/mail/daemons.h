@@ -25,8 +25,7 @@ struct Daemon {
 };
 
 /// What is known of a daemon. MailScanner has a name, a checker, files and words alone: it is reloaded, and
-/// never
-/// started or stopped here.
+/// never started or stopped here.
 const Daemon& DaemonOf(DaemonId id);
 
 /// The one of this name. Throws std::out_of_range for a name that is none.

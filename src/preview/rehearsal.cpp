@@ -48,6 +48,15 @@ bool Runs(CheckResults& results, DaemonId id, Program& daemon, std::vector<LogLi
   return runs;
 }
 
+// Why the master has ended at once. It has told its own log socket, where nobody listened yet; here it starts
+// once more and tells the system log.
+std::vector<std::string> MasterSays(const std::string& master) {
+  SetParameter("maillog_file", "");
+  TakeLog();
+  RunProgram({master, "-c", kEtc, "-w"});
+  return SaidBy("", TakeLog());
+}
+
 // What Postfix's daemons cannot work with, wherever they have met it, and mail that they throw away.
 CheckResult JudgeLog(const std::string& log) {
   const Question question = {Topic::kLog, DaemonId::kPostfix};
@@ -169,13 +178,7 @@ CheckResults Rehearse(const PostfixConfig& postfix, const std::vector<Place>& ta
     // Not by postfix(1), which would check all once more.
     Program program({master, "-c", kEtc, "-w"});
     check.postfix = Runs(results, DaemonId::kPostfix, program, logged);
-    if (!check.postfix && fs::exists(master)) {
-      // It has told its own log socket why, where nobody listened yet: here it tells the system log.
-      SetParameter("maillog_file", "");
-      TakeLog();
-      RunProgram({master, "-c", kEtc, "-w"});
-      results.back().words = SaidBy("", TakeLog());
-    }
+    if (!check.postfix && fs::exists(master)) results.back().words = MasterSays(master);
   }
   for (const CheckResult& result : CheckMail(check)) results.push_back(result);
   if (files) {
