@@ -46,6 +46,8 @@ include(CPack)
 
 set(DOC /usr/share/doc/${CPACK_PACKAGE_NAME})
 install(FILES LICENSE DESTINATION ${DOC} RENAME copyright)
+file(GLOB pages CONFIGURE_DEPENDS docs/*.md)
+install(FILES SECURITY.md ${pages} DESTINATION ${DOC})
 foreach(file changelog NEWS)
   configure_file(packaging/${file} ${PROJECT_BINARY_DIR}/packaging/${file} @ONLY)
 endforeach()

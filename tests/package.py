@@ -101,6 +101,11 @@ class Package(ApplianceTest):
     def test_spf_policy_program_is_found(self):
         self.inside(f"test -x {PACKAGE}/target/sbin/postfix-policyd-spf-perl")
 
+    def test_manual_pages_name_what_is_there(self):
+        pages = self.inside("cd /usr/share/man && zcat man5/brindlecot* man8/nubo_*")
+        for path in set(re.findall(r"/usr/share/doc/nubo-set-config/[a-zA-Z_.]+", pages)):
+            self.inside("test -s " + path)
+
     def test_nothing_is_in_a_daemons_directory(self):
         """The daemon could replace it by a link."""
         unsafe = [path for path in self.owners if not self.owners.get(os.path.dirname(path), "root").endswith("root")]
