@@ -156,10 +156,6 @@ class Apply(ApplianceTest):
         self.assertIn(named, self.apply("smtp", status=1))
         self.assert_same(before, files())
 
-    def test_daemon_does_not_start(self):
-        self.assert_taken_back("Dovecot does not start", "dovecot", lambda: self.take(993),
-                               imap_pop3={"imaps_enabled": True})
-
     def test_local_delivery_is_dead(self):
         """Who does not read the changed file goes on: Dovecot, and somebody who is sending a message."""
         dovecot = run("pgrep", "-x", "dovecot").stdout
@@ -294,14 +290,6 @@ class Apply(ApplianceTest):
         self.assertEqual(limit(), 20)
         self.assertIn("-message_size_limit = 24117248\n+message_size_limit = 20971520",
                       self.apply("history", str(last_state())))
-
-    def test_undo_as_found(self):
-        """Where that has no main.cf, the daemons go on."""
-        os.unlink(f"{STATES}1/out{ETC}/main.cf")
-        before = files()
-        self.assertIn("Postfix are not good", self.apply("undo", "1", status=3))
-        self.assert_same(before, files())
-        self.apply("check")
 
     # A process or a machine that ends in the midst of a change.
 

@@ -58,7 +58,6 @@ TEST(Daemons, KnowTheirFilesAndWords) {
           {kEtc + "/MailScanner/MailScanner.conf", "MailScanner "},
           {kEtc + "/spamassassin/local.cf", "MailScanner "},
           {kSsl, "Dovecot Postfix "},
-          {kSsl + "/server.key", "Dovecot Postfix "},
           {"/etc/postfix/main.cf", ""},
       },
       [&](const std::string& path) { return names(ReadersOf({path})); });
@@ -67,7 +66,6 @@ TEST(Daemons, KnowTheirFilesAndWords) {
       {
           {"smtp", "OpenDKIM OpenDMARC Postfix "},
           {"dovecot mailscanner", "Dovecot MailScanner "},
-          {"alias domain_alias", "Postfix "},
           {"sender_quota_map", "Postfix "},
       },
       [&](const std::string& words) { return names(WrittenFor(Words(words))); });
@@ -86,7 +84,6 @@ TEST(PostfixConfig, HasTheServicesOfMasterCf) {
        "127.0.0.1:1 inet|127.0.0.1|1|x-|a=b {c d} e;e=;"},
       {"m.example:smtp inet - - n - 1 x -o a={b c} -o", "m.example:smtp inet|m.example|25|x|a={b c};"},
       {"no-port inet n - n - - smtpd", "no-port inet||no-port|smtpd-|"},
-      {"qmgr unix n - n 300? 1 qmgr", "qmgr unix|||qmgr-|"},
       {"p/x unix - n n - - pipe flags=DRhu user=v argv=/bin/x -f ${sender}", "p/x unix|||pipe|"},
       {"a unix y - - 1000? 1 tlsmgr\nb pass n - n - - y\n -o c=d\n", "a unix|||tlsmgr|b pass|||y-|c=d;"},
       {"too few columns - - - -", ""}};
@@ -101,16 +98,14 @@ TEST(PostfixConfig, HasTheServicesOfMasterCf) {
 }
 
 TEST(PostfixConfig, HasTheParametersOfMainCf) {
-  const Rows rows = {{"a = b", "a=b;"},
-                     {"a=b\nc =d\n", "a=b;c=d;"},
+  const Rows rows = {{"a=b\nc =d\n", "a=b;c=d;"},
                      {"a =\n", "a=;"},
                      {"a = b,\n  c\n\n# x = y\n \t d\n", "a=b,  c \t d;"},
                      {"  # a = b\nc = d # e\r\n", "c=d # e;"},
                      {"a = b = c", "a=b = c;"},
                      {"a = 1\na = 2", "a=2;"},
                      {"no sign", ""},
-                     {" first = 1", "first=1;"},
-                     {"a = \"b c\"", "a=\"b c\";"}};
+                     {" first = 1", "first=1;"}};
   ExpectReads(rows, [](const std::string& text) { return Text(ParseParameters(text)); });
   const PostfixConfig config = ConfigOf("25 inet n - n - - smtpd -o a=own\na = main\nb = main\n");
   EXPECT_EQ(config.Value("a") + config.Value("none"), "main");
@@ -121,10 +116,8 @@ TEST(PostfixConfig, HasTheParametersOfMainCf) {
 // The service, and main.cf after it.
 TEST(PostfixConfig, UsesTlsAsPostfixDoes) {
   const Rows rows = {
-      {"smtpd", "never"},
       {"smtpd\nsmtpd_use_tls = yes", "offered"},
       {"smtpd\nsmtpd_enforce_tls = Yes", "required"},
-      {"smtpd\nsmtpd_tls_security_level = may", "offered"},
       {"smtpd\nsmtpd_tls_security_level = encrypt", "required"},
       {"smtpd\nsmtpd_tls_security_level = none\nsmtpd_use_tls = yes", "never"},
       {"smtpd\nsmtpd_tls_security_level = may\nsmtpd_enforce_tls = yes", "offered"},
@@ -152,7 +145,6 @@ TEST(PostfixConfig, NamesPeers) {
                      {"lmtp:unix:private/lmtp", "lmtp:unix|||private/lmtp"},
                      {"local:/run/x.sock", "local|||/run/x.sock"},
                      {"[relay.example]:submission", "|relay.example|submission|"},
-                     {"[relay.example]", "|relay.example||"},
                      {"relay:[2001:db8::1]", "relay|2001:db8::1||"},
                      {"relay.example", "|relay.example||"},
                      {"xunix:25", "|xunix|25|"},
@@ -185,7 +177,6 @@ TEST(SmtpListeners, AreThoseOfMasterCf) {
       {"25 inet n - n - - smtpd\ninet_protocols = ipv6", "25 2001:db8::1 2001:db8::1 "},
       {"[::1]:587 inet n - n - - smtpd", "587 ::1 "},
       {"25 inet n - n - - smtpd\ninet_interfaces = loopback-only", "25 127.0.0.1 "},
-      {"25 inet n - n - - smtpd\ninet_interfaces = loopback-only\ninet_protocols = ipv6", "25 ::1 "},
       {"192.0.2.9:25 inet n - n - - smtpd\nsmtpd_tls_security_level = may", "25 192.0.2.9 192.0.2.9 s"},
       {"127.0.0.2:25 inet n - n - - smtpd\nsmtpd_tls_security_level = none\nsmtpd_use_tls = yes\n"
        "smtpd_sasl_auth_enable = yes",
@@ -246,11 +237,8 @@ TEST(PostfixLog, IsReadLineByLine) {
       {"<22>Nov 26 12:00:00 postfix/smtpd[7]: fatal: no SASL: x>y", "postfix/smtpd  7"},
       {"<22>Nov 26 12:00:00 dovecot: imap: Error: y", "dovecot  0"},
       {head + "smtpd[7]: warning: A1: removed", "postfix/smtpd  0"},
-      {head + "smtpd[7]: NOQUEUE: milter-reject: RCPT from x", "postfix/smtpd  0"},
       {head + "smtpd[7]: A1: fatal: x", "postfix/smtpd A1 0"},
       {"Nov 26 12:00:00 mail last message: repeated", ""},
-      {"Nov 26 12:00:00  x: y", ""},
-      {"Nov 26", ""},
       {"", ""}};
   ExpectReads(rows, [](const std::string& text) {
     const auto line = ParsePostfixLogLine(text);
@@ -300,7 +288,6 @@ TEST(DovecotConfig, HasListeners) {
       {"protocols = imap pop3", "imap:143s imaps:993i pop3:110s pop3s:995i "},
       {"protocols = $protocols imap", "imap:143s imaps:993i "},
       {"protocols = imap\nssl = no", "imap:143 imaps:993i "},
-      {"protocols = imap\nssl = required", "imap:143s imaps:993i "},
       {imap + "s {\nport = 0\n}\n}", "imap:143s "},
       {imap + "s {\nport = 93\naddress = localhost, 1.2.3.4\n}\n}", "imap:143s imaps:93ilocalhost 1.2.3.4  "},
       {imap + "s {\nlisten = ::\n ssl = no\n}\n}", "imap:143s imaps:993s::  "},
