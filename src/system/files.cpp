@@ -1,11 +1,13 @@
 #include "system/files.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <vector>
 
 #include "system/program.h"
 
@@ -31,7 +33,11 @@ void Sync(const std::set<std::string>& paths) {
     while (!std::filesystem::exists(path));
     all.insert(path);
   }
-  std::vector<std::string> command = {"sync"};
-  command.insert(command.end(), all.begin(), all.end());
-  if (!all.empty()) RunOrThrow(command, "not on disk");
+  for (const std::string& path : all) {
+    const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const bool synced = file >= 0 && fsync(file) == 0;
+    const std::string reason = std::strerror(errno);
+    close(file);
+    if (!synced) throw Fault(path + " is not on disk: " + reason);
+  }
 }
