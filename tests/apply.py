@@ -351,7 +351,7 @@ class Apply(ApplianceTest):
         self.addCleanup(run, "cp", "-a", "/run/ssl/.", SSL, check=True)
         for made, name in zip(certificate("unloaded"), ("server.crt", "server.key")):
             run("cp", made, f"{SSL}/{name}", check=True)
-        self.assertIn("BAD       Postfix, port 465, TLS, certificate: ", self.apply("check", "--no-message", status=1))
+        self.assertIn("BAD       Dovecot, imap, certificate: ", self.apply("check", "--no-message", status=1))
 
     def test_dns(self):
         """The records hold the key, in pieces, and the relay. DNS has the key's, and another for mail."""
