@@ -41,8 +41,7 @@ void Generate(const std::vector<std::string>& words, const Preview& preview) {
   const Step step("The files are written");
   PendingChange::SavePlan(preview.files);
   for (const std::string& word : words) {
-    // In a session of its own: Ctrl-C would end it, and not the compiler of tables that it runs.
-    RunOrThrow({"setsid", "--wait", "flock", kRunLock, kBin + "nubo_set_config", word},
+    RunOrThrow({"flock", kRunLock, kBin + "nubo_set_config", word},
                "nubo_set_config " + word + " failed, see the system log");
   }
   const Paths edited = Differing(FileKind::kInput, kTried + ".new");

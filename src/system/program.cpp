@@ -1,15 +1,42 @@
 #include "system/program.h"
 
+#include <poll.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <iostream>
 
 namespace {
+
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// Seconds that a program may take. A check of mail runs the first ones, and has to end soon.
+constexpr struct {
+  const char* program;
+  int limit;
+} kLimits[] = {
+    {"sendmail", 10},  // waits while the queue takes no file
+    {"openssl", 10},   // waits for who listens
+    {"postqueue", 10},
+    {"postconf", 10},
+    {"doveconf", 10},
+    {"doveadm", 10},
+    {"env", 10},                   // asks for a version
+    {"systemctl", 150},            // systemd gives a service 90 s to stop
+    {"spamassassin", 180},         // compiles all of its rules
+    {"cp", 300},                   // a list of a million aliases
+    {"flock", 300},                // nubo_set_config, with a million users
+    {"nubo_config_preview", 600},  // waits for all of them
+};
+constexpr seconds kOtherwise(60);
 
 std::string ContentOf(int file) {
   std::string text;
@@ -23,18 +50,34 @@ std::string ContentOf(int file) {
 
 }  // namespace
 
-Program::Program(const std::vector<std::string>& command, const std::string& input) {
+std::chrono::seconds TimeLimitOf(const std::string& program) {
+  const std::string name = program.substr(program.rfind('/') + 1);
+  const auto* const found = std::find_if(std::begin(kLimits), std::end(kLimits),
+                                         [&](const auto& one) { return name == one.program; });
+  return found == std::end(kLimits) ? kOtherwise : seconds(found->limit);
+}
+
+Program::Program(const std::vector<std::string>& command, const std::string& input)
+    : Program(command, input, TimeLimitOf(command[0])) {}
+
+Program::Program(const std::vector<std::string>& command, const std::string& input, milliseconds limit)
+    : name_(command[0]), limit_(limit) {
   std::vector<char*> arguments;
   arguments.reserve(command.size() + 1);
   for (const std::string& argument : command) arguments.push_back(const_cast<char*>(argument.c_str()));
   arguments.push_back(nullptr);
   Start(
-      [&] {
+      [&]() -> int {
+        // Of a process with threads: only what signal-safety(7) allows, and no memory of the heap.
         std::signal(SIGPIPE, SIG_DFL);  // a daemon's own programs count on it
+        setpgid(0, 0);
         close_range(STDERR_FILENO + 1, ~0U, 0);
         execvp(arguments[0], arguments.data());
-        std::cerr << arguments[0] << ": " << std::strerror(errno) << std::endl;
-        return kNotRun;
+        const char* const why[] = {arguments[0], ": ", strerrordesc_np(errno), "\n"};
+        for (const char* text : why) {
+          if (write(STDERR_FILENO, text, std::strlen(text)) < 0) break;
+        }
+        _exit(kNotRun);
       },
       input);
 }
@@ -58,14 +101,34 @@ Program::~Program() {
   for (const int file : files_) close(file);
 }
 
+// True, too, where there is nothing to wait with.
+bool Program::EndsInTime() const {
+  pollfd end = {static_cast<int>(syscall(SYS_pidfd_open, child_, 0)), POLLIN, 0};
+  int ready = end.fd < 0 ? 1 : -1;
+  while (ready < 0) {
+    const auto left = limit_ - (std::chrono::steady_clock::now() - start_);
+    ready = poll(&end, 1, std::max(0, static_cast<int>(duration_cast<milliseconds>(left).count())));
+    if (ready < 0 && errno != EINTR) ready = 1;
+  }
+  close(end.fd);
+  return ready > 0;
+}
+
 ProgramResult Program::Wait() {
   int status = 0;
   pid_t ended = -1;
+  const bool late = child_ > 0 && !name_.empty() && !EndsInTime();
+  if (late) kill(-child_, SIGKILL);
   if (child_ > 0) {
     do ended = waitpid(child_, &status, 0);
     while (ended < 0 && errno == EINTR);
   }
   if (ended < 0) return {kNotRun, "", "cannot be run"};
+  if (late) {
+    const auto waited = duration_cast<seconds>(limit_).count();
+    return {kTooLate, ContentOf(files_[1]),
+            ContentOf(files_[2]) + name_ + " did not end within " + std::to_string(waited) + " s\n"};
+  }
   return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ContentOf(files_[1]),
           ContentOf(files_[2])};
 }
