@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "mail/certificate.h"
+#include "system/program.h"
 
 TEST(Warnings, EachSettingHasItsLine) {
   Postfix smtp;
@@ -107,5 +108,10 @@ END)";
     EXPECT_EQ(found[i].fault.empty(), *kCases[i].fault == '\0') << found[i].fault;
     EXPECT_NE(found[i].fault.find(kCases[i].fault), std::string::npos) << found[i].fault;
   }
+  const std::string self = std::string(directory) + "/self";
+  EXPECT_NO_THROW(CheckPair(self + ".crt", self + ".key"));
+  EXPECT_THROW(CheckPair(std::string(directory) + "/two.example.crt", self + ".key"), Fault);
+  EXPECT_EQ(PublicKey(self + ".key").size(), 124U);  // of 91 bytes
+  EXPECT_EQ(PublicKey(self + ".crt"), "");
   ASSERT_EQ(std::system(("rm -r " + std::string(directory)).c_str()), 0);
 }

@@ -7,6 +7,7 @@
 #include "apply/commands.h"
 #include "change/change.h"
 #include "change/daemons.h"
+#include "mail/certificate.h"
 
 namespace fs = std::filesystem;
 
@@ -22,14 +23,7 @@ int Renew(const Request& request) {
                 " is a link, and would be replaced. Put a copy of the file in its place, or have the " +
                 "daemons load what it leads to");
   }
-  RunOrThrow({"openssl", "x509", "-in", certificate, "-noout", "-checkend", "0"},
-             certificate + " is no valid certificate, or has expired");
-  // An empty password: one that is asked for could not be given by the daemons either.
-  if (RunOrThrow({"openssl", "x509", "-in", certificate, "-noout", "-pubkey"}, certificate) !=
-      RunOrThrow({"openssl", "pkey", "-in", key, "-passin", "pass:", "-pubout"},
-                 key + " is no private key without a password")) {
-    throw Fault(key + " is not the key of " + certificate);
-  }
+  CheckPair(certificate, key);
   // A new certificate would take a daemon down whose files are being edited.
   const PendingChange change = Begin("nubo_config_apply renew", request.message, request.user, {});
   for (const DaemonId reader : ReadersOf({kSsl})) {

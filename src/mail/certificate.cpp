@@ -1,8 +1,11 @@
 #include "mail/certificate.h"
 
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+
 #include <algorithm>
 #include <ctime>
-#include <regex>
+#include <memory>
 
 #include "mail/dovecot_config.h"
 #include "system/files.h"
@@ -57,21 +60,62 @@ void AddDovecot(std::vector<Certificate>& found) {
   }
 }
 
-// Seconds from the epoch of "NAME=2026-11-25 16:47:50Z" in the text.
-std::time_t TimeAfter(const std::string& text, const std::string& name) {
-  const size_t at = text.find(name + "=");
-  std::tm time = {};
-  if (at != std::string::npos) strptime(text.c_str() + at + name.size() + 1, "%Y-%m-%d %H:%M:%S", &time);
-  return timegm(&time);
+template <typename Object>
+using Owned = std::unique_ptr<Object, void (*)(Object*)>;
+
+Owned<BIO> Reader(const std::string& pem) {
+  return {BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free_all};
 }
 
-bool IsFor(const Certificate& certificate, const PostfixConfig& postfix) {
+Owned<X509> CertificateIn(const std::string& pem) {
+  return {PEM_read_bio_X509(Reader(pem).get(), nullptr, nullptr, nullptr), X509_free};
+}
+
+// A password that is asked for is empty: nobody could give the daemons one either.
+Owned<EVP_PKEY> KeyIn(const std::string& pem) {
+  std::string password;
+  return {PEM_read_bio_PrivateKey(Reader(pem).get(), nullptr, nullptr, password.data()), EVP_PKEY_free};
+}
+
+std::time_t TimeOf(const ASN1_TIME* time) {
+  std::tm parts = {};
+  ASN1_TIME_to_tm(time, &parts);
+  return timegm(&parts);
+}
+
+std::string FingerprintOf(const X509& certificate) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  X509_digest(&certificate, EVP_sha256(), digest, &size);
+  return {digest, digest + size};
+}
+
+// The names in DNS, with blanks between; of old certificates, which have none, the common name.
+std::string NamesOf(const X509& certificate) {
+  std::string names;
+  const Owned<GENERAL_NAMES> all(
+      static_cast<GENERAL_NAMES*>(X509_get_ext_d2i(&certificate, NID_subject_alt_name, nullptr, nullptr)),
+      GENERAL_NAMES_free);
+  for (int i = 0; i < sk_GENERAL_NAME_num(all.get()); ++i) {
+    const GENERAL_NAME* name = sk_GENERAL_NAME_value(all.get(), i);
+    if (name->type != GEN_DNS) continue;
+    const ASN1_STRING* text = name->d.dNSName;
+    names += names.empty() ? "" : " ";
+    names.append(reinterpret_cast<const char*>(ASN1_STRING_get0_data(text)),
+                 static_cast<size_t>(ASN1_STRING_length(text)));
+  }
+  char common[256] = "";
+  if (names.empty())
+    X509_NAME_get_text_by_NID(X509_get_subject_name(&certificate), NID_commonName, common, sizeof common);
+  return names + common;
+}
+
+// True when it is made for the host or one of its domains.
+bool IsFor(X509* certificate, const PostfixConfig& postfix) {
   std::vector<std::string> wanted = Words(postfix.Value("mydestination"));
   wanted.insert(wanted.begin(), postfix.Value("myhostname"));
   return std::any_of(wanted.begin(), wanted.end(), [&](const std::string& name) {
-    return Contains(
-        RunProgram({"openssl", "x509", "-in", certificate.file, "-noout", "-checkhost", name}).output,
-        "does match");
+    return X509_check_host(certificate, name.data(), name.size(), 0, nullptr) == 1;
   });
 }
 
@@ -80,40 +124,28 @@ void Examine(Certificate& certificate, const PostfixConfig& postfix) {
     certificate.usable = false;
     certificate.fault = why;
   };
-  const std::string& file = certificate.file;
-  const ProgramResult read =
-      RunProgram({"openssl", "x509", "-in", file, "-noout", "-startdate", "-enddate", "-dateopt", "iso_8601",
-                  "-subject", "-issuer", "-ext", "subjectAltName", "-fingerprint", "-sha256", "-pubkey"});
-  const std::string& text = read.output;
-  if (read.status != 0) return unusable("holds no certificate, so TLS does not work");
-  std::smatch match;
-  if (std::regex_search(text, match, std::regex("ingerprint=(.*)"))) certificate.fingerprint = match[1];
-  const std::regex name("DNS:([^,\n]*)");
-  for (std::sregex_iterator one(text.begin(), text.end(), name), end; one != end; ++one) {
-    certificate.names += (certificate.names.empty() ? "" : " ") + (*one)[1].str();
-  }
-  if (certificate.names.empty() && std::regex_search(text, match, std::regex("subject=.*CN ?= ?([^,\n]*)"))) {
-    certificate.names = match[1];  // of old certificates
-  }
+  const Owned<X509> read = CertificateIn(ReadFile(certificate.file));
+  if (!read) return unusable("holds no certificate, so TLS does not work");
+  certificate.fingerprint = FingerprintOf(*read);
+  certificate.names = NamesOf(*read);
   const std::time_t now = std::time(nullptr);
   constexpr std::time_t kDay = 24L * 60 * 60;
-  const std::time_t left = TimeAfter(text, "notAfter") - now;
+  const std::time_t left = TimeOf(X509_get0_notAfter(read.get())) - now;
   certificate.days = static_cast<long>(left < 0 ? left / kDay - 1 : left / kDay);
-  const ProgramResult key =
-      RunProgram({"openssl", "pkey", "-in", certificate.key, "-passin", "pass:", "-pubout"});
-  if (key.status != 0)
-    return unusable("its key " + certificate.key + " cannot be read, so TLS does not work");
-  if (!Contains(text, key.output)) {
+  const Owned<EVP_PKEY> key = KeyIn(ReadFile(certificate.key));
+  if (!key) return unusable("its key " + certificate.key + " cannot be read, so TLS does not work");
+  if (X509_check_private_key(read.get(), key.get()) != 1)
     return unusable("is not the certificate of the key " + certificate.key + ", so TLS does not work");
-  }
-  if (TimeAfter(text, "notBefore") > now) return unusable("is not valid yet, so mail programs refuse it");
+  if (TimeOf(X509_get0_notBefore(read.get())) > now)
+    return unusable("is not valid yet, so mail programs refuse it");
   if (left <= 0) return unusable("has expired, so mail programs refuse it");
   if (certificate.days < kFewDays) {
     certificate.fault = "expires in " + std::to_string(certificate.days) + " days";
   }
   // What the installation makes is signed by itself.
-  const bool selfSigned = std::regex_search(text, std::regex("subject=([^\n]*)\nissuer=\\1\n"));
-  if (certificate.fault.empty() && !selfSigned && !IsFor(certificate, postfix)) {
+  const bool selfSigned =
+      X509_NAME_cmp(X509_get_subject_name(read.get()), X509_get_issuer_name(read.get())) == 0;
+  if (certificate.fault.empty() && !selfSigned && !IsFor(read.get(), postfix)) {
     certificate.fault = "is for " + certificate.names + ", and not for " + postfix.Value("myhostname") +
                         " or a mail domain, so mail programs complain";
   }
@@ -130,19 +162,29 @@ std::vector<Certificate> Certificates(const PostfixConfig& postfix) {
 }
 
 std::string ServedFingerprint(const std::string& place, const std::string& startTls) {
-  std::vector<std::string> command = {"timeout", "5", "openssl", "s_client", "-connect", place};
+  std::vector<std::string> command = {"openssl", "s_client", "-connect", place};
   if (!startTls.empty()) command.insert(command.end(), {"-starttls", startTls});
-  const std::string said =
-      RunProgram({"openssl", "x509", "-noout", "-fingerprint", "-sha256"}, RunProgram(command).output).output;
-  const size_t sign = said.find('=');
-  return sign == std::string::npos ? "" : Lines(said.substr(sign + 1))[0];
+  const Owned<X509> shown = CertificateIn(RunProgram(command).output);
+  return shown ? FingerprintOf(*shown) : "";
 }
 
 std::string PublicKey(const std::string& privateKey) {
-  std::string key;
-  for (const std::string& line :
-       Lines(RunProgram({"openssl", "pkey", "-in", privateKey, "-pubout"}).output)) {
-    if (line[0] != '-') key += line;
-  }
-  return key;
+  const Owned<EVP_PKEY> key = KeyIn(ReadFile(privateKey));
+  unsigned char* bytes = nullptr;
+  const int size = key ? i2d_PUBKEY(key.get(), &bytes) : 0;
+  const Owned<unsigned char> owner(bytes, [](unsigned char* memory) { OPENSSL_free(memory); });
+  std::string text(static_cast<size_t>(std::max(size, 0) + 2) / 3 * 4 + 1, '\0');
+  text.resize(static_cast<size_t>(
+      EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), bytes, std::max(size, 0))));
+  return text;
+}
+
+void CheckPair(const std::string& certificate, const std::string& privateKey) {
+  const Owned<X509> read = CertificateIn(ReadFile(certificate));
+  if (!read || X509_cmp_current_time(X509_get0_notAfter(read.get())) != 1)
+    throw Fault(certificate + " is no valid certificate, or has expired");
+  const Owned<EVP_PKEY> key = KeyIn(ReadFile(privateKey));
+  if (!key) throw Fault(privateKey + " is no private key without a password");
+  if (X509_check_private_key(read.get(), key.get()) != 1)
+    throw Fault(privateKey + " is not the key of " + certificate);
 }
