@@ -26,7 +26,7 @@ else()
   set(CPACK_DEBIAN_PACKAGE_DEPENDS "postfix, openssl, iproute2")
 endif()
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "postfix-ldap, libsasl2-modules, dovecot-imapd, dovecot-pop3d, opendkim, \
-opendmarc, publicsuffix, spamassassin, postfix-policyd-spf-perl, bind9-dnsutils")
+opendmarc, publicsuffix, spamassassin, postfix-policyd-spf-perl")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "samba-common-bin, winbind, libnss-winbind, libpam-winbind, libpam-ldapd, memcached, \
 clamav-daemon")
 

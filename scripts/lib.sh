@@ -15,7 +15,7 @@ build=(g++ cmake make libboost-dev libjsoncpp-dev libidn2-dev libcurl4-openssl-d
   python3 python3-jsonschema util-linux iproute2)
 # SpamAssassin's installation needs gpg's agent when gpg is there.
 mail=(postfix postfix-ldap postfix-policyd-spf-perl libsasl2-modules dovecot-core dovecot-imapd dovecot-pop3d opendkim
-  opendmarc publicsuffix gpg-agent spamassassin memcached openssl bind9-dnsutils)
+  opendmarc publicsuffix gpg-agent spamassassin memcached openssl)
 network=(slapd ldap-utils dnsmasq-base samba samba-ad-dc samba-ad-provision samba-dsdb-modules samba-vfs-modules
   samba-common-bin python3-samba winbind libnss-winbind libpam-winbind krb5-user python3-aiosmtpd)
 measure=(postfix postfix-ldap dovecot-core openssl python3-aiosmtpd gcc libc6-dev strace python3-matplotlib

@@ -1,10 +1,11 @@
+#include "system/dns.h"
+
 #include <arpa/inet.h>
 
 #include <algorithm>
 #include <cctype>
 #include <functional>
 #include <iostream>
-#include <sstream>
 
 #include "apply/commands.h"
 #include "change/basics.h"
@@ -110,38 +111,17 @@ std::string Comparable(const std::string& value) {
   return text;
 }
 
-// The values of a record's name and type in DNS. Throws Fault when there is no answer.
+// The values in DNS that may be meant for this record. Throws Fault when there is no answer.
 std::vector<std::string> Ask(const Record& record) {
-  const ProgramResult asked = RunProgram({"dig", "-r", "+noall", "+comments", "+answer", "+nottlid", "+nocl",
-                                          "+tries=2", "-q", record.name, "-t", record.type});
-  if (asked.status == kNotRun) throw Fault("dig is missing: install bind9-dnsutils");
-  const bool none = Contains(asked.output, "status: NXDOMAIN");
-  if (!none && !Contains(asked.output, "status: NOERROR")) {
-    throw Fault(record.name + ": no name server answers\n" + asked.output);
+  auto values = AskDns(record.name, record.type, std::chrono::seconds(5));
+  if (!values) throw Fault(record.name + ": no name server answers");
+  // A name has texts of all kinds; those below it have one.
+  if (StartsWith(record.value, "v=spf1")) {
+    values->erase(std::remove_if(values->begin(), values->end(),
+                                 [](const auto& one) { return !StartsWith(Comparable(one), " v=spf1 "); }),
+                  values->end());
   }
-  std::vector<std::string> values;
-  for (const std::string& line : Lines(asked.output)) {
-    std::istringstream words(line);  // NAME TYPE VALUE
-    std::string name, type, value;
-    if (line[0] == ';' || !(words >> name >> type >> std::ws) || type != record.type) continue;
-    std::getline(words, value);
-    if (type == "TXT") {  // strings in quotes
-      std::string text;
-      bool inside = false;
-      for (size_t at = 0; at < value.size(); ++at) {
-        if (value[at] == '"') {
-          inside = !inside;
-        } else if (inside && (value[at] != '\\' || ++at < value.size())) {
-          text += value[at];
-        }
-      }
-      value = text;
-    }
-    // A name has texts of all kinds; those below it have one.
-    if (!StartsWith(record.value, "v=spf1") || StartsWith(Comparable(value), " v=spf1 "))
-      values.push_back(value);
-  }
-  return values;
+  return *values;
 }
 
 // True when DNS has a record that does the work of this one; it need not be the same.

@@ -1,18 +1,14 @@
-#include <arpa/nameser.h>
 #include <curl/curl.h>
-#include <netdb.h>
-#include <resolv.h>
 
 #include <algorithm>
 #include <memory>
-#include <optional>
 
 #include "mail/certificate.h"
 #include "mail/daemons.h"
 #include "mail/smtp_listeners.h"
 #include "preview/warnings.h"
+#include "system/dns.h"
 #include "system/files.h"
-#include "system/program.h"
 #include "system/text.h"
 
 namespace {
@@ -102,33 +98,6 @@ void CheckFilters(Warnings& warnings, const PostfixConfig& postfix) {
 
 // ---- The DKIM key in DNS -----------------------------------------------------------------------------
 
-// The TXT records of a name. None when there is no answer.
-std::optional<std::vector<std::string>> TextRecords(const std::string& name) {
-  struct __res_state state = {};
-  if (res_ninit(&state) != 0) return std::nullopt;
-  const std::unique_ptr<struct __res_state, decltype(&res_nclose)> owner(&state, res_nclose);
-  state.retrans = 1;  // seconds
-  state.retry = 2;
-  unsigned char answer[16384];
-  const int size = res_nquery(&state, name.c_str(), ns_c_in, ns_t_txt, answer, sizeof answer);
-  std::vector<std::string> texts;
-  if (size < 0 && (state.res_h_errno == HOST_NOT_FOUND || state.res_h_errno == NO_DATA)) return texts;
-  ns_msg message;
-  if (size < 0 || ns_initparse(answer, std::min<int>(size, sizeof answer), &message) != 0)
-    return std::nullopt;
-  for (int i = 0; i < ns_msg_count(message, ns_s_an); ++i) {
-    ns_rr record;
-    if (ns_parserr(&message, ns_s_an, i, &record) != 0 || ns_rr_type(record) != ns_t_txt) continue;
-    std::string text;
-    const unsigned char* data = ns_rr_rdata(record);
-    for (size_t at = 0; at < ns_rr_rdlen(record); at += 1U + data[at]) {  // RFC 1035, section 3.3.14
-      text.append(reinterpret_cast<const char*>(data) + at + 1, data[at]);
-    }
-    texts.push_back(text);
-  }
-  return texts;
-}
-
 // The record comes before the setting: docs/pitfalls.md, "A new DKIM key".
 void CheckDkimKeys(Warnings& warnings, const PostfixConfig& postfix) {
   if (!IsWanted(DaemonOf(DaemonId::kOpenDkim), postfix.parameters)) return;
@@ -139,7 +108,7 @@ void CheckDkimKeys(Warnings& warnings, const PostfixConfig& postfix) {
     const size_t path = line.rfind(':');
     if (words.size() < 2 || path == std::string::npos) continue;
     if (key.empty()) key = PublicKey(line.substr(path + 1));  // all domains have the same
-    const auto records = TextRecords(words[0]);
+    const auto records = AskDns(words[0], "TXT", std::chrono::seconds(1));
     if (key.empty() || !records) return;  // the rehearsal reads the key; without DNS, nothing is known
     const bool published = std::any_of(records->begin(), records->end(), [&](std::string record) {
       record.erase(std::remove(record.begin(), record.end(), ' '), record.end());
