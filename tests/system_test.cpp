@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "system/address.h"
 #include "system/files.h"
 #include "system/program.h"
 #include "system/text.h"
@@ -26,4 +27,40 @@ TEST(Program, TellsHowItEnded) {
   const ProgramResult missing = RunProgram({"/no-such"});
   EXPECT_EQ(missing.status, kNotRun);
   EXPECT_EQ(missing.errors, "/no-such: No such file or directory\n");
+}
+
+TEST(Network, IsRead) {
+  const std::pair<const char*, const char*> kCases[] = {{"192.0.2.0/24", "192.0.2.0/24"},
+                                                        {"10.1.2.3/20", "10.1.0.0/20 host bits"},
+                                                        {"[2001:db8::1]/29", "[2001:db8::]/29 host bits"},
+                                                        {"2001:db8::/32", "[2001:db8::]/32"},
+                                                        {"0.0.0.0/0", "0.0.0.0/0"},
+                                                        {"128.0.0.1/1", "128.0.0.0/1 host bits"},
+                                                        {"192.0.2.7", "192.0.2.7/32"},
+                                                        {"[::1]", "[::1]/128"},
+                                                        {"10.0.0.0/33", ""},
+                                                        {"10.0.0.0/", ""},
+                                                        {"10.0.0.0/8x", ""},
+                                                        {"!10.0.0.0/8", ""},
+                                                        {"hash:/etc/x", ""},
+                                                        {"mail.example/8", ""},
+                                                        {"::/129", ""},
+                                                        {"", ""}};
+  for (const auto& [text, read] : kCases) {
+    const auto network = Network::Parse(text);
+    EXPECT_EQ(network ? network->Text() + (network->HasHostBits() ? " host bits" : "") : "", read) << text;
+  }
+}
+
+TEST(Network, CoversOthers) {
+  const struct {
+    const char* one;
+    const char* other;
+    bool in;
+  } kCases[] = {{"172.31.255.255", "172.16.0.0/12", true}, {"172.32.0.0", "172.16.0.0/12", false},
+                {"10.0.0.0/8", "10.0.0.0/8", true},        {"10.0.0.0/7", "10.0.0.0/8", false},
+                {"192.0.2.3", "0.0.0.0/0", true},          {"192.0.2.3", "::/0", false},
+                {"fdff::1", "[fc00::]/7", true},           {"fe00::", "[fc00::]/7", false},
+                {"192.0.2.3", "192.0.2.2", false},         {"localhost", "0.0.0.0/0", false}};
+  for (const auto& row : kCases) EXPECT_EQ(IsIn(row.one, row.other), row.in) << row.one << " " << row.other;
 }

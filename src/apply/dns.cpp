@@ -1,7 +1,5 @@
 #include "system/dns.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cctype>
 #include <functional>
@@ -11,6 +9,7 @@
 #include "change/basics.h"
 #include "core/config_generator.h"
 #include "mail/certificate.h"
+#include "system/address.h"
 
 namespace {
 
@@ -27,12 +26,9 @@ struct Record {
 
 // The hosts that send mail: this machine, or the relay (RFC 7208).
 Record SpfRecord(const std::string& domain, const std::string& relay) {
-  unsigned char address[sizeof(in6_addr)];
-  const bool v4 = inet_pton(AF_INET, relay.c_str(), address) == 1;
-  const bool v6 = inet_pton(AF_INET6, relay.c_str(), address) == 1;
   if (relay.empty()) return {domain, "TXT", "v=spf1 mx -all", {"mx"}};
-  if (v4 || v6) {
-    const std::string sender = (v4 ? "ip4:" : "ip6:") + relay;
+  if (Network::Parse(relay)) {
+    const std::string sender = (IsSix(relay) ? "ip6:" : "ip4:") + relay;
     return {domain, "TXT", "v=spf1 mx " + sender + " -all", {"mx", sender}};
   }
   const std::string sender = "a:" + relay;

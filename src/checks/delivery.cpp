@@ -9,6 +9,7 @@
 
 #include "checks/strangers.h"
 #include "mail/daemons.h"
+#include "system/address.h"
 #include "system/program.h"
 #include "system/text.h"
 #include "system/wait.h"

@@ -3,7 +3,7 @@
 #include "checks/mail_questions.h"
 #include "checks/strangers.h"
 #include "mail/dovecot_config.h"
-#include "mail/smtp_listeners.h"
+#include "system/address.h"
 #include "system/program.h"
 #include "system/text.h"
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "system/address.h"
 #include "system/text.h"
 
 namespace {
@@ -20,8 +21,6 @@ constexpr Range kPrivate[] = {{"10.0.0.0/8", "10.231.77.77"},
                               {"192.168.0.0/16", "192.168.231.77"},
                               {"fc00::/7", "fd77:77:77::77"}};
 
-bool IsSix(const std::string& address) { return Contains(address, ":"); }
-
 // The word of mynetworks that trusts the address; empty when none does.
 std::string TrustedIn(const std::string& address, const Parameters& main) {
   const std::vector<std::string> networks = Words(main.at("mynetworks"));
@@ -32,15 +31,8 @@ std::string TrustedIn(const std::string& address, const Parameters& main) {
 
 // True for a network within a private range.
 bool IsPrivate(const std::string& network) {
-  const size_t slash = network.rfind('/');
-  std::string base = network.substr(0, slash);
-  if (base[0] == '[') base = base.substr(1, base.find(']') - 1);
-  const int bits = slash == std::string::npos ? 128 : std::atoi(network.c_str() + slash + 1);
-  return std::any_of(std::begin(kPrivate), std::end(kPrivate), [&](const Range& range) {
-    return IsIn(base, range.network) &&
-           bits >=
-               std::atoi(std::string(range.network).substr(std::string(range.network).find('/') + 1).c_str());
-  });
+  return std::any_of(std::begin(kPrivate), std::end(kPrivate),
+                     [&](const Range& range) { return IsIn(network, range.network); });
 }
 
 // The first of the addresses that mynetworks does not trust; the first, when it trusts all.
@@ -217,14 +209,12 @@ CheckResult JudgeNetworks(const Parameters& main, bool isolated) {
   CheckResult result = {{Topic::kTrustedNetworks, DaemonId::kPostfix}, Grade::kGood};
   std::string named;
   for (const std::string& network : Words(main.at("mynetworks"))) {
-    const size_t slash = network.rfind('/');
-    const std::string base = network.substr(0, slash == std::string::npos ? 0 : slash);
-    if (base.empty() || Contains(base, "/") || Contains(base, ":/")) continue;
-    const int bits = std::atoi(network.c_str() + slash + 1);
-    const bool six = IsSix(base);
+    const auto parsed = Network::Parse(network);
+    if (!parsed || IsPrivate(network) || IsIn(network, "127.0.0.0/8")) continue;
+    const bool six = parsed->size == 128;
     // A provider's whole range may be an administrator's own; half of the Internet is not.
-    if (bits >= (six ? 32 : 16) || IsPrivate(network) || StartsWith(base, "127")) continue;
-    const bool wide = bits < (six ? 16 : 8);
+    if (parsed->bits >= (six ? 32 : 16)) continue;
+    const bool wide = parsed->bits < (six ? 16 : 8);
     // In a rehearsal the stranger in it has been let through, or has not.
     const bool asked = isolated && TrustedIn(Untrusted(kPublic, main), main) == network;
     if (!result.Bad()) result.grade = wide && !asked ? Grade::kBad : Grade::kWarning;

@@ -24,22 +24,5 @@ struct SmtpListener {
 /// All of them.
 std::vector<SmtpListener> SmtpListeners(const PostfixConfig& config);
 
-/// The first global address of each family that stands on this machine's interfaces.
-std::vector<std::string> OwnAddresses();
-
-/// The addresses of a name, as far as /etc/hosts or a name server knows it; an address is its own, also in
-/// brackets.
-std::vector<std::string> AddressesOf(const std::string& name);
-
-/// True for this machine's addresses that no other machine reaches.
-bool IsLoopback(const std::string& address);
-
-/// An address as it stands in a URL: an IPv6 one has brackets.
-std::string InUrl(const std::string& address);
-
 /// True when a host and a port are those of one of the listeners.
 bool IsOwn(const std::vector<SmtpListener>& listeners, const std::string& host, const std::string& port);
-
-/// True when the address is in the network, which is written as in mynetworks (postconf(5)). False for
-/// tables.
-bool IsIn(const std::string& address, const std::string& network);

@@ -5,8 +5,8 @@
 
 #include "mail/certificate.h"
 #include "mail/daemons.h"
-#include "mail/smtp_listeners.h"
 #include "preview/warnings.h"
+#include "system/address.h"
 #include "system/dns.h"
 #include "system/files.h"
 #include "system/text.h"

@@ -8,6 +8,7 @@
 #include "mail/dovecot_config.h"
 #include "mail/smtp_listeners.h"
 #include "preview/sandbox.h"
+#include "system/address.h"
 #include "system/text.h"
 
 namespace {
