@@ -6,6 +6,7 @@
 
 #include "mail/daemons.h"
 #include "mail/dovecot_config.h"
+#include "mail/listeners.h"
 #include "mail/postfix_config.h"
 #include "mail/postfix_log.h"
 #include "mail/smtp_listeners.h"
@@ -206,6 +207,27 @@ TEST(SmtpListeners, AreThoseOfMasterCf) {
     }
     return seen;
   });
+}
+
+TEST(Listeners, AreThoseOfTheKernelsTables) {
+  const std::string head =
+      "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid\n";
+  const std::string rest =
+      " 00000000:00000000 00:00000000 00000000   117        0 4711 1 0000 100 0 0 10 0\n";
+  std::string seen;
+  for (const TcpListener& one : ParseTcpListeners(
+           head + "   0: 0100007F:0019 00000000:0000 0A" + rest + "   1: 0100007F:0050 00000000:0000 01" +
+           rest + "   2: 00000000000000000000000001000000:F230 00000000000000000000000000000000:0000 0A" +
+           rest)) {
+    seen +=
+        one.address + " " + one.port + " " + std::to_string(one.uid) + " " + std::to_string(one.inode) + ",";
+  }
+  EXPECT_EQ(seen, "127.0.0.1 25 117 4711,::1 62000 117 4711,");
+  EXPECT_EQ(Text(ParseUnixListeners("Num       RefCount Protocol Flags    Type St Inode Path\n"
+                                    "0: 00000002 00000000 00010000 0001 01 1 /run/a\n"
+                                    "0: 00000003 00000000 00000000 0001 03 2 /run/b\n"
+                                    "0: 00000002 00000000 00010000 0001 01 3\n")),
+            "/run/a ");
 }
 
 // PROGRAM QUEUE_ID EVENT, and the fields that are not empty.

@@ -44,20 +44,32 @@ bool IsTrusted(uid_t uid, const std::string& account) {
 
 }  // namespace
 
-std::vector<TcpListener> TcpListeners() {
+std::vector<TcpListener> ParseTcpListeners(const std::string& text) {
   std::vector<TcpListener> found;
-  for (const char* table : {"/proc/thread-self/net/tcp", "/proc/thread-self/net/tcp6"}) {
-    for (const std::string& line : Lines(ReadFile(table))) {
-      // number, ADDRESS:PORT, the other end, state, queues, timer, retransmissions, user, timeout, inode
-      const std::vector<std::string> words = Words(line);
-      if (words.size() < 10 || words[3] != "0A") continue;  // TCP_LISTEN
-      const size_t colon = words[1].find(':');
-      found.push_back({AddressOf(words[1].substr(0, colon)),
-                       std::to_string(std::stoul(words[1].substr(colon + 1), nullptr, 16)),
-                       static_cast<uid_t>(std::stoul(words[7])), std::stoul(words[9])});
-    }
+  for (const std::string& line : Lines(text)) {
+    // number, ADDRESS:PORT, the other end, state, queues, timer, retransmissions, user, timeout, inode
+    const std::vector<std::string> words = Words(line);
+    if (words.size() < 10 || words[3] != "0A") continue;  // TCP_LISTEN
+    const size_t colon = words[1].find(':');
+    found.push_back({AddressOf(words[1].substr(0, colon)),
+                     std::to_string(std::stoul(words[1].substr(colon + 1), nullptr, 16)),
+                     static_cast<uid_t>(std::stoul(words[7])), std::stoul(words[9])});
   }
   return found;
+}
+
+std::vector<TcpListener> TcpListeners() {
+  return ParseTcpListeners(ReadFile("/proc/thread-self/net/tcp") + ReadFile("/proc/thread-self/net/tcp6"));
+}
+
+std::vector<std::string> ParseUnixListeners(const std::string& text) {
+  std::vector<std::string> paths;
+  for (const std::string& line : Lines(text)) {
+    // number, references, protocol, flags, type, state, inode, path
+    const std::vector<std::string> words = Words(line);
+    if (words.size() > 7 && words[3] == "00010000") paths.push_back(words[7]);  // __SO_ACCEPTCON
+  }
+  return paths;
 }
 
 std::vector<Owner> OwnersOf(const TcpListener& listener) {

@@ -23,8 +23,14 @@ struct TcpListener {
   ino_t inode;          ///< number of the socket
 };
 
-/// All that listen in this network namespace: /proc/net/tcp, proc_pid_net(5).
+/// Those in a text like /proc/net/tcp or /proc/net/tcp6: proc_pid_net(5).
+std::vector<TcpListener> ParseTcpListeners(const std::string& text);
+
+/// All that listen in this network namespace.
 std::vector<TcpListener> TcpListeners();
+
+/// The paths of the UNIX sockets that listen, in a text like /proc/net/unix.
+std::vector<std::string> ParseUnixListeners(const std::string& text);
 
 /// The processes that have the listener's socket open. Only root sees those of other users.
 std::vector<Owner> OwnersOf(const TcpListener& listener);

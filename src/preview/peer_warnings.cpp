@@ -5,6 +5,7 @@
 
 #include "mail/certificate.h"
 #include "mail/daemons.h"
+#include "mail/listeners.h"
 #include "preview/warnings.h"
 #include "system/address.h"
 #include "system/dns.h"
@@ -57,14 +58,10 @@ void CheckDirectories(Warnings& warnings, const PostfixConfig& postfix) {
   }
 }
 
-// True when somebody listens on the path: proc_pid_net(5), /proc/net/unix.
+// True when somebody listens on the path.
 bool IsSocket(const std::string& path) {
-  const std::string place = StartsWith(path, "/var/run/") ? path.substr(4) : path;
-  for (const std::string& line : Lines(ReadFile("/proc/thread-self/net/unix"))) {
-    const std::vector<std::string> words = Words(line);
-    if (words.size() > 7 && words[3] == "00010000" && (words[7] == path || words[7] == place)) return true;
-  }
-  return false;
+  const std::vector<std::string> all = ParseUnixListeners(ReadFile("/proc/thread-self/net/unix"));
+  return Contains(all, path) || (StartsWith(path, "/var/run/") && Contains(all, path.substr(4)));
 }
 
 // True when a program of ours is started there with Postfix, or Postfix itself listens.
