@@ -41,7 +41,7 @@ void JudgeRelayHost(CheckResults& results, const Parameters& main,
 CheckResult CheckPort(const Question& question, const std::string& account, const std::string& deed) {
   const std::string& port = question.listener;
   CheckResult result = Judge(question, true, {"nobody else listens"});
-  for (const TcpListener& stranger : StrangersOn(port, account)) {
+  for (const TcpListener& stranger : ForeignListeners(port, account)) {
     const passwd* known = getpwuid(stranger.uid);
     const std::string user = known != nullptr ? known->pw_name : std::to_string(stranger.uid);
     std::string detail = stranger.address + " is held by user " + user + ", and not by " + question.to;

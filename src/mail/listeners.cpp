@@ -97,7 +97,7 @@ bool Belongs(const TcpListener& listener, const Daemon& daemon) {
                      [&](const Owner& owner) { return StartsWith(owner.program, daemon.program); });
 }
 
-std::vector<TcpListener> StrangersOn(const std::string& port, const std::string& account) {
+std::vector<TcpListener> ForeignListeners(const std::string& port, const std::string& account) {
   std::vector<TcpListener> found;
   for (const TcpListener& listener : TcpListeners()) {
     if (listener.port == port && !IsTrusted(listener.uid, account)) found.push_back(listener);

@@ -40,7 +40,7 @@ std::vector<Owner> OwnersOf(const TcpListener& listener);
 bool Belongs(const TcpListener& listener, const Daemon& daemon);
 
 /// Those who listen on the port and are neither root's nor this account's.
-std::vector<TcpListener> StrangersOn(const std::string& port, const std::string& account);
+std::vector<TcpListener> ForeignListeners(const std::string& port, const std::string& account);
 
 /// True when somebody listens on the port in this network namespace.
 bool IsListening(const std::string& port);

@@ -83,10 +83,10 @@ void CoverData(const PostfixConfig& postfix) {
   CoverNamed(postfix);
   const std::string spool = postfix.Value("mail_spool_directory");
   for (const Person& person : People()) {
-    CoverShape(spool + "/" + person.name);
+    CopyShape(spool + "/" + person.name);
     if (StartsWith(kEtc, person.home)) continue;
     Cover(person.home, 0);
-    for (const std::string& place : MailPlaces(postfix)) CoverShape(person.home + "/" + place);
+    for (const std::string& place : MailPlaces(postfix)) CopyShape(person.home + "/" + place);
   }
 }
 

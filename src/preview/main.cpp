@@ -105,7 +105,7 @@ int main(int argc, char* argv[]) {
   // No daemon that is rehearsed reads what this command writes.
   if (words == std::vector<std::string>{"mailscanner"}) rehearsal = false;
   try {
-    const Preview preview = TryBoth({words, rehearsal, TakenPlaces()});
+    const Preview preview = TryBoth({words, rehearsal, OccupiedEndpoints()});
     std::ostringstream text;
     PrintText(text, preview, colour && !json);
     Json::Value all = ToJson(preview);

@@ -22,14 +22,14 @@
 
 namespace {
 
-// A socket of the place, as `use` makes it: bind(2) or connect(2). Negative when that is impossible.
+// A socket of the endpoint, as `use` makes it: bind(2) or connect(2). Negative when that is impossible.
 template <typename Use>
-int Open(const Place& place, int type, Use use) {
+int Open(const Endpoint& endpoint, int type, Use use) {
   addrinfo wanted = {};
   wanted.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
   wanted.ai_socktype = type;
   addrinfo* found = nullptr;
-  if (getaddrinfo(place.address.c_str(), place.port.c_str(), &wanted, &found) != 0) return -1;
+  if (getaddrinfo(endpoint.address.c_str(), endpoint.port.c_str(), &wanted, &found) != 0) return -1;
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, freeaddrinfo);
   const int file = socket(found->ai_family, type | SOCK_CLOEXEC, 0);
   const int yes = 1;
@@ -72,14 +72,14 @@ int Open(const Place& place, int type, Use use) {
   }
 }
 
-// Takes the connections of one listener, and connects each with the place on the machine's network.
-[[noreturn]] void Forward(int listener, int machine, const Place& place) {
+// Takes the connections of one listener, and connects each with the endpoint on the machine's network.
+[[noreturn]] void Forward(int listener, int machine, const Endpoint& endpoint) {
   if (setns(machine, CLONE_NEWNET) != 0) _exit(1);
   signal(SIGCHLD, SIG_IGN);
   for (;;) {
     const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (client >= 0 && fork() == 0) {
-      const int server = Open(place, SOCK_STREAM, connect);
+      const int server = Open(endpoint, SOCK_STREAM, connect);
       if (server < 0) _exit(1);
       PassOn(client, server);
     }
@@ -89,20 +89,20 @@ int Open(const Place& place, int type, Use use) {
 
 }  // namespace
 
-std::vector<Place> TakenPlaces() {
-  std::vector<Place> places;
+std::vector<Endpoint> OccupiedEndpoints() {
+  std::vector<Endpoint> endpoints;
   for (const TcpListener& listener : TcpListeners()) {
     if (std::none_of(Daemons().begin(), Daemons().end(), [&](const Daemon& daemon) {
           // Others may run the same program as another milter.
           return (daemon.milterPort.empty() || daemon.milterPort == listener.port) &&
                  Belongs(listener, daemon);
         }))
-      places.push_back({listener.address, listener.port});
+      endpoints.push_back({listener.address, listener.port});
   }
-  return places;
+  return endpoints;
 }
 
-void LeaveNetwork(const std::vector<Place>& taken, const std::vector<Service>& services) {
+void LeaveNetwork(const std::vector<Endpoint>& occupied, const std::vector<Service>& services) {
   std::string changes = "link set lo up\n";
   const auto address = [&](const std::string& one) {
     // Without a route to its network, whose hosts would be this machine then.
@@ -124,8 +124,9 @@ void LeaveNetwork(const std::vector<Place>& taken, const std::vector<Service>& s
   }
   changes += "route add local " + OutsideAddresses::Users() + " dev lo\n";
   for (const Service& service : services) {
-    if (!service.local) changes += "route add local " + service.place.address + " dev lo\n";
-    if (service.host != service.place.address) hosts += service.place.address + " " + service.host + "\n";
+    if (!service.local) changes += "route add local " + service.endpoint.address + " dev lo\n";
+    if (service.host != service.endpoint.address)
+      hosts += service.endpoint.address + " " + service.host + "\n";
   }
   const int machine = open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
   if (unshare(CLONE_NEWNET | CLONE_NEWNS) != 0) throw std::runtime_error("cannot make a network namespace");
@@ -133,13 +134,13 @@ void LeaveNetwork(const std::vector<Place>& taken, const std::vector<Service>& s
     throw std::runtime_error("ip(8) is missing: the rehearsal takes iproute2");
   }
   for (const Service& service : services) {
-    const int listener = Open(service.place, SOCK_STREAM, bind);
+    const int listener = Open(service.endpoint, SOCK_STREAM, bind);
     if (listener >= 0 && listen(listener, SOMAXCONN) == 0 && fork() == 0)
-      Forward(listener, machine, service.place);
+      Forward(listener, machine, service.endpoint);
   }
-  // A connection is refused there, and nobody else can listen. (Linux lets two sockets share a place when
+  // A connection is refused there, and nobody else can listen. (Linux lets two sockets share an endpoint when
   // both were made with SO_REUSEADDR and neither listens.)
-  for (const Place& place : taken) Open(place, SOCK_STREAM, bind);  // until the process ends
+  for (const Endpoint& endpoint : occupied) Open(endpoint, SOCK_STREAM, bind);  // until the process ends
   ReplaceByText("/etc/hosts", hosts);
   ReplaceByText("/etc/resolv.conf", "nameserver 127.0.0.1\noptions attempts:1\n");
   const int names = Open({"127.0.0.1", "53"}, SOCK_DGRAM, bind);

@@ -5,7 +5,7 @@
 #include <vector>
 
 /// Where a program listens for TCP connections; both are numeric.
-struct Place {
+struct Endpoint {
   std::string address;
   std::string port;
 };
@@ -13,15 +13,15 @@ struct Place {
 /// A program that is asked in the rehearsal, and listens on the machine's network.
 struct Service {
   std::string host;  ///< as the configuration names it
-  Place place;
+  Endpoint endpoint;
   bool local;  ///< on this machine
 };
 
-/// The places where programs other than our daemons listen. To be asked outside the sandbox, from where such
-/// programs cannot be seen.
-std::vector<Place> TakenPlaces();
+/// The endpoints where programs other than our daemons listen. To be asked outside the sandbox, from where
+/// such programs cannot be seen.
+std::vector<Endpoint> OccupiedEndpoints();
 
 /// Leaves the machine's network for good. In the new one there are the loopback interface, with the machine's
-/// own addresses beside its usual ones; sockets that keep the taken places; ways to the services; and a name
-/// server that answers at once that it does not know. To be called in the sandbox.
-void LeaveNetwork(const std::vector<Place>& taken, const std::vector<Service>& services);
+/// own addresses beside its usual ones; sockets that keep the occupied endpoints; ways to the services; and a
+/// name server that answers at once that it does not know. To be called in the sandbox.
+void LeaveNetwork(const std::vector<Endpoint>& occupied, const std::vector<Service>& services);

@@ -145,17 +145,17 @@ std::string Consequence(DaemonId id, bool installed) {
   return "";
 }
 
-CheckResults Rehearse(const PostfixConfig& postfix, const std::vector<Place>& taken) {
+CheckResults Rehearse(const PostfixConfig& postfix, const std::vector<Endpoint>& occupied) {
   CheckResults results;
   const bool files = !postfix.parameters.empty();
-  LeaveNetwork(taken, files ? TcpServices(postfix, taken) : std::vector<Service>());
+  LeaveNetwork(occupied, files ? TcpServices(postfix, occupied) : std::vector<Service>());
   if (files) KeepSockets(postfix);
   // Makes the directories of the queue, of which Dovecot needs one for its socket.
   if (files && !fs::exists(postfix.Value("queue_directory") + "/pid"))
     RunProgram(DaemonOf(DaemonId::kPostfix).check);
   MailCheck check = {
       false, false, true, "rehearsal", "This is a rehearsal.\n", MailUsers(postfix), [&](const Peer& peer) {
-        return RunsOutside(postfix, peer, taken);
+        return RunsOutside(postfix, peer, occupied);
       }};
   TakeLog();
   // A login that is refused would wait for two seconds.

@@ -18,6 +18,6 @@ Question StartOf(DaemonId id);
 std::string Consequence(DaemonId id, bool installed = true);
 
 /// Starts Dovecot, the milters that are on and Postfix, as far as they are installed and have files, and asks
-/// them. `taken` are the places where others listen (TakenPlaces). To be called once, after
+/// them. `occupied` are the endpoints at which others listen (OccupiedEndpoints). To be called once, after
 /// CoverData: the network is left for good.
-CheckResults Rehearse(const PostfixConfig& postfix, const std::vector<Place>& taken);
+CheckResults Rehearse(const PostfixConfig& postfix, const std::vector<Endpoint>& occupied);

@@ -181,7 +181,7 @@ void CoverFile(const std::string& path) {
   }
 }
 
-void CoverShape(const std::string& path) {
+void CopyShape(const std::string& path) {
   struct stat status = {};
   const std::string from = kMachineRoot + path;
   std::error_code none;

@@ -42,7 +42,7 @@ void CoverFile(const std::string& path);
 /// Makes at a path below a covered directory what stands there on the machine: a directory with the
 /// directories in it, or an empty file, of the same owner and mode. Nothing happens where nothing stands
 /// there.
-void CoverShape(const std::string& path);
+void CopyShape(const std::string& path);
 
 /// Makes a socket of the machine reachable at its path below a covered directory.
 void ShowSocket(const std::string& path);

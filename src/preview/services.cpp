@@ -55,14 +55,14 @@ bool IsOurs(const PostfixConfig& postfix, const std::string& path) {
 
 }  // namespace
 
-std::vector<Service> TcpServices(const PostfixConfig& postfix, const std::vector<Place>& taken) {
+std::vector<Service> TcpServices(const PostfixConfig& postfix, const std::vector<Endpoint>& occupied) {
   std::vector<Service> services;
   std::set<std::pair<std::string, std::string>> asked;
   for (const auto& [via, host, port, path] : Peers(postfix)) {
     if (!path.empty() || !asked.emplace(host, port).second) continue;
     for (const std::string& address : AddressesOf(host)) {
       const bool local = IsLoopback(address) || Contains(OwnAddresses(), address);
-      if (local && (IsOurMilter(postfix, port) || !RunsOutside(postfix, {"", address, port, ""}, taken)))
+      if (local && (IsOurMilter(postfix, port) || !RunsOutside(postfix, {"", address, port, ""}, occupied)))
         continue;
       services.push_back({host, {address, port}, local});
     }
@@ -79,10 +79,10 @@ void KeepSockets(const PostfixConfig& postfix) {
   }
 }
 
-bool RunsOutside(const PostfixConfig& postfix, const Peer& peer, const std::vector<Place>& taken) {
+bool RunsOutside(const PostfixConfig& postfix, const Peer& peer, const std::vector<Endpoint>& occupied) {
   const std::string path = InQueue(postfix, peer.path);
   if (!peer.path.empty()) return fs::is_socket(kMachineRoot + path) && !IsOurs(postfix, path);
-  return std::any_of(taken.begin(), taken.end(), [&](const Place& one) {
+  return std::any_of(occupied.begin(), occupied.end(), [&](const Endpoint& one) {
     return one.port == peer.port &&
            (one.address == peer.host || one.address == "0.0.0.0" || one.address == "::");
   });

@@ -13,10 +13,10 @@
 
 /// Those in main.cf and master.cf that listen on TCP, without our own daemons. To be asked on the
 /// machine's network.
-std::vector<Service> TcpServices(const PostfixConfig& postfix, const std::vector<Place>& taken);
+std::vector<Service> TcpServices(const PostfixConfig& postfix, const std::vector<Endpoint>& occupied);
 
 /// Makes their UNIX sockets reachable in the sandbox.
 void KeepSockets(const PostfixConfig& postfix);
 
 /// True when somebody else's program listens on the machine. The peer is an address and a port, or a path.
-bool RunsOutside(const PostfixConfig& postfix, const Peer& peer, const std::vector<Place>& taken);
+bool RunsOutside(const PostfixConfig& postfix, const Peer& peer, const std::vector<Endpoint>& occupied);

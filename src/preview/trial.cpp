@@ -153,7 +153,7 @@ Preview Try(const Trial& trial, bool generate) {
     for (const CheckResult& result : CheckPorts(postfix.parameters)) {
       if (result.Bad()) add({result});
     }
-    if (trial.rehearsal) add(Rehearse(postfix, trial.taken));
+    if (trial.rehearsal) add(Rehearse(postfix, trial.occupied));
     Wait(preview.results, lint, "");
     preview.warnings = Lines(warnings.Wait().output);
   } else {

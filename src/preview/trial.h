@@ -12,7 +12,7 @@
 struct Trial {
   std::vector<std::string> words;  ///< of nubo_set_config
   bool rehearsal;                  ///< the daemons are started
-  std::vector<Place> taken;        ///< TakenPlaces
+  std::vector<Endpoint> occupied;  ///< OccupiedEndpoints
 };
 
 /// Tries the files that the words write: with `generate` those that the settings would make, and else the
