@@ -16,6 +16,7 @@
 #include "mail/daemons.h"
 #include "mail/listeners.h"
 #include "mail/versions.h"
+#include "system/address.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ void AddForeignOwners(CheckResults& mail) {
     for (const TcpListener& listener : TcpListeners()) {
       const bool there = listener.port == asked.place.substr(colon + 1) &&
                          (listener.address == "0.0.0.0" || listener.address == "::" ||
-                          Contains(asked.place.substr(0, colon), listener.address));
+                          InUrl(listener.address) == asked.place.substr(0, colon));
       const Daemon& daemon = DaemonOf(asked.question.daemon);
       if (!there || (Belongs(listener, daemon) && IsHeldBy(listener, daemon))) continue;
       std::string detail = "is of user " + std::to_string(listener.uid);
@@ -64,7 +65,7 @@ void AddCertificates(CheckResults& mail, Json::Value& shown) {
     question.to = listener.startTls;
     const std::string fingerprint = ServedFingerprint(listener.place, listener.startTls);
     const auto file = std::find_if(certificates.begin(), certificates.end(), [&](const Certificate& one) {
-      return one.fingerprint == fingerprint && Contains(one.readers, daemon);
+      return one.fingerprint == fingerprint && one.readers.count(question.daemon) != 0;
     });
     if (file == certificates.end()) {
       mail.push_back(Judge(question, false, {"is not the one in its file: restart " + daemon}));

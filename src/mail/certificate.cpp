@@ -14,18 +14,17 @@
 
 namespace {
 
-void Add(std::vector<Certificate>& found, const std::string& reader, const std::string& file,
-         const std::string& key) {
+void Add(std::vector<Certificate>& found, DaemonId reader, const std::string& file, const std::string& key) {
   if (file.empty() || file == "none") return;
   for (Certificate& known : found) {
     if (known.file != file || known.key != key) continue;
-    if (!Contains(known.readers, reader)) known.readers += ", " + reader;
+    known.readers.insert(reader);
     return;
   }
   Certificate fresh;
   fresh.file = file;
   fresh.key = key;
-  fresh.readers = reader;
+  fresh.readers = {reader};
   found.push_back(fresh);
 }
 
@@ -38,24 +37,25 @@ void AddPostfix(std::vector<Certificate>& found, const PostfixConfig& postfix) {
   for (const std::string& file : Words(postfix.Value("smtpd_tls_chain_files"))) {  // a key, its certificate
     const std::string text = ReadFile(file);
     if (Contains(text, "PRIVATE KEY-----")) key = file;
-    if (Contains(text, "-----BEGIN CERTIFICATE")) Add(found, "Postfix", file, key);
+    if (Contains(text, "-----BEGIN CERTIFICATE")) Add(found, DaemonId::kPostfix, file, key);
   }
   if (key.empty()) {
     for (const std::string kind : {"", "ec", "d"}) {
-      Add(found, "Postfix", postfix.Value("smtpd_tls_" + kind + "cert_file"),
+      Add(found, DaemonId::kPostfix, postfix.Value("smtpd_tls_" + kind + "cert_file"),
           postfix.Value("smtpd_tls_" + kind + "key_file"));
     }
   }
   for (const PostfixService& service : postfix.services) {
     const auto own = service.options.find("smtpd_tls_cert_file");
     if (own != service.options.end())
-      Add(found, "Postfix", own->second, postfix.Value(service, "smtpd_tls_key_file"));
+      Add(found, DaemonId::kPostfix, own->second, postfix.Value(service, "smtpd_tls_key_file"));
   }
 }
 
 void AddDovecot(std::vector<Certificate>& found) {
   try {
-    for (const auto& [file, key] : DovecotCertificates(ReadDovecot())) Add(found, "Dovecot", file, key);
+    for (const auto& [file, key] : DovecotCertificates(ReadDovecot()))
+      Add(found, DaemonId::kDovecot, file, key);
   } catch (const Fault&) {  // its checker says why
   }
 }

@@ -1,21 +1,22 @@
 /// The certificates with which the listeners prove who they are, and keys, in PEM form (RFC 7468).
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
-#include "mail/postfix_config.h"
+#include "mail/daemons.h"
 
 /// A certificate file that Postfix or Dovecot names.
 struct Certificate {
   std::string file;
-  std::string key;          ///< the file of its key
-  std::string readers;      ///< "Postfix", "Dovecot", or both with a comma between
-  std::string names;        ///< for which it was made, with blanks between
-  std::string fingerprint;  ///< SHA-256, 32 bytes
-  long days = 0;            ///< until it expires; negative afterwards
-  bool usable = true;       ///< the daemon can load it, and its time has come and is not over
-  std::string fault{};      ///< what is wrong, as a sentence; may be set where it is usable
+  std::string key;             ///< the file of its key
+  std::set<DaemonId> readers;  ///< Postfix, Dovecot, or both
+  std::string names;           ///< for which it was made, with blanks between
+  std::string fingerprint;     ///< SHA-256, 32 bytes
+  long days = 0;               ///< until it expires; negative afterwards
+  bool usable = true;          ///< the daemon can load it, and its time has come and is not over
+  std::string fault{};         ///< what is wrong, as a sentence; may be set where it is usable
 };
 
 /// A certificate that expires in fewer days has a fault.

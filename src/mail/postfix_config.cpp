@@ -200,6 +200,8 @@ void SetParameter(const std::string& name, const std::string& value) {
 
 std::vector<std::string> MainCfCheck() { return {"postconf", "-c", kEtc, "-n"}; }
 
+std::vector<std::string> PostfixVersionCommand() { return {"postconf", "-dh", "mail_version"}; }
+
 void SkipSettleTime(const std::string& path) {
   fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::seconds(10));
 }

@@ -85,8 +85,9 @@ bool HasPeer(const std::string& value, const std::string& port);
 /// Changes a parameter of target/etc/main.cf.
 void SetParameter(const std::string& name, const std::string& value);
 
-/// The command that names what is wrong in target/etc/main.cf.
+/// The command that names what is wrong in target/etc/main.cf, and the one that prints Postfix's version.
 std::vector<std::string> MainCfCheck();
+std::vector<std::string> PostfixVersionCommand();
 
 /// Makes a file of Postfix ten seconds old: Postfix's programs would wait until it is two seconds old, since
 /// they cannot know that it is whole.

@@ -4,6 +4,7 @@
 #include <regex>
 #include <utility>
 
+#include "mail/postfix_config.h"
 #include "system/files.h"
 #include "system/program.h"
 
@@ -18,11 +19,10 @@ struct Versioned {
 };
 
 const std::vector<Versioned>& DaemonCommands() {
-  static const std::vector<Versioned> daemons = {
-      {"Postfix", {"postconf", "-dh", "mail_version"}, "", "3.7", "3.10"},
-      {"Dovecot", {"dovecot", "--version"}, "", "2.3", "2.4"},
-      {"OpenDKIM", {"opendkim", "-V"}, " v", "2.11", "2.11"},
-      {"OpenDMARC", {"opendmarc", "-V"}, " v", "1.4", "1.4"}};
+  static const std::vector<Versioned> daemons = {{"Postfix", PostfixVersionCommand(), "", "3.7", "3.10"},
+                                                 {"Dovecot", {"dovecot", "--version"}, "", "2.3", "2.4"},
+                                                 {"OpenDKIM", {"opendkim", "-V"}, " v", "2.11", "2.11"},
+                                                 {"OpenDMARC", {"opendmarc", "-V"}, " v", "1.4", "1.4"}};
   return daemons;
 }
 

@@ -204,7 +204,10 @@ Warnings AllWarnings(bool listenersChange, const PostfixConfig& postfix) {
   if (postfix.parameters.empty()) return warnings;
   add(PostfixWarnings(postfix));
   for (const Certificate& certificate : Certificates(postfix)) {
-    if (!certificate.fault.empty()) Warn(warnings, certificate.file, certificate.readers, certificate.fault);
+    std::string readers;
+    for (const DaemonId id : certificate.readers)
+      readers += (readers.empty() ? "" : ", ") + DaemonOf(id).name;
+    if (!certificate.fault.empty()) Warn(warnings, certificate.file, readers, certificate.fault);
   }
   add(PeerWarnings(postfix));
   return warnings;
