@@ -98,8 +98,11 @@ CheckResult JudgeRoom(const PostfixConfig& postfix) {
 // Whether Dovecot asks the PAM services that the package helper is told for this type of account.
 CheckResult JudgePam() {
   CheckResult result = {{Topic::kPam, DaemonId::kDovecot}, Grade::kGood};
-  std::string told = ReadFile(kToldPamConfig);
-  if (told.empty()) told = ReadFile(kKeptPamConfig);
+  Json::Value told;
+  std::ifstream file(fs::exists(kToldPamConfig) ? kToldPamConfig : kKeptPamConfig);
+  const bool known = Json::parseFromStream(Json::CharReaderBuilder(), file, &told, nullptr) &&
+                     told.isObject() && told["id-list"].isArray();
+  const Json::Value services = known ? told["id-list"] : Json::arrayValue;
   const auto warn = [&](const std::string& why, const char* sentence) {
     result.grade = Grade::kWarning;
     result.words.push_back("Dovecot asks PAM for " + why);
@@ -109,7 +112,7 @@ CheckResult JudgePam() {
     if (!fs::exists("/etc/pam.d/" + name)) {
       warn(name + ", which has no file in /etc/pam.d",
            "Whom the service \"other\" admits can log in, and nobody else.");
-    } else if (!told.empty() && !Contains(told, '"' + name + '"')) {
+    } else if (known && std::find(services.begin(), services.end(), Json::Value(name)) == services.end()) {
       warn(name + ", which is not for the account_type",
            "Users of another account_type can log in, and not those of this one.");
     }
