@@ -33,7 +33,6 @@ TEST(CheckResult, IsComparedWithTheOneBefore) {
   } kCases[] = {
       {"good", {Result(kPort25, kGood)}, Result(kPort25, kGood), Shift::kSame},
       {"mended", {Result(kPort25, kBad)}, Result(kPort25, kGood), Shift::kDifferent},
-      {"new and good", {}, Result(kPort465, kGood), Shift::kSame},
       {"new and bad", {Result(kPort25, kGood)}, Result(kPort465, kBad), Shift::kWorse},
       {"bad as before", {Result(kPort25, kBad, {"a"})}, Result(kPort25, kBad, {"b"}), Shift::kSoBefore},
       {"worse", {Result(kPort25, kGood)}, Result(kPort25, kBad), Shift::kWorse},
@@ -41,7 +40,6 @@ TEST(CheckResult, IsComparedWithTheOneBefore) {
        {Result(kToPostmaster, Grade::kNotAsked)},
        Result(kToPostmaster, kBad),
        Shift::kWorse},
-      {"warned of", {Result(kRelay, kGood)}, Result(kRelay, Grade::kWarning), Shift::kDifferent},
       {"opened", {Result(kRelay, kGood)}, Result(kRelay, kBad), Shift::kOpened},
       {"open as before", {Result(kRelay, kBad)}, Result(kRelay, kBad), Shift::kSoBefore},
       {"opened while down", {Result({Topic::kStarts, kPostfix}, kBad)}, Result(kRelay, kBad), Shift::kOpened},
@@ -112,7 +110,6 @@ TEST(CheckResult, IsTheSameAfterJson) {
 
 TEST(CheckResult, HasANameForPeople) {
   const std::pair<Question, const char*> kCases[] = {
-      {kPort25, "Postfix, port 25"},
       {kPort465, "Postfix, port 465, TLS"},
       {{Topic::kStartTls, kPostfix, "[::1]:587", Asker::kMachine, "", true},
        "Postfix, port [::1]:587, STARTTLS"},
@@ -131,8 +128,6 @@ TEST(CheckResult, HasANameForPeople) {
       {{Topic::kPortOwner, kPostfix, "11211", Asker::kMachine, "memcached"}, "memcached, port 11211"},
       {{Topic::kCertificate, kPostfix, "587", Asker::kMachine, "smtp", true},
        "Postfix, port 587, STARTTLS, certificate"},
-      {{Topic::kProgram, kPostfix, "465", Asker::kMachine, "0.0.0.0", true},
-       "Postfix, port 465, TLS, program at 0.0.0.0"},
   };
   for (const auto& [question, name] : kCases) EXPECT_EQ(Name(question), name);
 }

@@ -50,7 +50,6 @@ TEST(Warnings, EachParameterHasItsLine) {
       {"smtpd_tls_security_level = encrypt", "587 inet n - n - - smtpd", ""},
       {"smtpd_tls_security_level = encrypt", "a unix n - n - - b\n25 inet n - n - - smtpd",
        "port 25 demands TLS"},
-      {"smtpd_tls_security_level = encrypt", "25 inet n - n - - smtpd -o smtpd_tls_security_level=may", ""},
       {"", "[::1]:smtp inet n - n - - smtpd\n -o smtpd_tls_security_level=encrypt", "port 25 demands TLS"},
       {"inet_interfaces = localhost, [::1]", "", "only programs on this machine"},
       {"inet_interfaces = 127.0.0.1 192.0.2.1", "", ""},
