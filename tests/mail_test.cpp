@@ -67,9 +67,19 @@ TEST(Daemons, KnowTheirFilesAndWords) {
       {
           {"smtp", "OpenDKIM OpenDMARC Postfix "},
           {"dovecot mailscanner", "Dovecot MailScanner "},
+          {"alias", "Postfix "},
+          {"domain_alias", "Postfix "},
           {"sender_quota_map", "Postfix "},
       },
       [&](const std::string& words) { return names(WrittenFor(Words(words))); });
+  ExpectReads({{"inet:localhost:8891", "OpenDKIM Dovecot Postfix "}, {"", "Dovecot Postfix "}},
+              [&](const std::string& milters) {
+                std::set<DaemonId> wanted;
+                for (const Daemon& one : Daemons()) {
+                  if (IsWanted(one, {{"smtpd_milters", milters}})) wanted.insert(one.id);
+                }
+                return names(wanted);
+              });
 }
 
 // NAME TYPE, HOST PORT, the program, "-" when it is public, and the options.

@@ -208,9 +208,6 @@ class Preview(ApplianceTest):
                 self.assertRegex(said, case.says)
                 self.assertTrue(unchanged)
 
-    def test_usage(self):
-        self.assertEqual(preview("smtp", "alias")[0], 2)
-
     def test_patch(self):
         """The differences, as a patch, are what the commands then do, byte by byte."""
         settings(smtp={**TLS, **RELAY}, aliases={"sales": ["alice"]}, imap_pop3={"imaps_enabled": True})

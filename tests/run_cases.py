@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 # Whole runs as text: run_cases.py PROGRAM FILE.case...
 #
-# A case lays out files, runs one command, and lists everything that results: status, output, programs run, log lines,
-# and each file that is new, changed or gone, with its mode and bytes. Anything that is not listed makes it fail. The
-# first case of a file lists all of it. The later ones start from the same files and list only what differs.
+# A case lays out files, runs one command, and lists all that results: status, output, programs run, log lines, and each
+# file that is new, changed or gone, with mode and bytes. Anything else makes it fail. The later cases of a file list only
+# what differs from the first one.
 #
 #     case TITLE                or the first line of its scene, when that says enough
 #     smtp JSON                 keys of a settings file; likewise the other names in SETTINGS

@@ -107,6 +107,15 @@ END)";
     EXPECT_NE(found[i].fault.find(kCases[i].fault), std::string::npos) << found[i].fault;
   }
   const std::string self = std::string(directory) + "/self";
+  Parameters mainCf = {{"smtpd_use_tls", "yes"},
+                       {"smtpd_tls_eccert_file", self + ".crt"},
+                       {"smtpd_tls_eckey_file", self + ".key"}};
+  const std::vector<Certificate> own = Certificates(
+      {mainCf, ParseServices("25 inet n - n - - smtpd -o smtpd_tls_cert_file=" + self + ".key")});
+  ASSERT_EQ(own.size(), 2U);
+  EXPECT_EQ(own[0].names, "self");
+  EXPECT_EQ(own[1].fault, "holds no certificate, so TLS does not work");
+  EXPECT_EQ(Certificates({mainCf, ParseServices("a unix n - n - - smtpd")}).size(), 0U);
   EXPECT_NO_THROW(CheckPair(self + ".crt", self + ".key"));
   EXPECT_THROW(CheckPair(std::string(directory) + "/two.example.crt", self + ".key"), Fault);
   EXPECT_EQ(PublicKey(self + ".key").size(), 124U);  // of 91 bytes
